@@ -1,0 +1,189 @@
+#include "logging/Logging.h"
+
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+namespace Logging {
+
+namespace {
+
+std::atomic<int> s_level{LOGGING_SEVERITY_INFO};
+std::atomic<bool> s_toStdout{true};
+std::atomic<SystemLogSink> s_systemLogSink{nullptr};
+
+// localtime_r takes the C library's time-zone lock, so a signal handler that
+// interrupted it and called it again would deadlock. Only the outermost call
+// asks for the offset; a re-entered call uses the last one seen.
+std::atomic<int> s_depth{0};
+std::atomic<long> s_utcOffset{0};
+
+const char* const kLevelNames[] = {"EMERG", "ALERT", "CRIT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
+
+// Appends without the C library's formatting, which is not safe in a signal handler.
+class LineBuilder {
+public:
+    LineBuilder(char* buffer, size_t size) : m_buffer(buffer), m_size(size) {}
+
+    void Text(const char* text, size_t length) {
+        size_t room = m_size - m_length;
+        size_t take = length < room ? length : room;
+        memcpy(m_buffer + m_length, text, take);
+        m_length += take;
+    }
+    void Text(const char* text) { Text(text, strlen(text)); }
+    void Char(char c) { Text(&c, 1); }
+    void Number(long value, int width) {
+        char digits[24];
+        int n = 0;
+        bool negative = value < 0;
+        unsigned long magnitude =
+            negative ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
+        do {
+            digits[n++] = static_cast<char>('0' + magnitude % 10);
+            magnitude /= 10;
+        } while (magnitude != 0);
+        while (n < width) digits[n++] = '0';
+        if (negative) Char('-');
+        while (n > 0) Char(digits[--n]);
+    }
+    size_t Length() const { return m_length; }
+
+private:
+    char* m_buffer;
+    size_t m_size;
+    size_t m_length = 0;
+};
+
+// Civil date from days since 1970-01-01 (proleptic Gregorian).
+void CivilFromDays(long days, long& year, int& month, int& day) {
+    days += 719468;
+    long era = (days >= 0 ? days : days - 146096) / 146097;
+    long doe = days - era * 146097;
+    long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    long mp = (5 * doy + 2) / 153;
+    day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
+    month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+    year = yoe + era * 400 + (month <= 2 ? 1 : 0);
+}
+
+void AppendTimestamp(LineBuilder& line, bool outermost) {
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (outermost) {
+        struct tm local {};
+        if (localtime_r(&now.tv_sec, &local) != nullptr) s_utcOffset = local.tm_gmtoff;
+    }
+    long seconds = static_cast<long>(now.tv_sec) + s_utcOffset.load();
+    long days = seconds / 86400;
+    long secondOfDay = seconds % 86400;
+    if (secondOfDay < 0) {
+        secondOfDay += 86400;
+        days -= 1;
+    }
+    long year = 0;
+    int month = 0;
+    int day = 0;
+    CivilFromDays(days, year, month, day);
+    line.Number(year, 4);
+    line.Char('-');
+    line.Number(month, 2);
+    line.Char('-');
+    line.Number(day, 2);
+    line.Char(' ');
+    line.Number(secondOfDay / 3600, 2);
+    line.Char(':');
+    line.Number(secondOfDay % 3600 / 60, 2);
+    line.Char(':');
+    line.Number(secondOfDay % 60, 2);
+    line.Char('.');
+    line.Number(now.tv_nsec / 1000000, 3);
+}
+
+void WriteAll(const char* data, size_t length) {
+    while (length > 0) {
+        ssize_t written = write(STDOUT_FILENO, data, length);
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return;  // nowhere left to report it
+        }
+        data += written;
+        length -= static_cast<size_t>(written);
+    }
+}
+
+void WriteToSystemLog(LOGGING_SEVERITY_LEVEL severity, const std::string& message) {
+    SystemLogSink sink = s_systemLogSink.load();
+    if (sink != nullptr) {
+        sink(severity, message.c_str());
+    } else {
+        syslog(LOG_DAEMON | severity, "%s", message.c_str());
+    }
+}
+
+class DepthGuard {
+public:
+    DepthGuard() : m_outermost(s_depth.fetch_add(1) == 0) {}
+    ~DepthGuard() { s_depth.fetch_sub(1); }
+    DepthGuard(const DepthGuard&) = delete;
+    DepthGuard& operator=(const DepthGuard&) = delete;
+    bool Outermost() const { return m_outermost; }
+
+private:
+    bool m_outermost;
+};
+
+}  // namespace
+
+void SetLogLevel(LOGGING_SEVERITY_LEVEL level) { s_level = level; }
+
+void SetLogToStdout(bool toStdout) { s_toStdout = toStdout; }
+
+void SetSystemLogSink(SystemLogSink sink) { s_systemLogSink = sink; }
+
+void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, const std::string& message,
+                          const char* file, const char* function, int line) {
+    if (severity < LOGGING_SEVERITY_EMERG || severity > LOGGING_SEVERITY_DEBUG) severity = LOGGING_SEVERITY_DEBUG;
+    if (severity > s_level.load()) return;
+    DepthGuard depth;
+
+    if (s_toStdout.load()) {
+        char header[512];
+        LineBuilder builder(header, sizeof header);
+        AppendTimestamp(builder, depth.Outermost());
+        builder.Char(' ');
+        builder.Text(kLevelNames[severity]);
+        builder.Char(' ');
+        builder.Text(file != nullptr ? file : "?");
+        builder.Char(':');
+        builder.Number(line, 1);
+        builder.Char(' ');
+        builder.Text(function != nullptr ? function : "?");
+        builder.Text(": ");
+
+        // One write per entry, so lines never interleave with what child
+        // commands print on the same descriptor.
+        char entry[4096];
+        size_t total = builder.Length() + message.size() + 1;
+        if (total <= sizeof entry) {
+            memcpy(entry, header, builder.Length());
+            memcpy(entry + builder.Length(), message.data(), message.size());
+            entry[total - 1] = '\n';
+            WriteAll(entry, total);
+        } else {
+            std::string longEntry(header, builder.Length());
+            longEntry += message;
+            longEntry += '\n';
+            WriteAll(longEntry.data(), longEntry.size());
+        }
+    }
+    if (!s_toStdout.load() || toSystemLog) WriteToSystemLog(severity, message);
+}
+
+}  // namespace Logging

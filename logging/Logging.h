@@ -1,0 +1,41 @@
+// The log facility: the same interface as the device's own logging library,
+// so the daemon builds against either.
+#pragma once
+
+#include <string>
+
+namespace Logging {
+
+enum LOGGING_SEVERITY_LEVEL : int {
+    LOGGING_SEVERITY_EMERG = 0,
+    LOGGING_SEVERITY_ALERT = 1,
+    LOGGING_SEVERITY_CRIT = 2,
+    LOGGING_SEVERITY_ERROR = 3,
+    LOGGING_SEVERITY_WARN = 4,
+    LOGGING_SEVERITY_NOTICE = 5,
+    LOGGING_SEVERITY_INFO = 6,
+    LOGGING_SEVERITY_DEBUG = 7,
+};
+
+// Entries whose severity number is above the level are dropped.
+void SetLogLevel(LOGGING_SEVERITY_LEVEL level);
+
+// true: one line per entry on standard output; false: the system log.
+void SetLogToStdout(bool toStdout);
+
+// Writes one entry. `toSystemLog` sends it to the system log as well, whatever
+// SetLogToStdout chose. Safe to call from a signal handler while logging to
+// standard output: it takes no lock and allocates only for very long messages.
+void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, const std::string& message,
+                          const char* file, const char* function, int line);
+
+// Tests replace the system log to see what reaches it; nullptr restores syslog(3).
+using SystemLogSink = void (*)(int priority, const char* message);
+void SetSystemLogSink(SystemLogSink sink);
+
+}  // namespace Logging
+
+// Logs with the caller's location: its path from the repository root, its plain
+// function name and its line.
+#define LOG_ENTRY(severity, toSystemLog, message) \
+    Logging::AddEntryWithLocation(Logging::severity, (toSystemLog), (message), __FILE__, __func__, __LINE__)

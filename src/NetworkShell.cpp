@@ -1,0 +1,60 @@
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "src/Network.h"
+
+extern char** environ;
+
+namespace {
+
+CommandRunner& ActiveRunner() {
+    static CommandRunner runner;
+    return runner;
+}
+
+}  // namespace
+
+void RunCommand(const std::string& command) {
+    CommandRunner& runner = ActiveRunner();
+    if (runner) {
+        runner(command);
+    } else {
+        RunShellCommand(command);
+    }
+}
+
+CommandRunner SetCommandRunner(CommandRunner runner) { return std::exchange(ActiveRunner(), std::move(runner)); }
+
+void RunShellCommand(const std::string& command) {
+    // Unlike system(), nothing here ignores SIGINT or SIGQUIT, so a stop signal
+    // that arrives while a command runs still reaches the daemon's handler.
+    posix_spawnattr_t attributes;
+    if (posix_spawnattr_init(&attributes) != 0) return;
+    sigset_t none;
+    sigset_t defaults;
+    sigemptyset(&none);
+    sigemptyset(&defaults);
+    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) sigaddset(&defaults, sig);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+    const char* shell = "/bin/sh";
+    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()), nullptr};
+    pid_t pid = -1;
+    int spawned = posix_spawn(&pid, shell, nullptr, &attributes, argv, environ);
+    posix_spawnattr_destroy(&attributes);
+    if (spawned != 0) return;
+
+    // The daemon keeps its stop signals blocked while it works; waiting is where
+    // it takes them, so the handler never interrupts a heap or log call.
+    sigset_t previous;
+    pthread_sigmask(SIG_SETMASK, &none, &previous);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}

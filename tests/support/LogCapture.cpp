@@ -1,0 +1,123 @@
+#include "tests/support/LogCapture.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <regex>
+
+#include "logging/Logging.h"
+
+LogCapture* LogCapture::s_active = nullptr;
+
+LogCapture::LogCapture() {
+    fflush(stdout);
+    m_captureFd = memfd_create("log-capture", 0);
+    m_savedStdout = dup(STDOUT_FILENO);
+    dup2(m_captureFd, STDOUT_FILENO);
+    Logging::SetLogToStdout(true);
+    Logging::SetLogLevel(Logging::LOGGING_SEVERITY_DEBUG);
+    Logging::SetSystemLogSink(&LogCapture::SystemLogSink);
+    s_active = this;
+}
+
+LogCapture::~LogCapture() {
+    s_active = nullptr;
+    Logging::SetSystemLogSink(nullptr);
+    fflush(stdout);
+    dup2(m_savedStdout, STDOUT_FILENO);
+    close(m_savedStdout);
+    close(m_captureFd);
+}
+
+void LogCapture::SystemLogSink(int priority, const char* message) {
+    if (s_active != nullptr) s_active->m_systemLog.push_back("<" + std::to_string(priority) + "> " + message);
+}
+
+void LogCapture::NoteCommand(const std::string& command) {
+    if (s_active == nullptr) return;
+    std::string line = "$ " + command + "\n";
+    ssize_t ignored = write(STDOUT_FILENO, line.data(), line.size());
+    (void)ignored;
+}
+
+std::string LogCapture::Raw() {
+    fflush(stdout);
+    std::string text;
+    char buffer[4096];
+    off_t offset = 0;
+    ssize_t n;
+    while ((n = pread(m_captureFd, buffer, sizeof buffer, offset)) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+        offset += n;
+    }
+    return text;
+}
+
+bool ParseLogLine(const std::string& line, LogEntry& entry) {
+    static const std::regex pattern(
+        R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} (EMERG|ALERT|CRIT|ERROR|WARN|NOTICE|INFO|DEBUG) ([^ :]+):(\d+) ([A-Za-z_][A-Za-z0-9_]*): (.*)$)");
+    std::smatch match;
+    if (!std::regex_match(line, match, pattern)) return false;
+    entry.level = match[1];
+    entry.file = match[2];
+    entry.line = std::stoi(match[3]);
+    entry.function = match[4];
+    entry.message = match[5];
+    return true;
+}
+
+namespace {
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+}  // namespace
+
+std::vector<std::string> LogCapture::Timeline() {
+    std::vector<std::string> timeline;
+    for (const std::string& line : SplitLines(Raw())) {
+        if (line.rfind("$ ", 0) == 0) {
+            timeline.push_back(line);
+            continue;
+        }
+        LogEntry entry;
+        if (ParseLogLine(line, entry)) {
+            timeline.push_back(entry.level + " " + entry.function + ": " + entry.message);
+        } else {
+            ADD_FAILURE() << "not a log entry: " << line;
+        }
+    }
+    return timeline;
+}
+
+std::vector<LogEntry> LogCapture::Entries() {
+    std::vector<LogEntry> entries;
+    for (const std::string& line : SplitLines(Raw())) {
+        if (line.rfind("$ ", 0) == 0) continue;
+        LogEntry entry;
+        if (ParseLogLine(line, entry)) {
+            entries.push_back(entry);
+        } else {
+            ADD_FAILURE() << "not a log entry: " << line;
+        }
+    }
+    return entries;
+}
+
+std::vector<std::string> LogCapture::Messages() {
+    std::vector<std::string> messages;
+    for (const LogEntry& entry : Entries())
+        messages.push_back(entry.level + " " + entry.function + ": " + entry.message);
+    return messages;
+}

@@ -1,0 +1,68 @@
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+
+#include "util/Util.h"
+
+namespace Util {
+
+namespace {
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+std::string FormatList(const char* format, va_list arguments) {
+    char buffer[4096];
+    int length = vsnprintf(buffer, sizeof buffer, format, arguments);
+    if (length < 0) return "Formatting error";
+    if (length >= static_cast<int>(sizeof buffer)) return "(truncated)";
+    buffer[sizeof buffer - 1] = '\0';
+    // Up to the first zero byte: a "%c" of zero ends the text there.
+    return std::string(buffer);
+}
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+std::string Format(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::string text = FormatList(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string FormatFrom(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::string text = FormatList(format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+std::string FormatTimeDurAsDdHhMmSs(const unsigned int& seconds) {
+    unsigned int days = seconds / 86400;
+    unsigned int hours = (seconds % 86400) / 3600;
+    unsigned int minutes = ((seconds % 86400) % 3600) / 60;
+    unsigned int secs = ((seconds % 86400) % 3600) % 60;
+    return Format("%02u:%02u:%02u:%02u", days, hours, minutes, secs);
+}
+
+namespace {
+
+std::string FormatLocalNow(const char* format) {
+    auto nanoseconds =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch());
+    time_t seconds = static_cast<time_t>(nanoseconds.count() / 1000000000LL);
+    char buffer[128] = {};
+    strftime(buffer, sizeof buffer, format, localtime(&seconds));
+    return std::string(buffer);
+}
+
+}  // namespace
+
+std::string GetSystemDate() { return FormatLocalNow("%D"); }
+
+std::string GetSystemTime() { return FormatLocalNow("%H:%M:%S"); }
+
+}  // namespace Util
