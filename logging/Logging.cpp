@@ -173,6 +173,8 @@ void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, con
         size_t total = builder.Length() + message.size() + 1;
         if (total <= sizeof entry) {
             memcpy(entry, header, builder.Length());
+            // The entry is a counted line, not a C string: no terminator is wanted.
+            // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
             memcpy(entry + builder.Length(), message.data(), message.size());
             entry[total - 1] = '\n';
             WriteAll(entry, total);

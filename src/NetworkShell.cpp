@@ -1,13 +1,12 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
 #include "src/Network.h"
-
-extern char** environ;
 
 namespace {
 
@@ -19,7 +18,7 @@ CommandRunner& ActiveRunner() {
 }  // namespace
 
 void RunCommand(const std::string& command) {
-    CommandRunner& runner = ActiveRunner();
+    const CommandRunner& runner = ActiveRunner();
     if (runner) {
         runner(command);
     } else {

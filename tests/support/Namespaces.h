@@ -28,11 +28,11 @@ inline bool NamespacesRequired() {
     return required != nullptr && std::string(required) == "1";
 }
 
-#define TESSEL_NEED_NAMESPACES()                                                     \
-    do {                                                                             \
-        std::string why_ = NamespacesUnavailableReason();                            \
-        if (!why_.empty()) {                                                         \
+#define TESSEL_NEED_NAMESPACES()                                                          \
+    do {                                                                                  \
+        std::string why_ = NamespacesUnavailableReason();                                 \
+        if (!why_.empty()) {                                                              \
             if (NamespacesRequired()) FAIL() << why_ << " (TESSEL_REQUIRE_NAMESPACES=1)"; \
-            GTEST_SKIP() << why_;                                                    \
-        }                                                                            \
+            GTEST_SKIP() << why_;                                                         \
+        }                                                                                 \
     } while (0)
