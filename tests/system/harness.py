@@ -25,6 +25,7 @@ anything unless the daemon's network namespace differs from ours.
 import argparse
 import os
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -43,6 +44,10 @@ CMDLINE = "console=ttyS0,115200 mac=02:00:00:00:00:42 rootwait\n"
 SETUP_FAILED = 97  # the init's own status when the namespace could not be prepared
 
 DAEMON_PATH = os.environ.get("TESSEL_DAEMON")  # or --daemon on the test's command line
+
+# A cross-built daemon runs through its emulator ("qemu-arm -L /usr/arm-linux-gnueabihf");
+# the stand-ins stay shell scripts of this machine.
+EMULATOR = shlex.split(os.environ.get("TESSEL_EMULATOR", ""))
 
 LogEntry = namedtuple("LogEntry", "stamp level file line function message")
 
@@ -289,7 +294,7 @@ class Sandbox:
         try:
             process = subprocess.Popen(
                 ["unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc", "--kill-child",
-                 "sh", "-c", script, "init", self.daemon_path] + list(args),
+                 "sh", "-c", script, "init"] + EMULATOR + [self.daemon_path] + list(args),
                 stdin=subprocess.DEVNULL,
                 stdout=output,
                 stderr=subprocess.STDOUT,
@@ -367,9 +372,10 @@ class Daemon:
             try:
                 if os.readlink("/proc/%d/exe" % child) == self.sandbox.daemon_path:
                     return child
-                # A script in the daemon's place runs under its interpreter.
+                # A script in the daemon's place runs under its interpreter, a
+                # cross-built daemon under its emulator.
                 with open("/proc/%d/cmdline" % child, "rb") as cmdline:
-                    if self.sandbox.daemon_path.encode() in cmdline.read().split(b"\0")[:2]:
+                    if self.sandbox.daemon_path.encode() in cmdline.read().split(b"\0")[: len(EMULATOR) + 2]:
                         return child
             except OSError:
                 pass
