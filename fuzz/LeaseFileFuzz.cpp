@@ -1,0 +1,108 @@
+// Lease files as the DHCP client's script would leave them, read by
+// CheckForNewDhcpAddress for an interface name of this process alone, with
+// every command recorded instead of run. Each file is read from no lease and
+// from a lease in force, then once more as a renewal of what the first read
+// took up, which must change nothing.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fuzz/FuzzCheck.h"
+#include "fuzz/FuzzSupport.h"
+#include "src/Network.h"
+
+namespace {
+
+std::string& Interface() {
+    static std::string name;
+    return name;
+}
+
+std::string LeasePath() { return "/tmp/dhcp_" + Interface() + ".txt"; }
+
+void RemoveLeaseFile() { unlink(LeasePath().c_str()); }
+
+bool Same(const DHCP_STATE& x, const DHCP_STATE& y) {
+    return x.m_bLeaseValid == y.m_bLeaseValid && x.m_ipAddress.s_addr == y.m_ipAddress.s_addr &&
+           x.m_subnetMask.s_addr == y.m_subnetMask.s_addr && x.m_gateway.s_addr == y.m_gateway.s_addr;
+}
+
+std::string Dotted(in_addr address) { return inet_ntoa(address); }
+
+void WriteLeaseFile(const uint8_t* data, size_t size) {
+    int fd = open(LeasePath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    FUZZ_CHECK(fd >= 0);
+    FUZZ_CHECK(write(fd, data, size) == static_cast<ssize_t>(size));
+    close(fd);
+}
+
+// Reads the file from `state` and checks the commands against what the state became.
+DHCP_STATE ReadFrom(const uint8_t* data, size_t size, DHCP_STATE state) {
+    const DHCP_STATE before = state;
+    const std::string name = Interface();
+    WriteLeaseFile(data, size);
+    std::vector<std::string> commands;
+    {
+        RecordingRunner runner;
+        CheckForNewDhcpAddress(name, 10, state);
+        commands = runner.Commands();
+    }
+    RemoveLeaseFile();  // the recorded "rm -f" did not run
+
+    // Every file that could be opened is deleted, malformed or not.
+    FUZZ_CHECK(!commands.empty() && commands.back() == "rm -f " + LeasePath());
+    commands.pop_back();
+
+    std::vector<std::string> expected;
+    if (!Same(state, before)) {
+        expected = {"ip route flush dev " + name, "ip addr flush dev " + name};
+        if (state.m_bLeaseValid) {
+            expected.push_back("ip addr add " + Dotted(state.m_ipAddress) + "/" + Dotted(state.m_subnetMask) + " dev " +
+                               name);
+            if (state.m_gateway.s_addr != 0) {
+                expected.push_back("ip route add default via " + Dotted(state.m_gateway) + " dev " + name +
+                                   " metric 10");
+            }
+        }
+    }
+    FUZZ_CHECK(commands == expected);
+    if (state.m_bLeaseValid) {
+        // Address and mask both 0.0.0.0 state that there is no lease.
+        FUZZ_CHECK(state.m_ipAddress.s_addr != 0 || state.m_subnetMask.s_addr != 0);
+    } else {
+        FUZZ_CHECK(state.m_gateway.s_addr == 0);  // a gateway is read only for a lease
+    }
+    return state;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    SilenceLogging();
+    // Short enough to be an interface name, and no other process's lease file.
+    Interface() = "fz" + std::to_string(getpid());
+    atexit(RemoveLeaseFile);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    DHCP_STATE none{};
+    DHCP_STATE taken = ReadFrom(data, size, none);
+
+    DHCP_STATE inForce{};
+    inForce.m_bLeaseValid = true;
+    inForce.m_ipAddress.s_addr = htonl(0x0a000005);   // 10.0.0.5
+    inForce.m_subnetMask.s_addr = htonl(0xffffff00);  // 255.255.255.0
+    inForce.m_gateway.s_addr = htonl(0x0a000001);     // 10.0.0.1
+    // The state a file leads to does not depend on the state before it.
+    FUZZ_CHECK(Same(ReadFrom(data, size, inForce), taken));
+
+    // A renewal: the same file again changes nothing and runs nothing but the removal.
+    FUZZ_CHECK(Same(ReadFrom(data, size, taken), taken));
+    return 0;
+}
