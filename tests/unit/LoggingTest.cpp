@@ -500,7 +500,7 @@ TEST_F(LoggingTest, HandlerLoggingWhileAnEntryWaitsOnAFullPipeGivesTwoWholeLines
     Pipe pipe;
     ASSERT_GT(fcntl(pipe.WriteEnd(), F_SETPIPE_SZ, 4096), 0);
     int capacity = fcntl(pipe.WriteEnd(), F_GETPIPE_SZ);
-    const std::string outer(8 * capacity, 'o');
+    const std::string outer(8 * static_cast<size_t>(capacity), 'o');
     pthread_t logger = pthread_self();
     std::string text;
     bool sawFullPipe = false;
