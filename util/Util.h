@@ -58,6 +58,25 @@ std::string StringToUpper(const std::string& s);
 // Whether any byte of s is in the zero-terminated set `chars`.
 bool StringContainsAnyChar(const std::string& s, const char* chars);
 
+// --- Text encodings --------------------------------------------------------
+
+// Decodes base64 in the standard or URL-safe alphabet, padding optional. Never
+// fails: characters outside the alphabet decode as 0.
+std::vector<unsigned char> Base64Decode(const void* data, unsigned int length);
+std::vector<unsigned char> Base64Decode(const std::string& text);
+
+// Escapes double quotes for a JSON string value. splitLines: each line feed ends
+// one array element and starts the next ("\",\n\""), a final one is dropped;
+// otherwise a line feed is kept behind a backslash.
+std::string EscapeForJson(const std::string& text, bool splitLines);
+
+// Dashboard text into a JSON string value: CR dropped, tab to four blanks,
+// line feed to \n, quote and backslash escaped.
+std::string DashboardToJson(const std::string& text);
+
+// The five XML special characters as entities.
+std::string EscapeForXml(const std::string& text);
+
 }  // namespace Util
 
 // s cut to at most maxLen bytes, ending in " ..." when cut. maxLen must be 4 or
