@@ -77,6 +77,16 @@ std::string DashboardToJson(const std::string& text);
 // The five XML special characters as entities.
 std::string EscapeForXml(const std::string& text);
 
+// --- Process and file utilities -------------------------------------------
+
+// The first line a shell command prints (at most 1023 bytes, its line feed
+// included when it fits), "" when it prints nothing, "Unable to run" when the
+// command cannot be started. Waits for the command to finish.
+std::string ReadStdOutFromSystemCall(const char* command);
+
+// Diagnostic hook for byte blocks; prints nothing in this build.
+void PrintDataBlock(const char* title, const std::vector<unsigned char>& data);
+
 }  // namespace Util
 
 // s cut to at most maxLen bytes, ending in " ..." when cut. maxLen must be 4 or
