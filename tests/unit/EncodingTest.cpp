@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -149,7 +150,7 @@ TEST(Base64DecodeTest, NeverReadsPastTheCallersBytes) {
     ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
     for (const std::string text : {"QUJDQ", "Q", "QUI", "QQ", "QUJD", "QQ=="}) {
         char* input = pages + page - text.size();
-        memcpy(input, text.data(), text.size());
+        std::copy(text.begin(), text.end(), input);
         EXPECT_EQ(Util::Base64Decode(input, static_cast<unsigned int>(text.size())), Util::Base64Decode(text)) << text;
     }
     munmap(mapped, 2 * page);

@@ -107,7 +107,7 @@ std::string UtcText(time_t when, long offset, const char* format) {
 }
 
 // A fixed zone five hours east of UTC, without summer time, written out by hand.
-constexpr long kFiveHoursEast = 5 * 3600;
+constexpr long kFiveHoursEast = 5L * 3600;
 
 TEST(GetSystemDateTest, IsTheLocalDate) {
     TimeZone zone("TST-5");
