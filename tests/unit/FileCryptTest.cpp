@@ -226,6 +226,12 @@ TEST(FileCryptTest, AllocationFailureClosesTheInput) {
         const rlim_t allowed = (mappedKb + 64UL * 1024) * 1024;  // 64 MiB more, far below 1 GiB
         rlimit limit{allowed, allowed};
         if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(11);
+        // An emulator accepts the limit but does not apply it to the program it runs.
+        void* volatile probe = malloc(1UL << 30);  // volatile: the call must happen
+        if (probe != nullptr) {
+            free(probe);
+            _exit(14);
+        }
         const int before = OpenDescriptorCount();
         const int encrypt = Util::EncryptFile(big, dir.Path("enc"));
         const int decrypt = Util::DecryptFile(big, dir.Path("dec"));
@@ -237,6 +243,7 @@ TEST(FileCryptTest, AllocationFailureClosesTheInput) {
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 14) GTEST_SKIP() << "the address-space limit is not applied here (an emulator)";
     EXPECT_EQ(WEXITSTATUS(status), 0) << "10 no VmSize, 11 setrlimit, 12 not -1, 13 descriptor left open";
     EXPECT_FALSE(Exists(dir.Path("enc")));
     EXPECT_FALSE(Exists(dir.Path("dec")));

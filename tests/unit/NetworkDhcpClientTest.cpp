@@ -315,22 +315,24 @@ TEST(StopDhcpTest, EmptyNameMatchesAClientWithAnEmptyArgument) {
         if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
             return Lines{"cannot mount /proc"};
         }
-        // The processes of a new PID namespace are numbered from 2 after its first.
         FakeClient emptyArgument("udhcpc", {"-i", "", "-b"});
         FakeClient noEmptyArgument("udhcpc", {"-i", "x", "-b"});
         FakeClient otherProgram("sh", {"-i", "", "-b"});
-        Lines lines = {"pids " + std::to_string(emptyArgument.Pid()) + " " + std::to_string(noEmptyArgument.Pid()) +
-                       " " + std::to_string(otherProgram.Pid())};
-        Lines timeline = StopDhcpTimeline("");
-        lines.insert(lines.end(), timeline.begin(), timeline.end());
+        // The client is named by its role: which numbers a new PID namespace
+        // hands out is not fixed (under an emulator each fork takes two).
+        Lines lines = StopDhcpTimeline("");
+        const std::string killed = " pid " + std::to_string(emptyArgument.Pid()) + " ";
+        for (std::string& line : lines) {
+            std::string::size_type at = line.find(killed);
+            if (at != std::string::npos) line.replace(at, killed.size(), " pid <empty argument's> ");
+        }
         lines.push_back(Ending("empty argument", emptyArgument));
         lines.push_back(Ending("no empty argument", noEmptyArgument));
         lines.push_back(Ending("other program", otherProgram));
         return lines;
     });
     EXPECT_EQ(lines, (Lines{
-                         "pids 2 3 4",
-                         "INFO StopDhcp: Killing udhcpc pid 2 for interface ",
+                         "INFO StopDhcp: Killing udhcpc pid <empty argument's> for interface ",
                          "$ rm -f /tmp/dhcp_.txt > /dev/null 2>&1",
                          "empty argument ended by signal 15",
                          "no empty argument ended by signal 0",
