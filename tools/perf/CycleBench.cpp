@@ -8,7 +8,8 @@
 //                                            closing CONFIG (idle) or the eth0 re-attach command (steady)
 //   tessel-bench bridge BUILDS               SetupBridge(eth0eth1) against its commands through /bin/sh -c
 //   tessel-bench stopdhcp EXTRA              StopDhcp with EXTRA more processes against a bare /proc scan
-//   tessel-bench paced CONFIG                the idle floor at the daemon's pace, until killed
+//   tessel-bench paced CONFIG [COMMAND]      the idle floor (with COMMAND: the steady one) once a
+//                                            second, until killed
 //
 // Results go to standard error, one line each: "name value floor" in microseconds.
 // Standard output carries the log, as the daemon's does.
@@ -153,7 +154,8 @@ void Compare(const char* name, int count, int blocks, Subject subject, Floor flo
 }
 
 int Usage() {
-    fputs("usage: tessel-bench idle|steady CONFIG CYCLES | bridge BUILDS | stopdhcp EXTRA | paced CONFIG\n", stderr);
+    fputs("usage: tessel-bench idle|steady CONFIG CYCLES | bridge BUILDS | stopdhcp EXTRA | paced CONFIG [COMMAND]\n",
+          stderr);
     return 2;
 }
 
@@ -244,10 +246,13 @@ int main(int argc, char** argv) {
         StopSleepers(sleepers);
         return 0;
     }
-    if (mode == "paced") {
+    // The floors at the daemon's pace, for comparing with the running daemon:
+    // read the file, run the command if given, pause a second; until killed.
+    if (mode == "paced" && (argc == 3 || argc == 4)) {
         const std::string path = argv[2];
         for (;;) {
             ReadFileOnce(path);
+            if (argc == 4) ShellOnce(argv[3]);
             struct timespec second = {1, 0};
             nanosleep(&second, nullptr);
         }
