@@ -577,6 +577,16 @@ class Daemon:
             self.process.wait()
 
 
+def run_cycles_in_step(runs, count=1):
+    """Runs `count` cycles on several daemons at once; `runs` holds (daemon, configuration text)
+    pairs. Returns when every daemon has ended its last one."""
+    for _ in range(count):
+        for daemon, text in runs:
+            daemon.feed_config(text)
+        for daemon, text in runs:
+            daemon.wait_for_config_read()
+
+
 def _children(pid):
     """Process ids whose parent is `pid`."""
     try:

@@ -155,10 +155,7 @@ class FirstCycleTest(harness.DaemonTestCase):
             sandbox.record_times("devmem")
             sandbox.record_times("ip")
             runs[mode] = (sandbox, sandbox.start(**options), config)
-        for sandbox, daemon, config in runs.values():
-            daemon.feed_config(config)
-        for sandbox, daemon, config in runs.values():
-            daemon.wait_for_config_read()  # the first cycle is over
+        harness.run_cycles_in_step([(daemon, config) for sandbox, daemon, config in runs.values()])
         return runs
 
     def test_first_usable_cycle_in_each_bridge_mode(self):
