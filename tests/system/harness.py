@@ -520,6 +520,22 @@ class Daemon:
     def running(self):
         return self.process.poll() is None
 
+    def namespace_processes(self):
+        """The command lines (argument lists) of the live processes in the daemon's pid namespace."""
+        theirs = os.readlink("/proc/%d/ns/pid" % self.pid)
+        found = []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                if os.readlink("/proc/%s/ns/pid" % pid) != theirs:
+                    continue
+                with open("/proc/%s/cmdline" % pid, "rb") as cmdline:
+                    args = cmdline.read()
+            except OSError:
+                continue
+            if args:  # a zombie has none
+                found.append([arg.decode() for arg in args.split(b"\0")[:-1]])
+        return found
+
     def send(self, sig):
         os.kill(self.pid, sig)
 

@@ -3,6 +3,7 @@ daemon's namespace) changed from outside while the daemon runs: up, administrati
 down, up without carrier, and gone."""
 
 import harness
+from expected_commands import REGISTER_WRITES
 
 CONFIG = """bridge eth0
 phy copper
@@ -15,15 +16,7 @@ REATTACH = ["ip link set eth0 master br0"]
 BOUNCE_AND_REGISTER_WRITES = [
     "ip link set eth0 down",
     "ip link set eth0 up",
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
-]
+] + REGISTER_WRITES
 
 LINK_QUERY_FAILED = [
     ("ERROR", "GenericInterfaceLinkIsUp", "Unable to query link status for eth0 ioctl failed"),

@@ -2,7 +2,7 @@
 from start-up to the end of that cycle, the log, and the pace of the register writes."""
 
 import harness
-from bridge_commands import BRIDGE_ETH0ETH1
+from expected_commands import BRIDGE_ETH0ETH1
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
 ETH0_UP = {"interfaces": ["eth0"], "setup": ['"$IP" link set eth0 up']}

@@ -2,6 +2,7 @@
 runs nothing, or only the re-attach of a healthy eth0 where eth0 is a bridge port."""
 
 import harness
+from expected_commands import REGISTER_WRITES
 
 ETH0_UP = {"interfaces": ["eth0"], "setup": ['"$IP" link set eth0 up']}
 
@@ -21,17 +22,6 @@ veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
 veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
 """, ETH0_UP),
 }
-
-REGISTER_WRITES = [
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
-]
 
 
 class SteadyCycleTest(harness.DaemonTestCase):

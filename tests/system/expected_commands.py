@@ -1,7 +1,51 @@
-"""What the stand-ins record while the daemon sets up br0 with both ports bridged
-(configuration word "eth0eth1"), with /proc/cmdline holding "mac=02:00:00:00:00:42":
-the ports, both veth pairs, and the ARP and IP rules that keep the second internal
-network off eth1 and veth0. Written out by hand, in run order."""
+"""Command sequences that several system tests expect, as the stand-ins record them
+(with /proc/cmdline holding "mac=02:00:00:00:00:42"). Written out by hand, in run order."""
+
+START_UP = [
+    "ip link set dev lo up",
+    "ip link set dev eth1 down",
+    "ip link set dev eth1 up",
+]
+
+# The eth0 link recovery's register writes.
+REGISTER_WRITES = [
+    "devmem 0xFF200088 32 0x3",
+    "devmem 0xFF200088 32 0x0",
+    "devmem 0xFF20008C 32 0x701",
+    "devmem 0xFF20008C 32 0x700",
+    "devmem 0xFF20008C 32 0x701",
+    "devmem 0xFF20008C 32 0x700",
+    "devmem 0xFF200088 32 0x2",
+    "devmem 0xFF200088 32 0x0",
+]
+
+# br0 with eth1 as its only port (configuration word "eth1").
+BRIDGE_ETH1 = [
+    "ip link set br0 down",
+    "ip addr flush dev br0",
+    "ip link set eth0 down",
+    "ip addr flush dev eth0",
+    "ip link set eth1 down",
+    "ip addr flush dev eth1",
+    "ip link del name br0",
+    "ip link add name br0 type bridge",
+    "ip link set br0 up",
+    "ip addr flush dev br0",
+    "ip link set br0 arp off",
+    "ip link set eth1 master br0",
+    "ip link set eth1 up",
+    "ip link add name veth1 type veth",
+    "ip link set veth0 master br0",
+    "ip link set veth0 up",
+    "ip link set veth1 up",
+    "ip link set dev veth1 address 02:00:00:00:00:42",
+    "ip addr flush dev br0",
+    "ip link set br0 arp off",
+    "ip link set eth1 arp off",
+]
+
+# br0 with both ports bridged (configuration word "eth0eth1"): the ports, both veth
+# pairs, and the ARP and IP rules that keep the second internal network off eth1 and veth0.
 
 BRIDGE_ETH0ETH1 = [
     # br0 from scratch
