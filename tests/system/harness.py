@@ -159,7 +159,6 @@ while :; do sleep 0.2 & wait $!; done
 # namespace numbers it) in clients.log when ready and when SIGTERM arrives.
 LEFTOVER_CLIENT = r"""import os
 import signal
-import sys
 import time
 
 record = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.log")
