@@ -352,12 +352,14 @@ class Sandbox:
 
     # --- the daemon -------------------------------------------------------------------
 
-    def start(self, args=None, interfaces=(), setup=(), env=None):
+    def start(self, args=None, interfaces=(), up=(), setup=(), env=None):
         """Starts the daemon in fresh namespaces and returns its Daemon.
 
         args: its command line (default: --config and the sandbox's configuration path).
         interfaces: names created as veth pairs with the real ip before the daemon starts;
             NAME's peer is NAME-peer (up, so that NAME gets a carrier once it is set up).
+        up: names of those interfaces that are set up, and awaited until the kernel reports them
+            running (operational state UP, which the kernel reaches a moment after the carrier).
         setup: further shell lines for the namespace's init, run before the daemon; "$IP" is the
             real ip tool.
         env: extra environment variables for the daemon.
@@ -369,6 +371,12 @@ class Sandbox:
             lines.append(
                 '"$IP" link add {0} type veth peer name {0}-peer && "$IP" link set {0}-peer up '
                 '|| fail "cannot create {0}"'.format(name)
+            )
+        for name in up:
+            lines.append('"$IP" link set {0} up || fail "cannot set {0} up"'.format(name))
+            lines.append(
+                'tries=0; until "$IP" -o link show {0} | grep -q " state UP "; do tries=$((tries + 1)); '
+                '[ $tries -lt 2000 ] || fail "{0} does not come up"; sleep 0.01; done'.format(name)
             )
         lines.extend(setup)
         script = (

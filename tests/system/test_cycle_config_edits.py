@@ -56,7 +56,7 @@ class ConfigEditTest(harness.DaemonTestCase):
         """Starts the daemon on `config` and waits until its first cycle is over and the
         next one has re-attached eth0."""
         self.sandbox.write_config(config)
-        daemon = self.start_daemon(interfaces=["eth0"], setup=['"$IP" link set eth0 up'])
+        daemon = self.start_daemon(interfaces=["eth0"], up=["eth0"])
 
         def steady():
             commands = self.sandbox.commands()

@@ -4,7 +4,7 @@ the daemon's /tmp, renewals, lost leases, and clients left over from an earlier 
 import harness
 from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, REGISTER_WRITES, START_UP
 
-ETH0_UP = {"interfaces": ["eth0"], "setup": ['"$IP" link set eth0 up']}
+ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 CLIENT_VETH1 = "udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script"
 CLIENT_VETH3 = "udhcpc -i veth3 -b -R -s /usr/share/udhcpc/tessel.script"
 REATTACH = "ip link set eth0 master br0"
@@ -130,8 +130,7 @@ class DhcpCycleTest(harness.DaemonTestCase):
             sandbox = harness.Sandbox(harness.DAEMON_PATH)
             self.addCleanup(sandbox.cleanup)
             sandbox.use_config_pipe()
-            setup = options.get("setup", []) + sandbox.leftover_clients("veth1", "veth3")
-            runs[mode] = (sandbox, sandbox.start(interfaces=options.get("interfaces", []), setup=setup))
+            runs[mode] = (sandbox, sandbox.start(setup=sandbox.leftover_clients("veth1", "veth3"), **options))
         harness.run_cycles_in_step([(daemon, cases[mode][0]) for mode, (sandbox, daemon) in runs.items()])
 
         for mode, (sandbox, daemon) in runs.items():

@@ -38,15 +38,18 @@ class Eth0LinkTest(harness.DaemonTestCase):
         daemon.run_cycle(CONFIG, count)
         return self.sandbox.commands(), [(e.level, e.function, e.message) for e in daemon.entries()[logged:]]
 
-    def wait_for_link_flags(self, daemon, *flags):
-        def flags_shown():
-            shown = daemon.ns_run([self.ip, "-o", "link", "show", "eth0"])
-            return set(flags) <= set(shown[shown.index("<") + 1:shown.index(">")].split(","))
+    def wait_for_link(self, daemon, flags, state):
+        """Waits until `ip` shows eth0 with these flags and operational state. The kernel
+        reports the interface running (what the daemon asks for) only with the state."""
+        def shown():
+            line = daemon.ns_run([self.ip, "-o", "link", "show", "eth0"])
+            shown_flags = set(line[line.index("<") + 1:line.index(">")].split(","))
+            return set(flags) <= shown_flags and " state %s " % state in line
 
-        harness.wait_until(flags_shown, "eth0 to show " + " ".join(flags))
+        harness.wait_until(shown, "eth0 to show %s and state %s" % (",".join(flags), state))
 
     def test_each_state_of_eth0_gets_its_own_treatment_every_cycle(self):
-        daemon = self.start_daemon(interfaces=["eth0"], setup=['"$IP" link set eth0 up'])
+        daemon = self.start_daemon(interfaces=["eth0"], up=["eth0"])
         daemon.run_cycle(CONFIG)  # the first cycle; its commands are another file's subject
 
         self.assertEqual(self.cycles(daemon, 2), (REATTACH + REATTACH, []), "up")
@@ -56,11 +59,11 @@ class Eth0LinkTest(harness.DaemonTestCase):
                          (BOUNCE_AND_REGISTER_WRITES + BOUNCE_AND_REGISTER_WRITES, []), "administratively down")
 
         daemon.ns_run([self.ip, "link", "set", "eth0", "up"])
-        self.wait_for_link_flags(daemon, "UP", "LOWER_UP")
+        self.wait_for_link(daemon, ["UP", "LOWER_UP"], "UP")
         self.assertEqual(self.cycles(daemon, 1), (REATTACH, []), "up again")
 
         daemon.ns_run([self.ip, "link", "set", "eth0-peer", "down"])
-        self.wait_for_link_flags(daemon, "UP", "NO-CARRIER")
+        self.wait_for_link(daemon, ["UP", "NO-CARRIER"], "LOWERLAYERDOWN")
         self.assertEqual(self.cycles(daemon, 2),
                          (BOUNCE_AND_REGISTER_WRITES + BOUNCE_AND_REGISTER_WRITES, []), "up without carrier")
 

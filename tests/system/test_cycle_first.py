@@ -5,7 +5,7 @@ import harness
 from expected_commands import BRIDGE_ETH0ETH1
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
-ETH0_UP = {"interfaces": ["eth0"], "setup": ['"$IP" link set eth0 up']}
+ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 
 CONFIG_ETH0 = """# network settings
 bridge eth0

@@ -4,7 +4,7 @@ runs nothing, or only the re-attach of a healthy eth0 where eth0 is a bridge por
 import harness
 from expected_commands import REGISTER_WRITES
 
-ETH0_UP = {"interfaces": ["eth0"], "setup": ['"$IP" link set eth0 up']}
+ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 
 CONFIGS = {
     "eth0": ("""bridge eth0

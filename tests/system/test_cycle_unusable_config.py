@@ -7,7 +7,7 @@ import datetime
 import harness
 
 REATTACH = "ip link set eth0 master br0"
-ETH0_UP = {"interfaces": ["eth0"], "setup": ['"$IP" link set eth0 up']}
+ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 
 VALID = """bridge eth0
 phy copper
