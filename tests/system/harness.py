@@ -207,6 +207,16 @@ class Sandbox:
         if os.path.realpath(base) == real_tmp or os.path.realpath(base).startswith(real_tmp + "/"):
             raise RuntimeError("TESSEL_SYSTEM_TEST_DIR must not lie under /tmp")
         self.work = tempfile.mkdtemp(prefix="tessel-system-", dir=base)
+        self.config_path = os.path.join(self.work, "tessel-networkd.conf")
+        self.daemons = []
+        try:
+            self._populate(daemon_path)
+        except BaseException:
+            # Nobody holds a sandbox that failed to come about, to clean it up later.
+            shutil.rmtree(self.work, ignore_errors=True)
+            raise
+
+    def _populate(self, daemon_path):
         for sub in ("bin", "tmp", "delay", "output", "status", "linger", "stamp", "clients"):
             os.mkdir(os.path.join(self.work, sub))
         # A copy, so the daemon stays reachable whatever its build directory is.
@@ -217,8 +227,6 @@ class Sandbox:
             self._write(os.path.join("bin", tool), standin, mode=0o755)
         self._write("linger.sh", LINGER_SCRIPT.replace("@WORK@", self.work))
         self._write("cmdline", CMDLINE)
-        self.config_path = os.path.join(self.work, "tessel-networkd.conf")
-        self.daemons = []
 
     def path(self, *parts):
         return os.path.join(self.work, *parts)
