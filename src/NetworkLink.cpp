@@ -1,0 +1,76 @@
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "logging/Logging.h"
+#include "src/Network.h"
+
+namespace {
+
+// Closes the query socket whichever way the query ends.
+class SocketHandle {
+public:
+    explicit SocketHandle(int fd) : m_fd(fd) {}
+    ~SocketHandle() {
+        if (m_fd >= 0) close(m_fd);
+    }
+    SocketHandle(const SocketHandle&) = delete;
+    SocketHandle& operator=(const SocketHandle&) = delete;
+
+    bool IsOpen() const { return m_fd >= 0; }
+    int Fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+}  // namespace
+
+int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {
+    up = false;
+
+    struct ifreq request;
+    memset(&request, 0, sizeof request);
+    // Names are shorter than the field; the last byte stays the terminator.
+    strncpy(request.ifr_name, name.c_str(), sizeof request.ifr_name - 1);
+
+    SocketHandle socketHandle(socket(AF_INET, SOCK_DGRAM, 0));
+    if (!socketHandle.IsOpen()) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to query link status for " + name + " cannot open socket");
+        return -1;
+    }
+    if (ioctl(socketHandle.Fd(), SIOCGIFFLAGS, &request) != 0) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to query link status for " + name + " ioctl failed");
+        return -1;
+    }
+
+    // Up without carrier, or running while administratively down, is down.
+    const short wanted = IFF_UP | IFF_RUNNING;
+    up = (request.ifr_flags & wanted) == wanted;
+    return 0;
+}
+
+void SetEthernetPhyMode(const std::string& path, PHY_MODE mode) {
+    std::ofstream port(path);
+    if (!port.is_open()) {
+        // The file comes from a patch to the PHY driver; without it there is
+        // nothing to set. Sent to the system log as well so it gets noticed.
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, true, "Unable to open " + path + " patch is required");
+        return;
+    }
+
+    // The driver takes its PHY type number, not the enum's value. Logged first
+    // so the choice is on record even if the write fails; that failure, like
+    // one on close, is not reported.
+    if (mode == PHY_MODE_SGMII) {
+        LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using ETH PHY type 4, RGMII to SGMII");
+        port.put('4');
+    } else {
+        LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using ETH PHY type 0, RGMII to copper");
+        port.put('0');
+    }
+}
