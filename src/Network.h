@@ -82,6 +82,10 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
 // that port's address alone.
 void SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac);
 
+// Whether the mode makes eth0 (modes 0 and 2) or eth1 (modes 1 and 2) a port of br0.
+bool BridgesEth0(BRIDGE_MODE mode);
+bool BridgesEth1(BRIDGE_MODE mode);
+
 // Removes every route, then every address, of the interface.
 void FlushAddrAndRouting(const std::string& interfaceName);
 

@@ -8,11 +8,21 @@ namespace {
 
 // Tears br0 and both physical ports down to nothing, then creates an empty,
 // ARP-silent br0. Runs in every mode.
+// clang-format off
 const char* const kCommonCommands[] = {
-    "ip link set br0 down",  "ip addr flush dev br0",  "ip link set eth0 down",   "ip addr flush dev eth0",
-    "ip link set eth1 down", "ip addr flush dev eth1", "ip link del name br0",    "ip link add name br0 type bridge",
-    "ip link set br0 up",    "ip addr flush dev br0",  "ip link set br0 arp off",
+    "ip link set br0 down",
+    "ip addr flush dev br0",
+    "ip link set eth0 down",
+    "ip addr flush dev eth0",
+    "ip link set eth1 down",
+    "ip addr flush dev eth1",
+    "ip link del name br0",
+    "ip link add name br0 type bridge",
+    "ip link set br0 up",
+    "ip addr flush dev br0",
+    "ip link set br0 arp off",
 };
+// clang-format on
 
 // eth0 becomes a port of br0.
 const char* const kEth0PortCommands[] = {
@@ -117,13 +127,13 @@ void RunAll(const char* const (&commands)[N]) {
     for (const char* command : commands) RunCommand(command);
 }
 
+}  // namespace
+
 // The mode is tested arithmetically, so values beyond the enum select neither
 // port: clearing bit 1 leaves 0 only for ETH0 and ETH0ETH1, and value - 1 wraps
 // to a large number for 0, leaving only ETH1 and ETH0ETH1 at most 1.
 bool BridgesEth0(BRIDGE_MODE mode) { return (static_cast<uint32_t>(mode) & ~2U) == 0; }
 bool BridgesEth1(BRIDGE_MODE mode) { return static_cast<uint32_t>(mode) - 1U <= 1U; }
-
-}  // namespace
 
 void SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac) {
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Setting up bridge for control network");

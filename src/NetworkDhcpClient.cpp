@@ -1,0 +1,83 @@
+// Stopping the DHCP clients of one interface. Nobody records which clients were
+// started, so they are found again in the process table each time.
+#include <dirent.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "logging/Logging.h"
+#include "src/Network.h"
+#include "util/Util.h"
+
+namespace {
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+struct FileCloser {
+    void operator()(FILE* file) const { fclose(file); }
+};
+
+// One read of a process's command line sees at most this much of it.
+constexpr size_t kCmdlineBytes = 256;
+
+// The arguments of a udhcpc process from its NUL-separated command line; empty for
+// any other program. Bytes after the last NUL (a line cut short by the read) are
+// not an argument, so an interface name there is never seen.
+std::vector<std::string> UdhcpcArguments(const char* bytes, size_t count) {
+    std::vector<std::string> arguments;
+    std::string current;
+    for (size_t i = 0; i < count; ++i) {
+        if (bytes[i] != '\0') {
+            current.push_back(bytes[i]);
+            continue;
+        }
+        // A full path or a longer name is a different program: only the bare name counts.
+        if (arguments.empty() && current != "udhcpc") return {};
+        arguments.push_back(current);
+        current.clear();
+    }
+    return arguments;
+}
+
+// The udhcpc arguments of the process behind one /proc entry; empty when it is
+// not udhcpc, has gone meanwhile or has no command line (kernel threads, zombies).
+std::vector<std::string> ReadUdhcpcArguments(const std::string& entryName) {
+    std::unique_ptr<FILE, FileCloser> file(fopen(("/proc/" + entryName + "/cmdline").c_str(), "rb"));
+    if (!file) return {};
+    char bytes[kCmdlineBytes];
+    size_t count = fread(bytes, 1, sizeof bytes, file.get());
+    file.reset();
+    return UdhcpcArguments(bytes, count);
+}
+
+}  // namespace
+
+void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int metric) {
+    std::unique_ptr<DIR, DirectoryCloser> proc(opendir("/proc"));
+    if (!proc) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to open /proc to stop udhcpc");
+    } else {
+        while (const dirent* entry = readdir(proc.get())) {
+            if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+            long pid = strtol(entry->d_name, nullptr, 10);
+            // The name may stand anywhere on the command line, but only as a whole
+            // argument: a client of veth1 is not one of veth10.
+            for (const std::string& argument : ReadUdhcpcArguments(entry->d_name)) {
+                if (argument != interfaceName) continue;
+                LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
+                          "Killing udhcpc pid " + Util::Format("%ld", pid) + " for interface " + interfaceName);
+                kill(static_cast<pid_t>(pid), SIGTERM);
+                break;
+            }
+        }
+        proc.reset();
+    }
+    // A lease the old client left behind must never be taken up by the next check.
+    RunCommand("rm -f /tmp/dhcp_" + interfaceName + ".txt > /dev/null 2>&1");
+}

@@ -1,0 +1,364 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "src/Network.h"
+#include "tests/support/CommandRecorder.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Namespaces.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// An interface name no other test run uses, so that StopDhcp can only ever find
+// the processes this test started.
+std::string UniqueName() {
+    static int counter = 0;
+    return "tc" + std::to_string(getpid()) + "x" + std::to_string(++counter);
+}
+
+// A real process with the command line a DHCP client would show: /bin/sh started
+// under the name `argv0`, waiting on a pipe for input that never comes. Its
+// command line is argv0, "-c", "read REPLY", then `arguments`. Killed and reaped
+// on every path.
+class FakeClient {
+public:
+    FakeClient(const std::string& argv0, const Lines& arguments) {
+        Lines all = {argv0, "-c", "read REPLY"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        std::vector<char*> argv;
+        for (std::string& argument : all) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+
+        int input[2];
+        int started[2];
+        if (pipe2(input, O_CLOEXEC) != 0) return;
+        if (pipe2(started, O_CLOEXEC) != 0) {
+            close(input[0]);
+            close(input[1]);
+            return;
+        }
+        m_pid = fork();
+        if (m_pid == 0) {
+            // Goes with the test process even if that is killed outright.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            dup2(input[0], STDIN_FILENO);
+            execv("/bin/sh", argv.data());
+            char failed = 1;
+            ssize_t ignored = write(started[1], &failed, 1);
+            (void)ignored;
+            _exit(127);
+        }
+        close(input[0]);
+        close(started[1]);
+        m_input = input[1];
+        // The pipe closes at the exec: only then does the command line show the new one.
+        char failed = 0;
+        m_bStarted = m_pid > 0 && read(started[0], &failed, 1) == 0;
+        close(started[0]);
+    }
+
+    ~FakeClient() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
+        }
+        if (m_input >= 0) close(m_input);
+    }
+    FakeClient(const FakeClient&) = delete;
+    FakeClient& operator=(const FakeClient&) = delete;
+
+    bool Started() const { return m_bStarted; }
+    pid_t Pid() const { return m_pid; }
+
+    // Ends its input, so a process nobody signalled exits by itself, and reaps it.
+    // A signal sent before is taken before the end of input is seen.
+    // Returns the signal that ended it, 0 when it exited on its own.
+    int EndingSignal() {
+        close(m_input);
+        m_input = -1;
+        int status = 0;
+        pid_t reaped = waitpid(m_pid, &status, 0);
+        m_pid = -1;
+        if (reaped <= 0) return -1;
+        return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_input = -1;
+    bool m_bStarted = false;
+};
+
+// What the daemon starts a client with, after the program name.
+Lines ClientArguments(const std::string& interfaceName) {
+    return {"-i", interfaceName, "-b", "-R", "-s", "/usr/share/udhcpc/tessel.script"};
+}
+
+std::string Cmdline(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+Lines StopDhcpTimeline(const std::string& interfaceName) {
+    LogCapture log;
+    CommandRecorder commands;
+    StopDhcp(interfaceName, 10);
+    return log.Timeline();
+}
+
+Lines Sorted(Lines lines) {
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+TEST(StopDhcpTest, NoClientOnlyRemovesTheLeaseFile) {
+    std::string name = UniqueName();
+    EXPECT_EQ(StopDhcpTimeline(name), Lines{"$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1"});
+}
+
+TEST(StopDhcpTest, SignalsTheClientOfTheInterface) {
+    std::string name = UniqueName();
+    FakeClient client("udhcpc", ClientArguments(name));
+    ASSERT_TRUE(client.Started());
+    EXPECT_EQ(StopDhcpTimeline(name),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
+                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+              }));
+    EXPECT_EQ(client.EndingSignal(), SIGTERM);
+}
+
+TEST(StopDhcpTest, TheNameMayStandAnywhereOnTheCommandLine) {
+    std::string name = UniqueName();
+    FakeClient client("udhcpc", {"-b", "-R", name});
+    ASSERT_TRUE(client.Started());
+    EXPECT_EQ(StopDhcpTimeline(name),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
+                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+              }));
+    EXPECT_EQ(client.EndingSignal(), SIGTERM);
+}
+
+TEST(StopDhcpTest, OnlyWholeArgumentsAndTheBareProgramNameMatch) {
+    std::string name = UniqueName();
+    FakeClient client("udhcpc", ClientArguments(name));
+    FakeClient longerInterface("udhcpc", ClientArguments(name + "0"));
+    FakeClient glued("udhcpc", {"-i" + name});
+    FakeClient fullPath("/usr/sbin/udhcpc", ClientArguments(name));
+    FakeClient longerProgram("udhcpcx", ClientArguments(name));
+    FakeClient prefixedProgram("myudhcpc", ClientArguments(name));
+    FakeClient otherProgram("sleep", ClientArguments(name));
+    for (FakeClient* started :
+         {&client, &longerInterface, &glued, &fullPath, &longerProgram, &prefixedProgram, &otherProgram}) {
+        ASSERT_TRUE(started->Started());
+    }
+    EXPECT_EQ(StopDhcpTimeline(name),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
+                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+              }));
+    EXPECT_EQ(client.EndingSignal(), SIGTERM);
+    EXPECT_EQ(longerInterface.EndingSignal(), 0);
+    EXPECT_EQ(glued.EndingSignal(), 0);
+    EXPECT_EQ(fullPath.EndingSignal(), 0);
+    EXPECT_EQ(longerProgram.EndingSignal(), 0);
+    EXPECT_EQ(prefixedProgram.EndingSignal(), 0);
+    EXPECT_EQ(otherProgram.EndingSignal(), 0);
+}
+
+TEST(StopDhcpTest, ShorterNameDoesNotMatchTheClientOfALongerOne) {
+    std::string name = UniqueName();
+    FakeClient longerInterface("udhcpc", ClientArguments(name + "0"));
+    ASSERT_TRUE(longerInterface.Started());
+    EXPECT_EQ(StopDhcpTimeline(name), Lines{"$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1"});
+    EXPECT_EQ(longerInterface.EndingSignal(), 0);
+}
+
+TEST(StopDhcpTest, LongerNameDoesNotMatchTheClientOfAShorterOne) {
+    std::string name = UniqueName();
+    FakeClient client("udhcpc", ClientArguments(name));
+    ASSERT_TRUE(client.Started());
+    EXPECT_EQ(StopDhcpTimeline(name + "0"), Lines{"$ rm -f /tmp/dhcp_" + name + "0.txt > /dev/null 2>&1"});
+    EXPECT_EQ(client.EndingSignal(), 0);
+}
+
+TEST(StopDhcpTest, TwoClientsOfTheInterfaceAreBothSignalled) {
+    std::string name = UniqueName();
+    FakeClient first("udhcpc", ClientArguments(name));
+    FakeClient second("udhcpc", ClientArguments(name));
+    ASSERT_TRUE(first.Started());
+    ASSERT_TRUE(second.Started());
+    Lines timeline = StopDhcpTimeline(name);
+    ASSERT_EQ(timeline.size(), 3U) << ::testing::PrintToString(timeline);
+    // The process table's order decides which comes first; the removal comes last.
+    EXPECT_EQ(Sorted({timeline[0], timeline[1]}),
+              Sorted({
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(first.Pid()) + " for interface " + name,
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(second.Pid()) + " for interface " + name,
+              }));
+    EXPECT_EQ(timeline[2], "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1");
+    EXPECT_EQ(first.EndingSignal(), SIGTERM);
+    EXPECT_EQ(second.EndingSignal(), SIGTERM);
+}
+
+// Only the first 256 bytes of a command line are read. `padding` puts the
+// interface name's end where the test wants it.
+Lines PaddedArguments(const std::string& interfaceName, size_t nulIndex) {
+    // "udhcpc", "-c", "read REPLY", "-i", padding, name, each ended by a NUL.
+    size_t before = 7 + 3 + 11 + 3;
+    size_t padding = nulIndex - interfaceName.size() - before - 1;
+    return {"-i", std::string(padding, 'p'), interfaceName};
+}
+
+TEST(StopDhcpTest, OnlyAnArgumentEndedWithinTheFirst256BytesCounts) {
+    std::string name = UniqueName();
+    FakeClient endsAtTheLastByte("udhcpc", PaddedArguments(name, 255));
+    FakeClient cutByTheRead("udhcpc", PaddedArguments(name, 256));
+    FakeClient wellBeyond("udhcpc", PaddedArguments(name, 400));
+    ASSERT_TRUE(endsAtTheLastByte.Started());
+    ASSERT_TRUE(cutByTheRead.Started());
+    ASSERT_TRUE(wellBeyond.Started());
+    // The layout the cases rely on, as the kernel shows it.
+    std::string fits = Cmdline(endsAtTheLastByte.Pid());
+    ASSERT_EQ(fits.size(), 256U);
+    EXPECT_EQ(fits.substr(255 - name.size()), name + std::string(1, '\0'));
+    std::string cut = Cmdline(cutByTheRead.Pid());
+    ASSERT_EQ(cut.size(), 257U);
+    EXPECT_EQ(cut.substr(256 - name.size()), name + std::string(1, '\0'));
+
+    EXPECT_EQ(StopDhcpTimeline(name), (Lines{
+                                          "INFO StopDhcp: Killing udhcpc pid " +
+                                              std::to_string(endsAtTheLastByte.Pid()) + " for interface " + name,
+                                          "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+                                      }));
+    EXPECT_EQ(endsAtTheLastByte.EndingSignal(), SIGTERM);
+    EXPECT_EQ(cutByTheRead.EndingSignal(), 0);
+    EXPECT_EQ(wellBeyond.EndingSignal(), 0);
+}
+
+// Runs `body` as the first process of new PID and mount namespaces, where it can
+// mount a /proc of its own, and returns the lines it produced. An empty interface
+// name would match clients of other test runs on this machine; in here there are
+// only the body's own processes.
+Lines InOwnNamespaces(const std::function<Lines()>& body) {
+    int output[2];
+    if (pipe2(output, O_CLOEXEC) != 0) return {"no pipe"};
+    pid_t child = fork();
+    if (child == 0) {
+        close(output[0]);
+        Lines lines;
+        if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) {
+            lines = {"cannot create the namespaces"};
+        } else {
+            pid_t init = fork();
+            if (init == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+                    lines = {"cannot make the mounts private"};
+                } else {
+                    lines = body();
+                }
+                std::string text;
+                for (const std::string& line : lines) text += line + "\n";
+                ssize_t ignored = write(output[1], text.data(), text.size());
+                (void)ignored;
+                _exit(0);
+            }
+            if (init < 0) lines = {"cannot start the first process"};
+            if (init > 0) waitpid(init, nullptr, 0);
+        }
+        std::string text;
+        for (const std::string& line : lines) text += line + "\n";
+        ssize_t ignored = write(output[1], text.data(), text.size());
+        (void)ignored;
+        _exit(0);
+    }
+    close(output[1]);
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(output[0], buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+    close(output[0]);
+    if (child > 0) waitpid(child, nullptr, 0);
+    Lines lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+std::string Ending(const char* what, FakeClient& client) {
+    return std::string(what) + " ended by signal " + std::to_string(client.EndingSignal());
+}
+
+TEST(StopDhcpTest, EmptyNameMatchesAClientWithAnEmptyArgument) {
+    TESSEL_NEED_NAMESPACES();
+    Lines lines = InOwnNamespaces([] {
+        if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+            return Lines{"cannot mount /proc"};
+        }
+        // The processes of a new PID namespace are numbered from 2 after its first.
+        FakeClient emptyArgument("udhcpc", {"-i", "", "-b"});
+        FakeClient noEmptyArgument("udhcpc", {"-i", "x", "-b"});
+        FakeClient otherProgram("sh", {"-i", "", "-b"});
+        Lines lines = {"pids " + std::to_string(emptyArgument.Pid()) + " " + std::to_string(noEmptyArgument.Pid()) +
+                       " " + std::to_string(otherProgram.Pid())};
+        Lines timeline = StopDhcpTimeline("");
+        lines.insert(lines.end(), timeline.begin(), timeline.end());
+        lines.push_back(Ending("empty argument", emptyArgument));
+        lines.push_back(Ending("no empty argument", noEmptyArgument));
+        lines.push_back(Ending("other program", otherProgram));
+        return lines;
+    });
+    EXPECT_EQ(lines, (Lines{
+                         "pids 2 3 4",
+                         "INFO StopDhcp: Killing udhcpc pid 2 for interface ",
+                         "$ rm -f /tmp/dhcp_.txt > /dev/null 2>&1",
+                         "empty argument ended by signal 15",
+                         "no empty argument ended by signal 0",
+                         "other program ended by signal 0",
+                     }));
+}
+
+TEST(StopDhcpTest, UnreadableProcIsReportedAndTheLeaseFileStillRemoved) {
+    TESSEL_NEED_NAMESPACES();
+    std::string name = UniqueName();
+    Lines lines = InOwnNamespaces([&name] {
+        if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+            return Lines{"cannot mount /proc"};
+        }
+        FakeClient client("udhcpc", ClientArguments(name));
+        // An empty /proc nobody but root may list, read without root's rights.
+        if (mount("tmpfs", "/proc", "tmpfs", 0, "mode=000") != 0) return Lines{"cannot cover /proc"};
+        if (seteuid(65534) != 0) return Lines{"cannot drop root's rights"};
+        Lines lines = StopDhcpTimeline(name);
+        if (seteuid(0) != 0) return Lines{"cannot take root's rights back"};
+        lines.push_back(Ending("client", client));
+        return lines;
+    });
+    EXPECT_EQ(lines, (Lines{
+                         "ERROR StopDhcp: Unable to open /proc to stop udhcpc",
+                         "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+                         "client ended by signal 0",
+                     }));
+}
+
+}  // namespace

@@ -1,0 +1,360 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "src/Network.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+in_addr Ip(const char* text) {
+    in_addr address{};
+    EXPECT_NE(inet_aton(text, &address), 0) << text;
+    return address;
+}
+
+IP_CONFIG Static(const char* address, const char* mask, const char* gateway) {
+    IP_CONFIG config{};
+    config.m_bDhcp = false;
+    config.m_ipAddress = Ip(address);
+    config.m_subnetMask = Ip(mask);
+    config.m_gateway = Ip(gateway);
+    return config;
+}
+
+IP_CONFIG Dhcp() {
+    IP_CONFIG config{};
+    config.m_bDhcp = true;
+    return config;
+}
+
+DHCP_STATE Lease(const char* address, const char* mask, const char* gateway) {
+    DHCP_STATE state{};
+    state.m_bLeaseValid = true;
+    state.m_ipAddress = Ip(address);
+    state.m_subnetMask = Ip(mask);
+    state.m_gateway = Ip(gateway);
+    return state;
+}
+
+std::string Dotted(in_addr address) { return inet_ntoa(address); }
+
+std::string Describe(const IP_CONFIG& config) {
+    return std::string(config.m_bDhcp ? "dhcp " : "static ") + Dotted(config.m_ipAddress) + " " +
+           Dotted(config.m_subnetMask) + " " + Dotted(config.m_gateway);
+}
+
+std::string Describe(const DHCP_STATE& state) {
+    return std::string(state.m_bLeaseValid ? "valid " : "invalid ") + Dotted(state.m_ipAddress) + " " +
+           Dotted(state.m_subnetMask) + " " + Dotted(state.m_gateway);
+}
+
+// An interface name no other test run uses. Stopping its DHCP clients scans the
+// real process table, where nothing serves such a name.
+std::string UniqueName() {
+    static int counter = 0;
+    return "ts" + std::to_string(getpid()) + "x" + std::to_string(++counter);
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Stands in for the shell and the DHCP client: records every command in the
+// timeline, carries out the removal of the interface's lease file, and when the
+// client is started writes the lease its script would report, if one is given.
+// Every other command is only recorded. Removes the lease file when done.
+class FakeShell {
+public:
+    explicit FakeShell(const std::string& interfaceName)
+        : m_path("/tmp/dhcp_" + interfaceName + ".txt"),
+          m_removal("rm -f " + m_path),
+          m_clientStart("udhcpc -i " + interfaceName + " "),
+          m_previous(SetCommandRunner([this](const std::string& command) { Run(command); })) {}
+    ~FakeShell() {
+        SetCommandRunner(std::move(m_previous));
+        std::remove(m_path.c_str());
+    }
+    FakeShell(const FakeShell&) = delete;
+    FakeShell& operator=(const FakeShell&) = delete;
+
+    void WriteLease(const std::string& text) const {
+        std::ofstream out(m_path, std::ios::binary | std::ios::trunc);
+        out << text;
+    }
+    void LeaseOnClientStart(const std::string& text) { m_leaseOnStart = text; }
+    const std::string& LeasePath() const { return m_path; }
+
+private:
+    void Run(const std::string& command) {
+        LogCapture::NoteCommand(command);
+        if (command.rfind(m_removal, 0) == 0) std::remove(m_path.c_str());
+        if (command.rfind(m_clientStart, 0) == 0 && !m_leaseOnStart.empty()) WriteLease(m_leaseOnStart);
+    }
+
+    std::string m_path;
+    std::string m_removal;
+    std::string m_clientStart;
+    std::string m_leaseOnStart;
+    CommandRunner m_previous;
+};
+
+class ServiceVethXTest : public ::testing::Test {
+protected:
+    ServiceVethXTest() : m_name(UniqueName()), m_shell(m_name) {}
+
+    // One supervision cycle for the interface, returning its messages and commands.
+    Lines Cycle(unsigned int metric = 10) {
+        LogCapture log;
+        ServiceVethX(m_name, metric, m_bReconfigure, m_applied, m_wanted, m_state);
+        return log.Timeline();
+    }
+    const std::string& N() const { return m_name; }
+
+    std::string m_name;
+    FakeShell m_shell;
+    bool m_bReconfigure = false;
+    IP_CONFIG m_applied{};
+    IP_CONFIG m_wanted{};
+    DHCP_STATE m_state{};
+};
+
+TEST_F(ServiceVethXTest, FirstCycleWithDhcpStartsAFreshClient) {
+    // A lease an earlier client left behind is removed before it could be taken up.
+    m_shell.WriteLease(N() + " 10.0.0.99 255.255.255.0\n10.0.0.1\n");
+    m_bReconfigure = true;
+    m_wanted = Dhcp();
+    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(), (Lines{
+                           "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "$ rm -f /tmp/dhcp_" + N() + ".txt > /dev/null 2>&1",
+                           "INFO SetupInterface: Starting DHCP for interface " + N(),
+                           "$ udhcpc -i " + N() + " -b -R -s /usr/share/udhcpc/tessel.script",
+                       }));
+    EXPECT_EQ(Describe(m_state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
+    EXPECT_FALSE(m_bReconfigure);
+    EXPECT_EQ(Describe(m_applied), "dhcp 0.0.0.0 0.0.0.0 0.0.0.0");
+}
+
+TEST_F(ServiceVethXTest, LeaseReadyInTheCycleTheClientStartsIsTakenUpAsNew) {
+    // The same lease as the one in force before: new all the same, because
+    // starting the client cleared what was in force.
+    m_shell.LeaseOnClientStart(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+    m_bReconfigure = true;
+    m_wanted = Dhcp();
+    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(), (Lines{
+                           "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "$ rm -f /tmp/dhcp_" + N() + ".txt > /dev/null 2>&1",
+                           "INFO SetupInterface: Starting DHCP for interface " + N(),
+                           "$ udhcpc -i " + N() + " -b -R -s /usr/share/udhcpc/tessel.script",
+                           "INFO CheckForNewDhcpAddress: New DHCP lease for " + N(),
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
+                           "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
+                           "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                           "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
+                           "$ rm -f /tmp/dhcp_" + N() + ".txt",
+                       }));
+    EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, FirstCycleStatic) {
+    m_bReconfigure = true;
+    m_wanted = Static("192.168.1.20", "255.255.255.0", "0.0.0.0");
+    EXPECT_EQ(Cycle(100), (Lines{
+                              "$ ip route flush dev " + N(),
+                              "$ ip addr flush dev " + N(),
+                              "INFO SetupInterface: Configuring interface " + N() + " for static IP",
+                              "INFO SetAddrAndRouting: Configuring " + N() + " for 192.168.1.20/255.255.255.0",
+                              "$ ip addr add 192.168.1.20/255.255.255.0 dev " + N(),
+                              "INFO SetAddrAndRouting: Not adding default gateway for " + N(),
+                          }));
+    EXPECT_FALSE(m_bReconfigure);
+    EXPECT_EQ(Describe(m_applied), "static 192.168.1.20 255.255.255.0 0.0.0.0");
+}
+
+TEST_F(ServiceVethXTest, ChangedStaticGatewayReprogramsTheInterface) {
+    // Static mode never reads a lease file, even one lying there.
+    m_shell.WriteLease(N() + " 10.0.0.99 255.255.255.0\n");
+    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.254");
+    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(100), (Lines{
+                              "$ ip route flush dev " + N(),
+                              "$ ip addr flush dev " + N(),
+                              "INFO SetupInterface: Configuring interface " + N() + " for static IP",
+                              "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.2/255.255.255.0",
+                              "$ ip addr add 10.0.0.2/255.255.255.0 dev " + N(),
+                              "INFO SetAddrAndRouting: Adding default gateway 10.0.0.254 for " + N(),
+                              "$ ip route add default via 10.0.0.254 dev " + N() + " metric 100",
+                          }));
+    EXPECT_EQ(Describe(m_applied), "static 10.0.0.2 255.255.255.0 10.0.0.254");
+    EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+    EXPECT_EQ(ReadFile(m_shell.LeasePath()), N() + " 10.0.0.99 255.255.255.0\n");
+}
+
+TEST_F(ServiceVethXTest, ChangedStaticAddressReprogramsTheInterface) {
+    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = Static("10.0.0.3", "255.255.255.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(), (Lines{
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "INFO SetupInterface: Configuring interface " + N() + " for static IP",
+                           "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.3/255.255.255.0",
+                           "$ ip addr add 10.0.0.3/255.255.255.0 dev " + N(),
+                           "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                           "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
+                       }));
+    EXPECT_EQ(Describe(m_applied), "static 10.0.0.3 255.255.255.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, ChangedStaticMaskReprogramsTheInterface) {
+    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = Static("10.0.0.2", "255.255.0.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(), (Lines{
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "INFO SetupInterface: Configuring interface " + N() + " for static IP",
+                           "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.2/255.255.0.0",
+                           "$ ip addr add 10.0.0.2/255.255.0.0 dev " + N(),
+                           "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                           "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
+                       }));
+    EXPECT_EQ(Describe(m_applied), "static 10.0.0.2 255.255.0.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, StaticToDhcpStartsAClient) {
+    // Only the mode changes; the addresses that come with it are the same.
+    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted.m_bDhcp = true;
+    EXPECT_EQ(Cycle(100), (Lines{
+                              "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
+                              "$ ip route flush dev " + N(),
+                              "$ ip addr flush dev " + N(),
+                              "$ rm -f /tmp/dhcp_" + N() + ".txt > /dev/null 2>&1",
+                              "INFO SetupInterface: Starting DHCP for interface " + N(),
+                              "$ udhcpc -i " + N() + " -b -R -s /usr/share/udhcpc/tessel.script",
+                          }));
+    EXPECT_EQ(Describe(m_applied), "dhcp 10.0.0.2 255.255.255.0 10.0.0.1");
+    EXPECT_EQ(Describe(m_state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
+}
+
+TEST_F(ServiceVethXTest, DhcpToStaticLeavesTheClientAndTheLeaseStateAlone) {
+    m_applied = Dhcp();
+    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(), (Lines{
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "INFO SetupInterface: Configuring interface " + N() + " for static IP",
+                           "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.2/255.255.255.0",
+                           "$ ip addr add 10.0.0.2/255.255.255.0 dev " + N(),
+                           "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                           "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
+                       }));
+    EXPECT_EQ(Describe(m_applied), "static 10.0.0.2 255.255.255.0 10.0.0.1");
+    EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, ForcedReconfigurationRestartsAnUnchangedDhcpClient) {
+    m_applied = Dhcp();
+    m_wanted = Dhcp();
+    m_bReconfigure = true;
+    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    EXPECT_EQ(Cycle(), (Lines{
+                           "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
+                           "$ ip route flush dev " + N(),
+                           "$ ip addr flush dev " + N(),
+                           "$ rm -f /tmp/dhcp_" + N() + ".txt > /dev/null 2>&1",
+                           "INFO SetupInterface: Starting DHCP for interface " + N(),
+                           "$ udhcpc -i " + N() + " -b -R -s /usr/share/udhcpc/tessel.script",
+                       }));
+    EXPECT_FALSE(m_bReconfigure);
+    EXPECT_EQ(Describe(m_state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
+}
+
+TEST_F(ServiceVethXTest, UnchangedStaticRunsNothing) {
+    m_shell.WriteLease(N() + " 10.0.0.99 255.255.255.0\n");
+    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    Lines timeline;
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        Lines one = Cycle();
+        timeline.insert(timeline.end(), one.begin(), one.end());
+    }
+    EXPECT_EQ(timeline, Lines{});
+    EXPECT_EQ(Describe(m_applied), "static 10.0.0.2 255.255.255.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, UnchangedDhcpOnlyChecksForALeaseEachCycle) {
+    m_applied = Dhcp();
+    m_wanted = Dhcp();
+    Lines timeline = Cycle();
+    m_shell.WriteLease(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+    Lines second = Cycle();
+    m_shell.WriteLease(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+    Lines third = Cycle();
+    timeline.insert(timeline.end(), second.begin(), second.end());
+    timeline.insert(timeline.end(), third.begin(), third.end());
+    EXPECT_EQ(timeline, (Lines{
+                            "INFO CheckForNewDhcpAddress: New DHCP lease for " + N(),
+                            "$ ip route flush dev " + N(),
+                            "$ ip addr flush dev " + N(),
+                            "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
+                            "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
+                            "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                            "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
+                            "$ rm -f /tmp/dhcp_" + N() + ".txt",
+                            "$ rm -f /tmp/dhcp_" + N() + ".txt",
+                        }));
+    EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, BytesBetweenTheFieldsDoNotCountAsAChange) {
+    static_assert(sizeof(IP_CONFIG) > sizeof(bool) + 3 * sizeof(in_addr), "IP_CONFIG has padding after its flag");
+    std::memset(static_cast<void*>(&m_applied), 0xAA, sizeof m_applied);
+    std::memset(static_cast<void*>(&m_wanted), 0x55, sizeof m_wanted);
+    for (IP_CONFIG* config : {&m_applied, &m_wanted}) {
+        config->m_bDhcp = false;
+        config->m_ipAddress = Ip("10.0.0.2");
+        config->m_subnetMask = Ip("255.255.255.0");
+        config->m_gateway = Ip("10.0.0.1");
+    }
+    EXPECT_EQ(Cycle(), Lines{});
+}
+
+TEST(SetupInterfaceTest, ConfigurationIsTakenAsGiven) {
+    std::string name = UniqueName();
+    FakeShell shell(name);
+    LogCapture log;
+    DHCP_STATE state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    SetupInterface(name, 10, Static("172.16.0.9", "255.240.0.0", "172.16.0.1"), state);
+    EXPECT_EQ(log.Timeline(), (Lines{
+                                  "$ ip route flush dev " + name,
+                                  "$ ip addr flush dev " + name,
+                                  "INFO SetupInterface: Configuring interface " + name + " for static IP",
+                                  "INFO SetAddrAndRouting: Configuring " + name + " for 172.16.0.9/255.240.0.0",
+                                  "$ ip addr add 172.16.0.9/255.240.0.0 dev " + name,
+                                  "INFO SetAddrAndRouting: Adding default gateway 172.16.0.1 for " + name,
+                                  "$ ip route add default via 172.16.0.1 dev " + name + " metric 10",
+                              }));
+    EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
+}  // namespace
