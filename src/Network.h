@@ -70,7 +70,9 @@ void RunShellCommand(const std::string& command);
 int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config);
 
 // Reads the configuration file into `settings` (never cleared: a field changes
-// only when a line for it is read). 0 read to its end, -1 cannot be opened.
+// only when a line for it is read). 0 read to its end; -1 cannot be opened or
+// read, with `settings` as it was (the outputs too, unless the read failed after
+// its first line: then all three are false).
 // bSettingsValid: a valid bridge line, and the last veth1 and veth3 lines valid.
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
                     bool& bVrx1Valid);

@@ -1,0 +1,175 @@
+// The configuration file parser: the settings record and its interface lines.
+#include <arpa/inet.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "logging/Logging.h"
+#include "src/Network.h"
+
+namespace {
+
+struct FileCloser {
+    void operator()(FILE* file) const { fclose(file); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+// Line kinds in the order their keywords are looked for: the first keyword that
+// occurs anywhere in the line decides, so "bridge" beats everything else.
+enum LineKind { LINE_BRIDGE, LINE_PHY, LINE_VETH1, LINE_VETH3, LINE_VRX0, LINE_VRX1, LINE_OTHER };
+const char* const kKeywords[] = {"bridge", "phy", "veth1", "veth3", "vrx0", "vrx1"};
+
+LineKind FindLineKind(const char* line) {
+    for (int kind = LINE_BRIDGE; kind < LINE_OTHER; ++kind) {
+        if (strstr(line, kKeywords[kind]) != nullptr) return static_cast<LineKind>(kind);
+    }
+    return LINE_OTHER;
+}
+
+bool BridgeModeFromWord(const char* word, BRIDGE_MODE& mode) {
+    static const struct {
+        const char* word;
+        BRIDGE_MODE mode;
+    } kBridgeWords[] = {{"eth0", BRIDGE_MODE_ETH0}, {"eth1", BRIDGE_MODE_ETH1}, {"eth0eth1", BRIDGE_MODE_ETH0ETH1}};
+    for (const auto& entry : kBridgeWords) {
+        if (strcmp(word, entry.word) == 0) {
+            mode = entry.mode;
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
+    // Widths cut longer words instead of rejecting them; the rest of a cut word
+    // becomes the next word. 15 characters is the longest dotted quad.
+    char mode[7];
+    char address[16];
+    char mask[16];
+    char gateway[16];
+    int words = sscanf(line, "%*s %6s %15s %15s %15s", mode, address, mask, gateway);
+    if (words < 1) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Invalid syntax for " + name + " entry in config file");
+        return -1;
+    }
+    // Three addresses always demand "static"; fewer words allow only "dhcp".
+    bool isStatic = words == 4 && strcmp(mode, "static") == 0;
+    bool isDhcp = words < 4 && strcmp(mode, "dhcp") == 0;
+    if (!isStatic && !isDhcp) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                  "Invalid syntax or address mode for " + name + " expected dhcp|static");
+        return -1;
+    }
+    if (isDhcp) {
+        // The addresses stay as they were: a DHCP interface takes its own from the lease.
+        config.m_bDhcp = true;
+        return 0;
+    }
+
+    // Each part is stored as soon as it is found good and nothing is rolled back,
+    // so a bad mask leaves the new address in place.
+    config.m_bDhcp = false;
+    struct StaticPart {
+        const char* word;
+        in_addr IP_CONFIG::*field;
+        const char* fault;
+    };
+    const StaticPart parts[] = {
+        {address, &IP_CONFIG::m_ipAddress, "Invalid static IP address "},
+        {mask, &IP_CONFIG::m_subnetMask, "Invalid static subnet mask "},
+        {gateway, &IP_CONFIG::m_gateway, "Invalid static default gateway "},
+    };
+    for (const StaticPart& part : parts) {
+        in_addr value{};
+        if (inet_aton(part.word, &value) == 0) {
+            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, part.fault + name);
+            return -1;
+        }
+        config.*part.field = value;
+    }
+    return 0;
+}
+
+int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
+                    bool& bVrx1Valid) {
+    // A phy line without a value has no message of its own and shares this one.
+    static const char kNoValueWord[] = "Invalid bridge mode line in config file";
+
+    FilePtr file(fopen(path.c_str(), "r"));
+    // 256 bytes for fgets: a longer line comes back in 255-character pieces, and
+    // each piece is classified as a line of its own.
+    char line[256];
+    bool bStarted = false;  // the first read worked and the outputs were reset
+    bool bBridgeSeen = false;
+    bool bVeth1Valid = false;
+    bool bVeth3Valid = false;
+    // Lines go into a copy that replaces the settings only once the whole file
+    // was read, so a read that breaks off part-way leaves the last whole read.
+    USER_SETTINGS read = settings;
+    for (;;) {
+        bool bGotLine = file != nullptr && fgets(line, sizeof line, file.get()) != nullptr;
+        // fgets also stops on a read error (a directory opens on Linux, then fails
+        // to read): only a stream without an error indicator has reached its end.
+        if (!bGotLine && (file == nullptr || ferror(file.get()) != 0)) {
+            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read configuration file");
+            // Before the first line nothing was touched; after it, this read vouches for nothing.
+            if (bStarted) bSettingsValid = bVrx0Valid = bVrx1Valid = false;
+            return -1;
+        }
+        if (!bStarted) {
+            bSettingsValid = bVrx0Valid = bVrx1Valid = false;
+            bStarted = true;
+        }
+        if (!bGotLine) break;
+        // Only the very first character makes a comment or an empty line.
+        if (line[0] == '#' || line[0] == '\n') continue;
+
+        // The value is always the second word; the first is skipped unread.
+        switch (FindLineKind(line)) {
+            case LINE_BRIDGE: {
+                char word[9];
+                BRIDGE_MODE mode;
+                if (sscanf(line, "%*s %8s", word) != 1) {
+                    LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, kNoValueWord);
+                } else if (!BridgeModeFromWord(word, mode)) {
+                    LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Invalid bridge mode entry, expected eth0|eth1|eth0eth1");
+                } else {
+                    read.m_eBridgeMode = mode;
+                    bBridgeSeen = true;  // only ever set: a later bad line does not undo a good one
+                }
+                break;
+            }
+            case LINE_PHY: {
+                char word[6];
+                if (sscanf(line, "%*s %5s", word) != 1) {
+                    LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, kNoValueWord);
+                } else {
+                    // Every word but "frame" means copper, without complaint.
+                    read.m_ePhyMode = strcmp(word, "frame") == 0 ? PHY_MODE_SGMII : PHY_MODE_COPPER;
+                }
+                break;
+            }
+            // The last line of each interface decides its flag.
+            case LINE_VETH1:
+                bVeth1Valid = ParseInterfaceLine("veth1", line, read.m_veth1Config) == 0;
+                break;
+            case LINE_VETH3:
+                bVeth3Valid = ParseInterfaceLine("veth3", line, read.m_veth3Config) == 0;
+                break;
+            case LINE_VRX0:
+                bVrx0Valid = ParseInterfaceLine("vrx0", line, read.m_vrx0Config) == 0;
+                break;
+            case LINE_VRX1:
+                bVrx1Valid = ParseInterfaceLine("vrx1", line, read.m_vrx1Config) == 0;
+                break;
+            case LINE_OTHER:
+                break;
+        }
+    }
+    settings = read;
+    bSettingsValid = bBridgeSeen && bVeth1Valid && bVeth3Valid;
+    return 0;
+}

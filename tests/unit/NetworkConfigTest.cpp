@@ -1,0 +1,601 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "src/Network.h"
+#include "tests/support/LogCapture.h"
+
+// Records compare field by field, so a test can say "untouched" of a whole record.
+static bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
+    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
+           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
+}
+
+static void PrintTo(const IP_CONFIG& config, std::ostream* out) {
+    *out << (config.m_bDhcp ? "dhcp " : "static ") << inet_ntoa(config.m_ipAddress);
+    *out << " " << inet_ntoa(config.m_subnetMask);
+    *out << " " << inet_ntoa(config.m_gateway);
+}
+
+static bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
+    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
+           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
+}
+
+static void PrintTo(const USER_SETTINGS& settings, std::ostream* out) {
+    *out << "bridge " << settings.m_eBridgeMode << ", phy " << settings.m_ePhyMode;
+    const IP_CONFIG* configs[] = {&settings.m_veth1Config, &settings.m_veth3Config, &settings.m_vrx0Config,
+                                  &settings.m_vrx1Config};
+    for (const IP_CONFIG* config : configs) {
+        *out << ", ";
+        PrintTo(*config, out);
+    }
+}
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+in_addr Ip(const char* text) {
+    in_addr address{};
+    EXPECT_NE(inet_aton(text, &address), 0) << text;
+    return address;
+}
+
+IP_CONFIG Config(bool dhcp, const char* address, const char* mask, const char* gateway) {
+    return IP_CONFIG{dhcp, Ip(address), Ip(mask), Ip(gateway)};
+}
+
+// Calls the parser on a private copy of the text and checks it was not modified.
+int ParseLine(const std::string& name, const std::string& text, IP_CONFIG& config) {
+    std::vector<char> line(text.begin(), text.end());
+    line.push_back('\0');
+    int result = ParseInterfaceLine(name, line.data(), config);
+    EXPECT_EQ(std::string(line.data()), text.c_str());
+    return result;
+}
+
+// Neither zero nor anything a test line writes.
+const IP_CONFIG kOldStatic = Config(false, "198.51.100.7", "255.255.0.0", "198.51.100.1");
+const IP_CONFIG kOldDhcp = Config(true, "198.51.100.7", "255.255.0.0", "198.51.100.1");
+
+TEST(ParseInterfaceLineTest, StaticLinesStoreAllThreeAddresses) {
+    LogCapture log;
+    const struct {
+        const char* line;
+        IP_CONFIG expected;
+    } cases[] = {
+        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\n", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"veth1 static 10.0.0.2 255.255.255.0 0.0.0.0\n", Config(false, "10.0.0.2", "255.255.255.0", "0.0.0.0")},
+        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1 10.0.0.9 more\n",
+         Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\r\n", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"  veth1  static\t10.0.0.2 255.255.255.0 10.0.0.1", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        // Every inet_aton form: one number, hexadecimal, three parts with an octal one.
+        {"veth1 static 167772162 0xffffff00 012.0.1\n", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        // A 16-character address is cut at 15: "0" becomes the mask and the mask the gateway.
+        {"veth1 static 100.100.100.1000 255.255.255.0 10.0.0.1\n",
+         Config(false, "100.100.100.100", "0.0.0.0", "255.255.255.0")},
+    };
+    for (const auto& c : cases) {
+        IP_CONFIG config = kOldDhcp;
+        EXPECT_EQ(ParseLine("veth1", c.line, config), 0) << c.line;
+        EXPECT_EQ(config, c.expected) << c.line;
+    }
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST(ParseInterfaceLineTest, DhcpLinesKeepTheAddresses) {
+    LogCapture log;
+    // Up to two further words are ignored; the first word is never checked.
+    const char* const lines[] = {"veth3 dhcp\n", "veth3 dhcp\r\n", "veth3 dhcp extra words\n", "veth3 dhcp #comment\n",
+                                 "anything dhcp"};
+    for (const char* line : lines) {
+        IP_CONFIG config = kOldStatic;
+        EXPECT_EQ(ParseLine("veth3", line, config), 0) << line;
+        EXPECT_EQ(config, kOldDhcp) << line;
+    }
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST(ParseInterfaceLineTest, LinesWithoutAUsableModeLeaveTheRecordUntouched) {
+    LogCapture log;
+    const std::pair<const char*, const char*> cases[] = {
+        {"veth1\n", "veth1"},
+        {"  veth1 \r\n", "veth1"},
+        {"", "vrx0"},
+        // Four words after the keyword always demand "static"; a "#" is a word like any other.
+        {"veth1 dhcp 10.0.0.2 255.255.255.0 10.0.0.1\n", "veth1"},
+        {"veth3 dhcp # a comment\n", "veth3"},
+        // Fewer words allow only "dhcp", exactly and with its case.
+        {"veth1 static 10.0.0.2 255.255.255.0\n", "veth1"},
+        {"veth1 static\n", "veth1"},
+        {"vrx1 DHCP\n", "vrx1"},
+        {"vrx1 Static 10.0.0.2 255.255.255.0 10.0.0.1\n", "vrx1"},
+        {"veth1 dhcpdhcp\n", "veth1"},  // the mode is cut to "dhcpdh"
+    };
+    for (const auto& [line, name] : cases) {
+        IP_CONFIG config = kOldDhcp;
+        EXPECT_EQ(ParseLine(name, line, config), -1) << line;
+        EXPECT_EQ(config, kOldDhcp) << line;
+    }
+    EXPECT_EQ(log.Messages(),
+              (Lines{
+                  "ERROR ParseInterfaceLine: Invalid syntax for veth1 entry in config file",
+                  "ERROR ParseInterfaceLine: Invalid syntax for veth1 entry in config file",
+                  "ERROR ParseInterfaceLine: Invalid syntax for vrx0 entry in config file",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth3 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for vrx1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for vrx1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth1 expected dhcp|static",
+              }));
+}
+
+TEST(ParseInterfaceLineTest, BadStaticPartStopsTheWritesWithoutRollback) {
+    LogCapture log;
+    const struct {
+        const char* name;
+        const char* line;
+        IP_CONFIG expected;
+    } cases[] = {
+        {"veth1", "veth1 static 10.0.0.300 255.255.255.0 10.0.0.1\n", kOldStatic},
+        {"veth3", "veth3 static 10.0.0.2 255.255.255.x 10.0.0.1\n",
+         Config(false, "10.0.0.2", "255.255.0.0", "198.51.100.1")},
+        {"vrx0", "vrx0 static 10.0.0.2 255.255.255.0 10.0.0.1.1\n",
+         Config(false, "10.0.0.2", "255.255.255.0", "198.51.100.1")},
+        // "staticx" is the mode "static" and an address "x".
+        {"vrx1", "vrx1 staticx 10.0.0.2 255.255.255.0 10.0.0.1\n", kOldStatic},
+        // The cut-off "x" of the mask becomes the gateway.
+        {"veth1", "veth1 static 10.0.0.2 255.255.255.255x 10.0.0.1\n",
+         Config(false, "10.0.0.2", "255.255.255.255", "198.51.100.1")},
+    };
+    for (const auto& c : cases) {
+        IP_CONFIG config = kOldDhcp;
+        EXPECT_EQ(ParseLine(c.name, c.line, config), -1) << c.line;
+        EXPECT_EQ(config, c.expected) << c.line;
+    }
+    EXPECT_EQ(log.Messages(), (Lines{
+                                  "ERROR ParseInterfaceLine: Invalid static IP address veth1",
+                                  "ERROR ParseInterfaceLine: Invalid static subnet mask veth3",
+                                  "ERROR ParseInterfaceLine: Invalid static default gateway vrx0",
+                                  "ERROR ParseInterfaceLine: Invalid static IP address vrx1",
+                                  "ERROR ParseInterfaceLine: Invalid static default gateway veth1",
+                              }));
+}
+
+using Flags = std::vector<bool>;
+
+// Every field non-zero and unlike anything a test file writes, static so that
+// a "dhcp" line shows; PHY and bridge modes out of their enums' range.
+USER_SETTINGS Sentinels() {
+    USER_SETTINGS settings;
+    settings.m_eBridgeMode = static_cast<BRIDGE_MODE>(0xA5A5A5A5);
+    settings.m_ePhyMode = static_cast<PHY_MODE>(0x5A5A5A5A);
+    settings.m_veth1Config = Config(false, "198.51.100.11", "255.255.0.11", "203.0.113.11");
+    settings.m_veth3Config = Config(false, "198.51.100.33", "255.255.0.33", "203.0.113.33");
+    settings.m_vrx0Config = Config(false, "198.51.100.100", "255.255.0.100", "203.0.113.100");
+    settings.m_vrx1Config = Config(false, "198.51.100.101", "255.255.0.101", "203.0.113.101");
+    return settings;
+}
+
+const char kExampleFile[] =
+    "#network settings\n"
+    "bridge eth0eth1\n"
+    "phy frame\n"
+    "veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\n"
+    "veth3 dhcp\n"
+    "vrx0 dhcp\n"
+    "vrx1 static 192.168.1.10 255.255.255.0 0.0.0.0\n";
+
+// What the example file makes of the sentinels: dhcp lines keep the addresses.
+USER_SETTINGS ExampleSettings() {
+    USER_SETTINGS settings = Sentinels();
+    settings.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    settings.m_ePhyMode = PHY_MODE_SGMII;
+    settings.m_veth1Config = Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    settings.m_veth3Config.m_bDhcp = true;
+    settings.m_vrx0Config.m_bDhcp = true;
+    settings.m_vrx1Config = Config(false, "192.168.1.10", "255.255.255.0", "0.0.0.0");
+    return settings;
+}
+
+// The text followed by blanks up to `width` characters.
+std::string Pad(const std::string& text, size_t width) { return text + std::string(width - text.size(), ' '); }
+
+class ParseConfigFileTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tessel-config-test-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir = pattern;
+        path = dir + "/tessel.conf";
+    }
+    void TearDown() override { std::filesystem::remove_all(dir); }
+
+    void Write(const std::string& content) {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out.write(content.data(), static_cast<std::streamsize>(content.size()));
+        ASSERT_TRUE(out.good()) << path;
+    }
+    int Parse() { return ParseConfigFile(path, settings, bSettingsValid, bVrx0Valid, bVrx1Valid); }
+    int ParseText(const std::string& content) {
+        Write(content);
+        return Parse();
+    }
+    Flags Outputs() const { return {bSettingsValid, bVrx0Valid, bVrx1Valid}; }
+
+    LogCapture log;
+    std::string dir;
+    std::string path;
+    const USER_SETTINGS before = Sentinels();
+    USER_SETTINGS settings = before;
+    bool bSettingsValid = true;
+    bool bVrx0Valid = true;
+    bool bVrx1Valid = true;
+};
+
+// Every line kind with exactly its words.
+TEST_F(ParseConfigFileTest, ExampleFileSetsEverySetting) {
+    EXPECT_EQ(ParseText(kExampleFile), 0);
+    EXPECT_EQ(settings, ExampleSettings());
+    EXPECT_EQ(Outputs(), (Flags{true, true, true}));
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, CrlfEndingsReadTheSame) {
+    std::string text;
+    for (const char* c = kExampleFile; *c != '\0'; ++c) text += *c == '\n' ? std::string("\r\n") : std::string(1, *c);
+    EXPECT_EQ(ParseText(text + "\r\n"), 0);
+    EXPECT_EQ(settings, ExampleSettings());
+    EXPECT_EQ(Outputs(), (Flags{true, true, true}));
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, MissingFileChangesNothingAndSaysSoEachTime) {
+    EXPECT_EQ(ParseText(kExampleFile), 0);
+    std::filesystem::remove(path);
+    EXPECT_EQ(Parse(), -1);
+    EXPECT_EQ(Outputs(), (Flags{true, true, true}));
+    bSettingsValid = bVrx1Valid = false;
+    EXPECT_EQ(Parse(), -1);
+    EXPECT_EQ(Outputs(), (Flags{false, true, false}));
+    EXPECT_EQ(settings, ExampleSettings());
+    EXPECT_EQ(log.Messages(), (Lines{
+                                  "ERROR ParseConfigFile: Unable to read configuration file",
+                                  "ERROR ParseConfigFile: Unable to read configuration file",
+                              }));
+}
+
+TEST_F(ParseConfigFileTest, DirectoryIsAFileThatCannotBeRead) {
+    path = dir;
+    EXPECT_EQ(Parse(), -1);
+    EXPECT_EQ(Outputs(), (Flags{true, true, true}));
+    EXPECT_EQ(settings, before);
+    EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Unable to read configuration file"}));
+}
+
+// A child whose page at address 0 holds a text: its memory file reads as that
+// text and then fails with EIO on the unmapped page after it.
+class PageZeroProcess {
+public:
+    explicit PageZeroProcess(const std::string& text) {
+        int ready[2];
+        if (pipe(ready) != 0) return;
+        m_pid = fork();
+        if (m_pid == 0) {
+            close(ready[0]);
+            void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+            char mapped = page == MAP_FAILED ? 'n' : 'y';
+            if (page != MAP_FAILED) {
+                memset(page, '\n', 4096);
+                memcpy(page, text.data(), text.size());
+            }
+            if (write(ready[1], &mapped, 1) == 1) pause();
+            _exit(0);
+        }
+        close(ready[1]);
+        char mapped = 'n';
+        m_bMapped = m_pid > 0 && read(ready[0], &mapped, 1) == 1 && mapped == 'y';
+        close(ready[0]);
+    }
+    ~PageZeroProcess() {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    bool Mapped() const { return m_bMapped; }
+    std::string MemoryFile() const { return "/proc/" + std::to_string(m_pid) + "/mem"; }
+
+private:
+    pid_t m_pid = -1;
+    bool m_bMapped = false;
+};
+
+TEST_F(ParseConfigFileTest, ReadErrorPartWayIsNoCompleteFile) {
+    PageZeroProcess child("bridge eth1\nveth1 dhcp\nveth3 dhcp\nvrx0 dhcp\nvrx1 bogus\n");
+    if (!child.Mapped()) GTEST_SKIP() << "cannot map address 0 here (needs root with CAP_SYS_RAWIO)";
+    path = child.MemoryFile();
+    EXPECT_EQ(Parse(), -1);
+    EXPECT_EQ(settings, before);
+    EXPECT_EQ(Outputs(), (Flags{false, false, false}));
+    EXPECT_EQ(log.Messages(),
+              (Lines{
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for vrx1 expected dhcp|static",
+                  "ERROR ParseConfigFile: Unable to read configuration file",
+              }));
+}
+
+TEST_F(ParseConfigFileTest, EmptyOrCommentedFileClearsTheOutputsOnly) {
+    EXPECT_EQ(ParseText(""), 0);
+    EXPECT_EQ(Outputs(), (Flags{false, false, false}));
+    bSettingsValid = bVrx0Valid = bVrx1Valid = true;
+    EXPECT_EQ(ParseText("#network settings\n\n#bridge eth1\n#veth1 dhcp\n\n#veth3 dhcp"), 0);
+    EXPECT_EQ(Outputs(), (Flags{false, false, false}));
+    EXPECT_EQ(settings, before);
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, EachReadNeedsItsOwnBridgeVeth1AndVeth3Lines) {
+    EXPECT_EQ(ParseText("bridge eth1\nveth1 dhcp\nveth3 dhcp\n"), 0);
+    EXPECT_TRUE(bSettingsValid);
+    EXPECT_EQ(ParseText("veth1 dhcp\nveth3 dhcp\n"), 0);
+    EXPECT_FALSE(bSettingsValid);
+    EXPECT_EQ(ParseText("bridge eth1\nveth3 dhcp\n"), 0);
+    EXPECT_FALSE(bSettingsValid);
+    settings = before;
+    EXPECT_EQ(ParseText("bridge eth1\nphy frame\nveth1 dhcp\nvrx0 dhcp\nvrx1 dhcp\n"), 0);
+    EXPECT_EQ(Outputs(), (Flags{false, true, true}));
+    EXPECT_EQ(settings.m_veth3Config, before.m_veth3Config);
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, GoodBridgeLineCountsWhateverBadOnesFollow) {
+    EXPECT_EQ(ParseText("bridge\nbridge eth2\nveth1 dhcp\nveth3 dhcp\n"), 0);
+    EXPECT_EQ(settings.m_eBridgeMode, before.m_eBridgeMode);
+    EXPECT_FALSE(bSettingsValid);
+    EXPECT_EQ(ParseText("bridge eth0\nveth1 dhcp\nveth3 dhcp\nbridge eth2\nbridge\n"), 0);
+    EXPECT_EQ(settings.m_eBridgeMode, BRIDGE_MODE_ETH0);
+    EXPECT_TRUE(bSettingsValid);
+    EXPECT_EQ(log.Messages(), (Lines{
+                                  "ERROR ParseConfigFile: Invalid bridge mode line in config file",
+                                  "ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+                                  "ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+                                  "ERROR ParseConfigFile: Invalid bridge mode line in config file",
+                              }));
+}
+
+TEST_F(ParseConfigFileTest, LastInterfaceLineDecidesItsFlagButBadOnesKeepTheValues) {
+    EXPECT_EQ(ParseText("bridge eth1\nveth1 static 10.0.0.2 255.255.255.0 10.0.0.1\nveth1 bogus\nveth3 bogus\n"
+                        "veth3 dhcp\nvrx0 dhcp\nvrx0\nvrx1 static 1.2.3\nvrx1 dhcp\n"),
+              0);
+    EXPECT_EQ(settings.m_veth1Config, Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1"));
+    EXPECT_EQ(Outputs(), (Flags{false, false, true}));
+    EXPECT_EQ(log.Messages(),
+              (Lines{
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth3 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax for vrx0 entry in config file",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for vrx1 expected dhcp|static",
+              }));
+}
+
+TEST_F(ParseConfigFileTest, BridgeValuesAreComparedOnTheirFirstEightCharacters) {
+    const struct {
+        const char* line;
+        uint32_t mode;
+        bool valid;
+    } cases[] = {
+        {"bridge eth0\n", BRIDGE_MODE_ETH0, true},         {"bridge eth1\n", BRIDGE_MODE_ETH1, true},
+        {"bridge eth0eth1\n", BRIDGE_MODE_ETH0ETH1, true}, {"bridge eth0eth1extra\n", BRIDGE_MODE_ETH0ETH1, true},
+        {"bridge eth1x\n", BRIDGE_MODE_ETH0ETH1, false},  // no mode: the last one stays
+        {"bridge ETH1\n", BRIDGE_MODE_ETH0ETH1, false},    {"bridge eth0eth\n", BRIDGE_MODE_ETH0ETH1, false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(ParseText(std::string(c.line) + "veth1 dhcp\nveth3 dhcp\n"), 0) << c.line;
+        EXPECT_EQ(settings.m_eBridgeMode, c.mode) << c.line;
+        EXPECT_EQ(bSettingsValid, c.valid) << c.line;
+    }
+    EXPECT_EQ(log.Messages(), (Lines{
+                                  "ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+                                  "ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+                                  "ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+                              }));
+}
+
+TEST_F(ParseConfigFileTest, PhyIsSgmiiOnlyForFrameOnItsFirstFiveCharacters) {
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"phy frame\n", PHY_MODE_SGMII},  {"phy copper\n", PHY_MODE_COPPER},
+        {"phy framed\n", PHY_MODE_SGMII}, {"phy\n", PHY_MODE_SGMII},  // no value: the last one stays
+        {"phy fram\n", PHY_MODE_COPPER},  {"phy FRAME\n", PHY_MODE_COPPER},
+    };
+    for (const auto& [line, mode] : cases) {
+        EXPECT_EQ(ParseText(line), 0) << line;
+        EXPECT_EQ(settings.m_ePhyMode, mode) << line;
+    }
+    EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Invalid bridge mode line in config file"}));
+}
+
+TEST_F(ParseConfigFileTest, LinesWithTooFewWords) {
+    EXPECT_EQ(ParseText("bridge\nphy\nveth1 static 10.0.0.2 255.255.255.0\nveth3\nvrx0 static\nvrx1 \n"), 0);
+    EXPECT_EQ(settings, before);
+    EXPECT_EQ(Outputs(), (Flags{false, false, false}));
+    EXPECT_EQ(log.Messages(),
+              (Lines{
+                  "ERROR ParseConfigFile: Invalid bridge mode line in config file",
+                  "ERROR ParseConfigFile: Invalid bridge mode line in config file",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for veth1 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax for veth3 entry in config file",
+                  "ERROR ParseInterfaceLine: Invalid syntax or address mode for vrx0 expected dhcp|static",
+                  "ERROR ParseInterfaceLine: Invalid syntax for vrx1 entry in config file",
+              }));
+}
+
+TEST_F(ParseConfigFileTest, LinesWithTooManyWords) {
+    EXPECT_EQ(ParseText("bridge eth1 eth0\nphy frame copper\nveth1 static 10.0.0.2 255.255.255.0 10.0.0.1 10.0.0.9\n"
+                        "veth3 dhcp a b c\nvrx0 dhcp a b\nvrx1 static 192.168.1.10 255.255.255.0 0.0.0.0 x\n"),
+              0);
+    USER_SETTINGS expected = before;
+    expected.m_eBridgeMode = BRIDGE_MODE_ETH1;
+    expected.m_ePhyMode = PHY_MODE_SGMII;
+    expected.m_veth1Config = Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    expected.m_vrx0Config.m_bDhcp = true;
+    expected.m_vrx1Config = Config(false, "192.168.1.10", "255.255.255.0", "0.0.0.0");
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{false, true, true}));
+    EXPECT_EQ(log.Messages(),
+              (Lines{"ERROR ParseInterfaceLine: Invalid syntax or address mode for veth3 expected dhcp|static"}));
+}
+
+TEST_F(ParseConfigFileTest, KeywordIsFoundAnywhereInTheFixedOrder) {
+    // A blank before "#" makes no comment.
+    EXPECT_EQ(ParseText(" #bridge eth1\n"), 0);
+    EXPECT_EQ(settings.m_eBridgeMode, BRIDGE_MODE_ETH1);
+    // "bridge" is looked for before "phy".
+    EXPECT_EQ(ParseText("myphy_bridge eth0eth1\n"), 0);
+    EXPECT_EQ(settings.m_eBridgeMode, BRIDGE_MODE_ETH0ETH1);
+    EXPECT_EQ(settings.m_ePhyMode, before.m_ePhyMode);
+
+    EXPECT_EQ(ParseText("xphy frame\n"
+                        "veth1 dhcp bridge\n"  // a bridge line with the value "dhcp"
+                        "vrx0 dhcp veth3\n"    // a veth3 line: veth3 is looked for before vrx0
+                        "veth1 dhcp #comment\n"
+                        "interface eth0\n"),  // no keyword
+              0);
+    USER_SETTINGS expected = before;
+    expected.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    expected.m_ePhyMode = PHY_MODE_SGMII;
+    expected.m_veth1Config.m_bDhcp = true;
+    expected.m_veth3Config.m_bDhcp = true;
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{false, false, false}));
+    EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1"}));
+}
+
+TEST_F(ParseConfigFileTest, RepeatedLinesLastOneWins) {
+    EXPECT_EQ(ParseText("bridge eth0\nbridge eth1\nphy frame\nphy copper\n"
+                        "veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\nveth1 dhcp\nveth3 dhcp\nveth3 dhcp\n"),
+              0);
+    USER_SETTINGS expected = before;
+    expected.m_eBridgeMode = BRIDGE_MODE_ETH1;
+    expected.m_ePhyMode = PHY_MODE_COPPER;
+    expected.m_veth1Config = Config(true, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    expected.m_veth3Config.m_bDhcp = true;
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{true, false, false}));
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, VrxOutputsAreWrittenAsTheirLinesAreRead) {
+    // One variable for both: the vrx line read last decides it.
+    bool shared = true;
+    Write("vrx1 dhcp\nvrx0 bogus\n");
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, shared, shared), 0);
+    EXPECT_FALSE(shared);
+    Write("vrx0 bogus\nvrx1 dhcp\n");
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, shared, shared), 0);
+    EXPECT_TRUE(shared);
+}
+
+TEST_F(ParseConfigFileTest, FieldsWithoutALineKeepTheLastReadsValues) {
+    EXPECT_EQ(ParseText(kExampleFile), 0);
+    EXPECT_EQ(ParseText("bridge eth1\n"), 0);
+    USER_SETTINGS expected = ExampleSettings();
+    expected.m_eBridgeMode = BRIDGE_MODE_ETH1;
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{false, false, false}));
+}
+
+TEST_F(ParseConfigFileTest, NulByteEndsTheLineItIsIn) {
+    const char text[] =
+        "bridge\0eth1\n"  // a bridge line without a value
+        "\0veth1 dhcp\n"  // an empty line
+        "phy fr\0ame\n"   // phy "fr"
+        "vrx0 dhcp\0\n"
+        "veth3 dhcp\n";
+    EXPECT_EQ(ParseText(std::string(text, sizeof text - 1)), 0);
+    USER_SETTINGS expected = before;
+    expected.m_ePhyMode = PHY_MODE_COPPER;
+    expected.m_vrx0Config.m_bDhcp = true;
+    expected.m_veth3Config.m_bDhcp = true;
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{false, true, false}));
+    EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Invalid bridge mode line in config file"}));
+}
+
+TEST_F(ParseConfigFileTest, LastLineWithoutNewlineIsRead) {
+    EXPECT_EQ(ParseText("bridge eth1\nveth1 dhcp\nveth3 dhcp"), 0);
+    EXPECT_EQ(Outputs(), (Flags{true, false, false}));
+    EXPECT_TRUE(settings.m_veth3Config.m_bDhcp);
+    EXPECT_EQ(ParseText("bridge eth1\nveth1 dhcp\nveth3 dhcp\nphy frame"), 0);
+    EXPECT_EQ(settings.m_ePhyMode, PHY_MODE_SGMII);
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, LineLongerThan255CharactersIsSeveralLines) {
+    EXPECT_EQ(ParseText(Pad("bridge eth1", 254) + "\n"   // fits with its newline
+                        + Pad("veth1 dhcp", 255) + "\n"  // the newline alone is an empty line
+                        + Pad("veth3 dhcp", 255) + "phy frame\n" + Pad("vrx0 dhcp", 255) + "#vrx1 dhcp\n" +
+                        std::string(252, 'x') + "vrx1 dhcp\n"),  // "vrx" | "1 dhcp": no keyword
+              0);
+    USER_SETTINGS expected = before;
+    expected.m_eBridgeMode = BRIDGE_MODE_ETH1;
+    expected.m_ePhyMode = PHY_MODE_SGMII;
+    expected.m_veth1Config.m_bDhcp = true;
+    expected.m_veth3Config.m_bDhcp = true;
+    expected.m_vrx0Config.m_bDhcp = true;
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{true, true, false}));
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, HundredKilobyteLineIsReadIn255CharacterPieces) {
+    std::vector<std::string> pieces(401, std::string(255, 'x'));
+    pieces[0] = Pad("veth1 static 10.0.0.2 255.255.255.0 10.0.0.1", 255);
+    pieces[100] = Pad("bridge eth0eth1", 255);
+    pieces[200] = Pad("#bridge eth1", 255);
+    pieces[250] = Pad("phy", 255);
+    pieces[299] = std::string(253, 'x') + "ve";  // "veth3 dhcp" across two pieces: no keyword in either
+    pieces[300] = Pad("th3 dhcp", 255);
+    std::string line;
+    for (const std::string& piece : pieces) line += piece;
+    line += "vrx0 dhcp\n";
+    ASSERT_GE(line.size(), 100000u);
+    EXPECT_EQ(ParseText(line), 0);
+    USER_SETTINGS expected = before;
+    expected.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    expected.m_veth1Config = Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    expected.m_vrx0Config.m_bDhcp = true;
+    EXPECT_EQ(settings, expected);
+    EXPECT_EQ(Outputs(), (Flags{false, true, false}));
+    EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Invalid bridge mode line in config file"}));
+}
+
+TEST_F(ParseConfigFileTest, MessagesAreErrorsFromThisFileAndStayOutOfTheSystemLog) {
+    EXPECT_EQ(ParseText("bridge\nbridge eth2\nphy\nveth1\nveth3 static 1.2.3.4 x 1.2.3.1\n"), 0);
+    path = dir + "/missing.conf";
+    EXPECT_EQ(Parse(), -1);
+    std::vector<std::string> functions;
+    for (const LogEntry& entry : log.Entries()) {
+        EXPECT_EQ(entry.level, "ERROR");
+        EXPECT_EQ(entry.file, "src/NetworkConfig.cpp");
+        functions.push_back(entry.function);
+    }
+    EXPECT_EQ(functions, (Lines{"ParseConfigFile", "ParseConfigFile", "ParseConfigFile", "ParseInterfaceLine",
+                                "ParseInterfaceLine", "ParseConfigFile"}));
+    EXPECT_EQ(log.SystemLog(), Lines{});
+}
+
+}  // namespace
