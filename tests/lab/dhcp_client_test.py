@@ -33,16 +33,21 @@ class DhcpClientTest(LabTestCase):
         self.addCleanup(monitor.terminate)
         return monitor
 
-    def test_first_lease_reaches_veth1_on_the_cycle_after_the_script_wrote_it(self):
+    def lease_file_to_address(self, watch, what):
+        """Waits for veth1's lease, polling finely; returns the lease and the
+        time from the script's last lease file before it to the address."""
+        lease = wait_for(lambda: watch.events(IN_MOVED_TO, LEASE_FILE) and self.lab.lease_address(), 20, what,
+                         interval=0.02)
+        seen = time.monotonic()
+        written = [t for t in watch.events(IN_MOVED_TO, LEASE_FILE) if t <= seen][-1]
+        return lease, written, seen
+
+    def test_first_lease_and_its_timing(self):
         with self.lab.watch_tmp() as watch:
             started = time.monotonic()
             self.lab.start(TWO_PORT_CONFIG)
-            # Polled finely, to time the lease file (written on udhcpc's start
-            # with no lease, then with the lease) and the address.
-            lease = wait_for(lambda: watch.events(IN_MOVED_TO, LEASE_FILE) and self.lab.lease_address(), 20,
-                             "veth1's lease", interval=0.02)
-            seen = time.monotonic()
-            written = [t for t in watch.events(IN_MOVED_TO, LEASE_FILE) if t <= seen][-1]
+            # udhcpc writes a file on its start (no lease), then the lease's.
+            lease, written, seen = self.lease_file_to_address(watch, "veth1's lease")
             wait_for(lambda: watch.events(IN_DELETE, LEASE_FILE) and watch.events(IN_DELETE, LEASE_FILE)[-1] >= written,
                      5, "the daemon to delete the lease file")
         print("timing: daemon start to lease file %.2f s, lease file to address %.2f s" %
@@ -82,8 +87,13 @@ class DhcpClientTest(LabTestCase):
         self.assertEqual([], self.lab.default_routes())
         self.assertIn("No DHCP lease for veth1", self.lab.daemon_log_since(mark))
 
-        self.lab.device("kill", "-USR1", str(client))
-        self.assertEqual(lease, self.lab.wait_for_lease())
+        with self.lab.watch_tmp() as watch:
+            self.lab.device("kill", "-USR1", str(client))
+            again, written, seen = self.lease_file_to_address(watch, "the lease back on veth1")
+        # The lease came while the daemon slept: it is put into effect on the next cycle.
+        print("timing: lease file to address %.2f s (new request after a release)" % (seen - written))
+        self.assertLess(seen - written, 2.0)
+        self.assertEqual(lease, again)
         self.assertIn("New DHCP lease for veth1", self.lab.daemon_log_since(mark))
         self.assertEqual([(PEER1_ADDR, "veth1", 10)], self.lab.default_routes())
 
