@@ -46,6 +46,7 @@ class BridgeModesTest(LabTestCase):
         self.lab.start(TWO_PORT_CONFIG)
         wait_for(lambda: self.lab.bridge_ports() == ["eth0", "eth1", "veth0", "veth2"], 10, "br0 with both ports")
         lease = self.lab.wait_for_lease()
+        self.lab.wait_for_first_cycle()
         clients = self.lab.udhcpc_clients()
         self.assertEqual(1, len(clients), clients)
         old_client = list(clients)[0]
@@ -64,7 +65,7 @@ class BridgeModesTest(LabTestCase):
         clients = self.lab.udhcpc_clients()
         self.assertEqual(1, len(clients), clients)
         self.assertNotIn(old_client, clients)
-        self.assertEqual([("192.168.77.1", "veth1", 10)], self.lab.default_routes())
+        self.lab.wait_for_routes([("192.168.77.1", "veth1", 10)])
 
         # And back: both ports, the second pair in the bridge again.
         mark = len(self.lab.daemon_log())

@@ -130,7 +130,24 @@ class Lab:
         return path
 
     def start(self, config_text):
-        self.tool("start", self._write_config(config_text))
+        path = self._write_config(config_text)
+        self.start_mark = len(self.daemon_log()) if os.path.exists(os.path.join(self.state, "daemon.log")) else 0
+        self.tool("start", path)
+
+    def wait_for_cycles(self, count, timeout=None):
+        """Waits until the daemon has begun `count` more cycles: each begins by
+        reading its configuration file, which the lab sees (inotify)."""
+        with DirWatch(self.state, IN_OPEN) as watch:
+            wait_for(lambda: len(watch.events(IN_OPEN, "networkd.conf")) >= count, timeout or 5 + 3 * count,
+                     "%d more cycles of the daemon" % count)
+
+    def wait_for_first_cycle(self, timeout=20):
+        """Waits until the daemon's first usable cycle is over. It ends with the
+        PHY mode write (for which the lab has no driver file: its complaint
+        shows it) and a bounce of eth1; the next cycle's start is the end."""
+        wait_for(lambda: "/proc/marvell-phy-0-port" in self.daemon_log_since(self.start_mark), timeout,
+                 "the PHY mode write of the daemon's first cycle")
+        self.wait_for_cycles(1)
 
     def config(self, config_text):
         self.tool("config", self._write_config(config_text))
@@ -170,6 +187,10 @@ class Lab:
         """(gateway, device, metric) of every default route on the device."""
         return sorted((r.get("gateway"), r.get("dev"), r.get("metric", 0))
                       for r in self.ipj(self.dev, "-4", "route", "show", "default"))
+
+    def wait_for_routes(self, expected, timeout=5):
+        """The address comes a command before its route: waits for the routes."""
+        wait_for(lambda: self.default_routes() == expected, timeout, "default routes %s" % (expected,))
 
     def bridge_ports(self):
         try:
@@ -297,8 +318,7 @@ def lab_module(test_module_globals, start_config=None):
 
 # --- file events ----------------------------------------------------------------
 
-IN_MODIFY = 0x2
-IN_CLOSE_WRITE = 0x8
+IN_OPEN = 0x20
 IN_MOVED_TO = 0x80
 IN_CREATE = 0x100
 IN_DELETE = 0x200
@@ -312,11 +332,11 @@ class DirWatch:
     milliseconds between the script's rename and the daemon's removal is still
     seen."""
 
-    def __init__(self, path):
+    def __init__(self, path, mask=IN_CREATE | IN_MOVED_TO | IN_DELETE):
         self.fd = _libc.inotify_init1(_IN_NONBLOCK | _IN_CLOEXEC)
         if self.fd < 0:
             raise OSError(ctypes.get_errno(), "inotify_init1")
-        if _libc.inotify_add_watch(self.fd, path.encode(), IN_CREATE | IN_MOVED_TO | IN_DELETE) < 0:
+        if _libc.inotify_add_watch(self.fd, path.encode(), mask) < 0:
             os.close(self.fd)
             raise OSError(ctypes.get_errno(), "inotify_add_watch " + path)
         self.seen = []  # (monotonic time, mask, name)

@@ -5,7 +5,6 @@ the lab's recording devmem stand-in) until the peer is back; then eth0 is a
 port of br0 again and the sequence stops."""
 import re
 import subprocess
-import time
 
 from labtest import REGISTER_SEQUENCE, LabTestCase, main, run, wait_for
 
@@ -35,6 +34,7 @@ class LinkRecoveryTest(LabTestCase):
         self.lab.start(CONFIG)
         wait_for(lambda: self.lab.addresses("veth1") == ["192.168.77.60/24"], 15, "the daemon's first cycle")
         wait_for(self.eth0_in_br0, 10, "eth0 in br0")
+        self.lab.wait_for_first_cycle()
         # A usable first cycle runs the sequence once.
         self.assertEqual(1, len(self.sequences()))
         self.assertWholeSequences(self.sequences())
@@ -66,9 +66,9 @@ class LinkRecoveryTest(LabTestCase):
         downs = [line for line in events.splitlines() if re.search(r"\beth0\b.*<(?![^>]*\bUP\b)[^>]*>", line)]
         self.assertGreaterEqual(len(downs), 3, events)
 
-        # With the link back the sequence stops (two more cycles to be sure).
+        # With the link back the sequence stops.
         count = len(sequences)
-        time.sleep(2.5)
+        self.lab.wait_for_cycles(3)
         self.assertEqual(count, len(self.sequences()))
         self.assertTrue(self.eth0_in_br0())
 

@@ -20,6 +20,7 @@ class TwoPortTest(unittest.TestCase):
         cls.lab = MODULE["lab"]
         cls.lease = cls.lab.wait_for_lease()
         wait_for(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
+        cls.lab.wait_for_first_cycle()
 
     def setUp(self):
         self.ports = []
