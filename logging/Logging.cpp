@@ -1,5 +1,6 @@
 #include "logging/Logging.h"
 
+#include <signal.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -16,12 +17,6 @@ namespace {
 std::atomic<int> s_level{LOGGING_SEVERITY_INFO};
 std::atomic<bool> s_toStdout{true};
 std::atomic<SystemLogSink> s_systemLogSink{nullptr};
-
-// localtime_r takes the C library's time-zone lock, so a signal handler that
-// interrupted it and called it again would deadlock. Only the outermost call
-// asks for the offset; a re-entered call uses the last one seen.
-std::atomic<int> s_depth{0};
-std::atomic<long> s_utcOffset{0};
 
 const char* const kLevelNames[] = {"EMERG", "ALERT", "CRIT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
 
@@ -73,14 +68,12 @@ void CivilFromDays(long days, long& year, int& month, int& day) {
     year = yoe + era * 400 + (month <= 2 ? 1 : 0);
 }
 
-void AppendTimestamp(LineBuilder& line, bool outermost) {
+void AppendTimestamp(LineBuilder& line) {
     struct timespec now {};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (outermost) {
-        struct tm local {};
-        if (localtime_r(&now.tv_sec, &local) != nullptr) s_utcOffset = local.tm_gmtoff;
-    }
-    long seconds = static_cast<long>(now.tv_sec) + s_utcOffset.load();
+    struct tm local {};
+    long utcOffset = localtime_r(&now.tv_sec, &local) != nullptr ? local.tm_gmtoff : 0;
+    long seconds = static_cast<long>(now.tv_sec) + utcOffset;
     long days = seconds / 86400;
     long secondOfDay = seconds % 86400;
     if (secondOfDay < 0) {
@@ -127,16 +120,23 @@ void WriteToSystemLog(LOGGING_SEVERITY_LEVEL severity, const std::string& messag
     }
 }
 
-class DepthGuard {
+// A handler that logs must never run inside an entry: its line would land in
+// the middle of this one wherever a write to a pipe or socket is only partly
+// done, and it would re-enter localtime_r, which holds the time-zone lock.
+// Signals that arrive meanwhile stay pending and are taken once the entry is out.
+class SignalsHeld {
 public:
-    DepthGuard() : m_outermost(s_depth.fetch_add(1) == 0) {}
-    ~DepthGuard() { s_depth.fetch_sub(1); }
-    DepthGuard(const DepthGuard&) = delete;
-    DepthGuard& operator=(const DepthGuard&) = delete;
-    bool Outermost() const { return m_outermost; }
+    SignalsHeld() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &m_previous);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
 
 private:
-    bool m_outermost;
+    sigset_t m_previous;
 };
 
 }  // namespace
@@ -151,12 +151,12 @@ void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, con
                           const char* file, const char* function, int line) {
     if (severity < LOGGING_SEVERITY_EMERG || severity > LOGGING_SEVERITY_DEBUG) severity = LOGGING_SEVERITY_DEBUG;
     if (severity > s_level.load()) return;
-    DepthGuard depth;
+    SignalsHeld held;
 
     if (s_toStdout.load()) {
         char header[512];
         LineBuilder builder(header, sizeof header);
-        AppendTimestamp(builder, depth.Outermost());
+        AppendTimestamp(builder);
         builder.Char(' ');
         builder.Text(kLevelNames[severity]);
         builder.Char(' ');

@@ -24,8 +24,11 @@ void SetLogLevel(LOGGING_SEVERITY_LEVEL level);
 void SetLogToStdout(bool toStdout);
 
 // Writes one entry. `toSystemLog` sends it to the system log as well, whatever
-// SetLogToStdout chose. Safe to call from a signal handler while logging to
-// standard output: it takes no lock and allocates only for very long messages.
+// SetLogToStdout chose. Signals are held while an entry is made, so a handler
+// that logs never splits another entry; its own entry follows whole. From a
+// handler it is safe while logging to standard output, unless the handler
+// interrupted the C library's time-zone code (localtime) or, for very long
+// messages, its heap.
 void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, const std::string& message,
                           const char* file, const char* function, int line);
 

@@ -100,6 +100,9 @@ int main(int argc, char** argv) {
     Logging::SetLogLevel(Logging::LOGGING_SEVERITY_INFO);
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "tessel-networkd starting");
 
+    // Raised before any handler can clear it: a stop signal taken while a start-up
+    // command runs must not be undone when the loop is entered.
+    m_bMainRunning = true;
     signal(SIGHUP, SigHandler);
     signal(SIGINT, SigHandler);
     signal(SIGTERM, SigHandler);
@@ -145,7 +148,6 @@ int main(int argc, char** argv) {
     RunCommand("ip link set dev eth1 down");
     RunCommand("ip link set dev eth1 up");
 
-    m_bMainRunning = true;
     bool bFirstCycle = true;
     // The path cannot change after parsing; looked up once.
     const std::string configPath = cli["01cfg-file"];

@@ -4,14 +4,9 @@
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NetworkRecords.h"
 
 namespace {
-
-in_addr Ip(const char* text) {
-    in_addr address{};
-    EXPECT_NE(inet_aton(text, &address), 0) << text;
-    return address;
-}
 
 using Lines = std::vector<std::string>;
 

@@ -14,47 +14,11 @@
 
 #include "src/Network.h"
 #include "tests/support/LogCapture.h"
-
-// Records compare field by field, so a test can say "untouched" of a whole record.
-static bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
-    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-
-static void PrintTo(const IP_CONFIG& config, std::ostream* out) {
-    *out << (config.m_bDhcp ? "dhcp " : "static ") << inet_ntoa(config.m_ipAddress);
-    *out << " " << inet_ntoa(config.m_subnetMask);
-    *out << " " << inet_ntoa(config.m_gateway);
-}
-
-static bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
-    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
-           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
-}
-
-static void PrintTo(const USER_SETTINGS& settings, std::ostream* out) {
-    *out << "bridge " << settings.m_eBridgeMode << ", phy " << settings.m_ePhyMode;
-    const IP_CONFIG* configs[] = {&settings.m_veth1Config, &settings.m_veth3Config, &settings.m_vrx0Config,
-                                  &settings.m_vrx1Config};
-    for (const IP_CONFIG* config : configs) {
-        *out << ", ";
-        PrintTo(*config, out);
-    }
-}
+#include "tests/support/NetworkRecords.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-in_addr Ip(const char* text) {
-    in_addr address{};
-    EXPECT_NE(inet_aton(text, &address), 0) << text;
-    return address;
-}
-
-IP_CONFIG Config(bool dhcp, const char* address, const char* mask, const char* gateway) {
-    return IP_CONFIG{dhcp, Ip(address), Ip(mask), Ip(gateway)};
-}
 
 // Calls the parser on a private copy of the text and checks it was not modified.
 int ParseLine(const std::string& name, const std::string& text, IP_CONFIG& config) {
@@ -66,8 +30,8 @@ int ParseLine(const std::string& name, const std::string& text, IP_CONFIG& confi
 }
 
 // Neither zero nor anything a test line writes.
-const IP_CONFIG kOldStatic = Config(false, "198.51.100.7", "255.255.0.0", "198.51.100.1");
-const IP_CONFIG kOldDhcp = Config(true, "198.51.100.7", "255.255.0.0", "198.51.100.1");
+const IP_CONFIG kOldStatic = IpConfig(false, "198.51.100.7", "255.255.0.0", "198.51.100.1");
+const IP_CONFIG kOldDhcp = IpConfig(true, "198.51.100.7", "255.255.0.0", "198.51.100.1");
 
 TEST(ParseInterfaceLineTest, StaticLinesStoreAllThreeAddresses) {
     LogCapture log;
@@ -75,17 +39,17 @@ TEST(ParseInterfaceLineTest, StaticLinesStoreAllThreeAddresses) {
         const char* line;
         IP_CONFIG expected;
     } cases[] = {
-        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\n", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
-        {"veth1 static 10.0.0.2 255.255.255.0 0.0.0.0\n", Config(false, "10.0.0.2", "255.255.255.0", "0.0.0.0")},
+        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\n", IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"veth1 static 10.0.0.2 255.255.255.0 0.0.0.0\n", IpConfig(false, "10.0.0.2", "255.255.255.0", "0.0.0.0")},
         {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1 10.0.0.9 more\n",
-         Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
-        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\r\n", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
-        {"  veth1  static\t10.0.0.2 255.255.255.0 10.0.0.1", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+         IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\r\n", IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"  veth1  static\t10.0.0.2 255.255.255.0 10.0.0.1", IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
         // Every inet_aton form: one number, hexadecimal, three parts with an octal one.
-        {"veth1 static 167772162 0xffffff00 012.0.1\n", Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
+        {"veth1 static 167772162 0xffffff00 012.0.1\n", IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1")},
         // A 16-character address is cut at 15: "0" becomes the mask and the mask the gateway.
         {"veth1 static 100.100.100.1000 255.255.255.0 10.0.0.1\n",
-         Config(false, "100.100.100.100", "0.0.0.0", "255.255.255.0")},
+         IpConfig(false, "100.100.100.100", "0.0.0.0", "255.255.255.0")},
     };
     for (const auto& c : cases) {
         IP_CONFIG config = kOldDhcp;
@@ -153,14 +117,14 @@ TEST(ParseInterfaceLineTest, BadStaticPartStopsTheWritesWithoutRollback) {
     } cases[] = {
         {"veth1", "veth1 static 10.0.0.300 255.255.255.0 10.0.0.1\n", kOldStatic},
         {"veth3", "veth3 static 10.0.0.2 255.255.255.x 10.0.0.1\n",
-         Config(false, "10.0.0.2", "255.255.0.0", "198.51.100.1")},
+         IpConfig(false, "10.0.0.2", "255.255.0.0", "198.51.100.1")},
         {"vrx0", "vrx0 static 10.0.0.2 255.255.255.0 10.0.0.1.1\n",
-         Config(false, "10.0.0.2", "255.255.255.0", "198.51.100.1")},
+         IpConfig(false, "10.0.0.2", "255.255.255.0", "198.51.100.1")},
         // "staticx" is the mode "static" and an address "x".
         {"vrx1", "vrx1 staticx 10.0.0.2 255.255.255.0 10.0.0.1\n", kOldStatic},
         // The cut-off "x" of the mask becomes the gateway.
         {"veth1", "veth1 static 10.0.0.2 255.255.255.255x 10.0.0.1\n",
-         Config(false, "10.0.0.2", "255.255.255.255", "198.51.100.1")},
+         IpConfig(false, "10.0.0.2", "255.255.255.255", "198.51.100.1")},
     };
     for (const auto& c : cases) {
         IP_CONFIG config = kOldDhcp;
@@ -184,10 +148,10 @@ USER_SETTINGS Sentinels() {
     USER_SETTINGS settings;
     settings.m_eBridgeMode = static_cast<BRIDGE_MODE>(0xA5A5A5A5);
     settings.m_ePhyMode = static_cast<PHY_MODE>(0x5A5A5A5A);
-    settings.m_veth1Config = Config(false, "198.51.100.11", "255.255.0.11", "203.0.113.11");
-    settings.m_veth3Config = Config(false, "198.51.100.33", "255.255.0.33", "203.0.113.33");
-    settings.m_vrx0Config = Config(false, "198.51.100.100", "255.255.0.100", "203.0.113.100");
-    settings.m_vrx1Config = Config(false, "198.51.100.101", "255.255.0.101", "203.0.113.101");
+    settings.m_veth1Config = IpConfig(false, "198.51.100.11", "255.255.0.11", "203.0.113.11");
+    settings.m_veth3Config = IpConfig(false, "198.51.100.33", "255.255.0.33", "203.0.113.33");
+    settings.m_vrx0Config = IpConfig(false, "198.51.100.100", "255.255.0.100", "203.0.113.100");
+    settings.m_vrx1Config = IpConfig(false, "198.51.100.101", "255.255.0.101", "203.0.113.101");
     return settings;
 }
 
@@ -205,10 +169,10 @@ USER_SETTINGS ExampleSettings() {
     USER_SETTINGS settings = Sentinels();
     settings.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
     settings.m_ePhyMode = PHY_MODE_SGMII;
-    settings.m_veth1Config = Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    settings.m_veth1Config = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
     settings.m_veth3Config.m_bDhcp = true;
     settings.m_vrx0Config.m_bDhcp = true;
-    settings.m_vrx1Config = Config(false, "192.168.1.10", "255.255.255.0", "0.0.0.0");
+    settings.m_vrx1Config = IpConfig(false, "192.168.1.10", "255.255.255.0", "0.0.0.0");
     return settings;
 }
 
@@ -381,7 +345,7 @@ TEST_F(ParseConfigFileTest, LastInterfaceLineDecidesItsFlagButBadOnesKeepTheValu
     EXPECT_EQ(ParseText("bridge eth1\nveth1 static 10.0.0.2 255.255.255.0 10.0.0.1\nveth1 bogus\nveth3 bogus\n"
                         "veth3 dhcp\nvrx0 dhcp\nvrx0\nvrx1 static 1.2.3\nvrx1 dhcp\n"),
               0);
-    EXPECT_EQ(settings.m_veth1Config, Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1"));
+    EXPECT_EQ(settings.m_veth1Config, IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1"));
     EXPECT_EQ(Outputs(), (Flags{false, false, true}));
     EXPECT_EQ(log.Messages(),
               (Lines{
@@ -450,9 +414,9 @@ TEST_F(ParseConfigFileTest, LinesWithTooManyWords) {
     USER_SETTINGS expected = before;
     expected.m_eBridgeMode = BRIDGE_MODE_ETH1;
     expected.m_ePhyMode = PHY_MODE_SGMII;
-    expected.m_veth1Config = Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    expected.m_veth1Config = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
     expected.m_vrx0Config.m_bDhcp = true;
-    expected.m_vrx1Config = Config(false, "192.168.1.10", "255.255.255.0", "0.0.0.0");
+    expected.m_vrx1Config = IpConfig(false, "192.168.1.10", "255.255.255.0", "0.0.0.0");
     EXPECT_EQ(settings, expected);
     EXPECT_EQ(Outputs(), (Flags{false, true, true}));
     EXPECT_EQ(log.Messages(),
@@ -491,7 +455,7 @@ TEST_F(ParseConfigFileTest, RepeatedLinesLastOneWins) {
     USER_SETTINGS expected = before;
     expected.m_eBridgeMode = BRIDGE_MODE_ETH1;
     expected.m_ePhyMode = PHY_MODE_COPPER;
-    expected.m_veth1Config = Config(true, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    expected.m_veth1Config = IpConfig(true, "10.0.0.2", "255.255.255.0", "10.0.0.1");
     expected.m_veth3Config.m_bDhcp = true;
     EXPECT_EQ(settings, expected);
     EXPECT_EQ(Outputs(), (Flags{true, false, false}));
@@ -576,7 +540,7 @@ TEST_F(ParseConfigFileTest, HundredKilobyteLineIsReadIn255CharacterPieces) {
     EXPECT_EQ(ParseText(line), 0);
     USER_SETTINGS expected = before;
     expected.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
-    expected.m_veth1Config = Config(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    expected.m_veth1Config = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
     expected.m_vrx0Config.m_bDhcp = true;
     EXPECT_EQ(settings, expected);
     EXPECT_EQ(Outputs(), (Flags{false, true, false}));

@@ -9,32 +9,11 @@
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NetworkRecords.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-in_addr Ip(const char* text) {
-    in_addr address{};
-    EXPECT_NE(inet_aton(text, &address), 0) << text;
-    return address;
-}
-
-DHCP_STATE Lease(bool valid, const char* address, const char* mask, const char* gateway) {
-    DHCP_STATE state{};
-    state.m_bLeaseValid = valid;
-    state.m_ipAddress = Ip(address);
-    state.m_subnetMask = Ip(mask);
-    state.m_gateway = Ip(gateway);
-    return state;
-}
-
-std::string Dotted(in_addr address) { return inet_ntoa(address); }
-
-std::string Describe(const DHCP_STATE& state) {
-    return std::string(state.m_bLeaseValid ? "valid " : "invalid ") + Dotted(state.m_ipAddress) + " " +
-           Dotted(state.m_subnetMask) + " " + Dotted(state.m_gateway);
-}
 
 // An interface name no other test run uses, so the lease files never collide and
 // nothing of the machine's is read or removed.
@@ -80,7 +59,7 @@ protected:
 };
 
 TEST_F(CheckForNewDhcpAddressTest, NoFileDoesNothing) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     LogCapture log;
     CommandRecorder commands;
     CheckForNewDhcpAddress(N(), 10, state);
@@ -134,7 +113,7 @@ TEST_F(CheckForNewDhcpAddressTest, AnyFormInetAtonTakesIsAccepted) {
 }
 
 TEST_F(CheckForNewDhcpAddressTest, ChangedLeaseReplacesTheOldOne) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0\n10.0.0.254\n", state),
               (Lines{
                   "INFO CheckForNewDhcpAddress: New DHCP lease for " + N(),
@@ -174,7 +153,7 @@ TEST_F(CheckForNewDhcpAddressTest, FirstLineWithoutNewlineHasNoGateway) {
 }
 
 TEST_F(CheckForNewDhcpAddressTest, ZeroLeaseWhileALeaseIsInForceSaysSoTwiceAndFlushes) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Check(N() + " 0.0.0.0 0.0.0.0\n10.0.0.1\n", state),
               (Lines{
                   "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
@@ -225,7 +204,7 @@ TEST_F(CheckForNewDhcpAddressTest, BadAddressWithNoLeaseInForceChangesNothing) {
 }
 
 TEST_F(CheckForNewDhcpAddressTest, BadAddressTakesALeaseInForceOff) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Check(N() + " nonsense 255.255.255.0\n10.0.0.1\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Invalid DHCP IP address for " + N(),
@@ -270,7 +249,7 @@ TEST_F(CheckForNewDhcpAddressTest, BlankSecondLineIsUnparsable) {
 }
 
 TEST_F(CheckForNewDhcpAddressTest, EmptySecondLineIsUnparsableNotMissing) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "0.0.0.0");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "0.0.0.0");
     EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0\n\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Unable to parse DHCP lease file for " + N() + " invalid second line",
@@ -288,7 +267,7 @@ TEST_F(CheckForNewDhcpAddressTest, EmptyFileIsUnreadable) {
 }
 
 TEST_F(CheckForNewDhcpAddressTest, EmptyFileTakesALeaseInForceOff) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Check("", state), (Lines{
                                     "ERROR CheckForNewDhcpAddress: Unable to read DHCP lease file for " + N(),
                                     "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
@@ -300,7 +279,7 @@ TEST_F(CheckForNewDhcpAddressTest, EmptyFileTakesALeaseInForceOff) {
 }
 
 TEST_F(CheckForNewDhcpAddressTest, FirstLineWithTwoFieldsIsUnparsable) {
-    DHCP_STATE state = Lease(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Check(N() + " 10.0.0.5\n255.255.255.0\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Unable to parse DHCP lease file for " + N() + " invalid first line",

@@ -19,6 +19,7 @@
 #include "src/Network.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -183,23 +184,6 @@ TEST(GenericInterfaceLinkIsUpTest, ClosesItsSocketOnSuccessAndFailure) {
 }
 
 // --- PHY mode ------------------------------------------------------------------
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/tessel-link-XXXXXX";
-        char* made = mkdtemp(pattern);
-        m_path = made != nullptr ? made : "";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!m_path.empty()) std::filesystem::remove_all(m_path, ignored);
-    }
-    std::string Path(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -10,52 +10,11 @@
 
 #include "src/Network.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/NetworkRecords.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-in_addr Ip(const char* text) {
-    in_addr address{};
-    EXPECT_NE(inet_aton(text, &address), 0) << text;
-    return address;
-}
-
-IP_CONFIG Static(const char* address, const char* mask, const char* gateway) {
-    IP_CONFIG config{};
-    config.m_bDhcp = false;
-    config.m_ipAddress = Ip(address);
-    config.m_subnetMask = Ip(mask);
-    config.m_gateway = Ip(gateway);
-    return config;
-}
-
-IP_CONFIG Dhcp() {
-    IP_CONFIG config{};
-    config.m_bDhcp = true;
-    return config;
-}
-
-DHCP_STATE Lease(const char* address, const char* mask, const char* gateway) {
-    DHCP_STATE state{};
-    state.m_bLeaseValid = true;
-    state.m_ipAddress = Ip(address);
-    state.m_subnetMask = Ip(mask);
-    state.m_gateway = Ip(gateway);
-    return state;
-}
-
-std::string Dotted(in_addr address) { return inet_ntoa(address); }
-
-std::string Describe(const IP_CONFIG& config) {
-    return std::string(config.m_bDhcp ? "dhcp " : "static ") + Dotted(config.m_ipAddress) + " " +
-           Dotted(config.m_subnetMask) + " " + Dotted(config.m_gateway);
-}
-
-std::string Describe(const DHCP_STATE& state) {
-    return std::string(state.m_bLeaseValid ? "valid " : "invalid ") + Dotted(state.m_ipAddress) + " " +
-           Dotted(state.m_subnetMask) + " " + Dotted(state.m_gateway);
-}
 
 // An interface name no other test run uses. Stopping its DHCP clients scans the
 // real process table, where nothing serves such a name.
@@ -132,8 +91,8 @@ TEST_F(ServiceVethXTest, FirstCycleWithDhcpStartsAFreshClient) {
     // A lease an earlier client left behind is removed before it could be taken up.
     m_shell.WriteLease(N() + " 10.0.0.99 255.255.255.0\n10.0.0.1\n");
     m_bReconfigure = true;
-    m_wanted = Dhcp();
-    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    m_state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Cycle(), (Lines{
                            "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
                            "$ ip route flush dev " + N(),
@@ -152,8 +111,8 @@ TEST_F(ServiceVethXTest, LeaseReadyInTheCycleTheClientStartsIsTakenUpAsNew) {
     // starting the client cleared what was in force.
     m_shell.LeaseOnClientStart(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
     m_bReconfigure = true;
-    m_wanted = Dhcp();
-    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    m_state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Cycle(), (Lines{
                            "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
                            "$ ip route flush dev " + N(),
@@ -175,7 +134,7 @@ TEST_F(ServiceVethXTest, LeaseReadyInTheCycleTheClientStartsIsTakenUpAsNew) {
 
 TEST_F(ServiceVethXTest, FirstCycleStatic) {
     m_bReconfigure = true;
-    m_wanted = Static("192.168.1.20", "255.255.255.0", "0.0.0.0");
+    m_wanted = IpConfig(false, "192.168.1.20", "255.255.255.0", "0.0.0.0");
     EXPECT_EQ(Cycle(100), (Lines{
                               "$ ip route flush dev " + N(),
                               "$ ip addr flush dev " + N(),
@@ -191,9 +150,9 @@ TEST_F(ServiceVethXTest, FirstCycleStatic) {
 TEST_F(ServiceVethXTest, ChangedStaticGatewayReprogramsTheInterface) {
     // Static mode never reads a lease file, even one lying there.
     m_shell.WriteLease(N() + " 10.0.0.99 255.255.255.0\n");
-    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
-    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.254");
-    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    m_applied = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.254");
+    m_state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Cycle(100), (Lines{
                               "$ ip route flush dev " + N(),
                               "$ ip addr flush dev " + N(),
@@ -209,8 +168,8 @@ TEST_F(ServiceVethXTest, ChangedStaticGatewayReprogramsTheInterface) {
 }
 
 TEST_F(ServiceVethXTest, ChangedStaticAddressReprogramsTheInterface) {
-    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
-    m_wanted = Static("10.0.0.3", "255.255.255.0", "10.0.0.1");
+    m_applied = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(false, "10.0.0.3", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Cycle(), (Lines{
                            "$ ip route flush dev " + N(),
                            "$ ip addr flush dev " + N(),
@@ -224,8 +183,8 @@ TEST_F(ServiceVethXTest, ChangedStaticAddressReprogramsTheInterface) {
 }
 
 TEST_F(ServiceVethXTest, ChangedStaticMaskReprogramsTheInterface) {
-    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
-    m_wanted = Static("10.0.0.2", "255.255.0.0", "10.0.0.1");
+    m_applied = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(false, "10.0.0.2", "255.255.0.0", "10.0.0.1");
     EXPECT_EQ(Cycle(), (Lines{
                            "$ ip route flush dev " + N(),
                            "$ ip addr flush dev " + N(),
@@ -240,8 +199,8 @@ TEST_F(ServiceVethXTest, ChangedStaticMaskReprogramsTheInterface) {
 
 TEST_F(ServiceVethXTest, StaticToDhcpStartsAClient) {
     // Only the mode changes; the addresses that come with it are the same.
-    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
-    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_applied = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
     m_wanted.m_bDhcp = true;
     EXPECT_EQ(Cycle(100), (Lines{
                               "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
@@ -256,9 +215,9 @@ TEST_F(ServiceVethXTest, StaticToDhcpStartsAClient) {
 }
 
 TEST_F(ServiceVethXTest, DhcpToStaticLeavesTheClientAndTheLeaseStateAlone) {
-    m_applied = Dhcp();
-    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
-    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    m_applied = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    m_wanted = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Cycle(), (Lines{
                            "$ ip route flush dev " + N(),
                            "$ ip addr flush dev " + N(),
@@ -273,10 +232,10 @@ TEST_F(ServiceVethXTest, DhcpToStaticLeavesTheClientAndTheLeaseStateAlone) {
 }
 
 TEST_F(ServiceVethXTest, ForcedReconfigurationRestartsAnUnchangedDhcpClient) {
-    m_applied = Dhcp();
-    m_wanted = Dhcp();
+    m_applied = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    m_wanted = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
     m_bReconfigure = true;
-    m_state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
+    m_state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
     EXPECT_EQ(Cycle(), (Lines{
                            "INFO SetupInterface: Configuring interface " + N() + " for DHCP",
                            "$ ip route flush dev " + N(),
@@ -291,8 +250,8 @@ TEST_F(ServiceVethXTest, ForcedReconfigurationRestartsAnUnchangedDhcpClient) {
 
 TEST_F(ServiceVethXTest, UnchangedStaticRunsNothing) {
     m_shell.WriteLease(N() + " 10.0.0.99 255.255.255.0\n");
-    m_applied = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
-    m_wanted = Static("10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_applied = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
+    m_wanted = IpConfig(false, "10.0.0.2", "255.255.255.0", "10.0.0.1");
     Lines timeline;
     for (int cycle = 0; cycle < 3; ++cycle) {
         Lines one = Cycle();
@@ -303,8 +262,8 @@ TEST_F(ServiceVethXTest, UnchangedStaticRunsNothing) {
 }
 
 TEST_F(ServiceVethXTest, UnchangedDhcpOnlyChecksForALeaseEachCycle) {
-    m_applied = Dhcp();
-    m_wanted = Dhcp();
+    m_applied = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    m_wanted = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
     Lines timeline = Cycle();
     m_shell.WriteLease(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
     Lines second = Cycle();
@@ -343,8 +302,8 @@ TEST(SetupInterfaceTest, ConfigurationIsTakenAsGiven) {
     std::string name = UniqueName();
     FakeShell shell(name);
     LogCapture log;
-    DHCP_STATE state = Lease("10.0.0.5", "255.255.255.0", "10.0.0.1");
-    SetupInterface(name, 10, Static("172.16.0.9", "255.240.0.0", "172.16.0.1"), state);
+    DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+    SetupInterface(name, 10, IpConfig(false, "172.16.0.9", "255.240.0.0", "172.16.0.1"), state);
     EXPECT_EQ(log.Timeline(), (Lines{
                                   "$ ip route flush dev " + name,
                                   "$ ip addr flush dev " + name,

@@ -10,21 +10,9 @@
 
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/TempDir.h"
 
 namespace {
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/tessel-shell-XXXXXX";
-        m_path = mkdtemp(pattern);
-    }
-    ~TempDir() { RunShellCommand("rm -rf '" + m_path + "'"); }
-    std::string Path(const std::string& name) const { return m_path + "/" + name; }
-
-private:
-    std::string m_path;
-};
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path);

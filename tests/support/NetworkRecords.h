@@ -1,0 +1,73 @@
+// Building, comparing and printing the network records in tests. Records are
+// compared field by field, never as raw memory (padding bytes may differ).
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <string>
+
+#include "src/Network.h"
+
+inline in_addr Ip(const char* text) {
+    in_addr address{};
+    EXPECT_NE(inet_aton(text, &address), 0) << text;
+    return address;
+}
+
+inline std::string Dotted(in_addr address) { return inet_ntoa(address); }
+
+inline IP_CONFIG IpConfig(bool dhcp, const char* address, const char* mask, const char* gateway) {
+    IP_CONFIG config{};
+    config.m_bDhcp = dhcp;
+    config.m_ipAddress = Ip(address);
+    config.m_subnetMask = Ip(mask);
+    config.m_gateway = Ip(gateway);
+    return config;
+}
+
+inline DHCP_STATE LeaseState(bool valid, const char* address, const char* mask, const char* gateway) {
+    DHCP_STATE state{};
+    state.m_bLeaseValid = valid;
+    state.m_ipAddress = Ip(address);
+    state.m_subnetMask = Ip(mask);
+    state.m_gateway = Ip(gateway);
+    return state;
+}
+
+inline std::string Describe(const IP_CONFIG& config) {
+    return std::string(config.m_bDhcp ? "dhcp " : "static ") + Dotted(config.m_ipAddress) + " " +
+           Dotted(config.m_subnetMask) + " " + Dotted(config.m_gateway);
+}
+
+inline std::string Describe(const DHCP_STATE& state) {
+    return std::string(state.m_bLeaseValid ? "valid " : "invalid ") + Dotted(state.m_ipAddress) + " " +
+           Dotted(state.m_subnetMask) + " " + Dotted(state.m_gateway);
+}
+
+inline bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
+    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
+           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
+}
+
+inline bool operator==(const DHCP_STATE& a, const DHCP_STATE& b) {
+    return a.m_bLeaseValid == b.m_bLeaseValid && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
+           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
+}
+
+inline bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
+    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
+           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
+}
+
+inline void PrintTo(const IP_CONFIG& config, std::ostream* out) { *out << Describe(config); }
+inline void PrintTo(const DHCP_STATE& state, std::ostream* out) { *out << Describe(state); }
+
+inline void PrintTo(const USER_SETTINGS& settings, std::ostream* out) {
+    *out << "bridge " << settings.m_eBridgeMode << ", phy " << settings.m_ePhyMode;
+    for (const IP_CONFIG* config :
+         {&settings.m_veth1Config, &settings.m_veth3Config, &settings.m_vrx0Config, &settings.m_vrx1Config}) {
+        *out << ", " << Describe(*config);
+    }
+}

@@ -1,0 +1,478 @@
+"""Runs the built daemon for system tests, inside namespaces of its own.
+
+Each test gets a Sandbox: a work directory holding
+  bin/            recording stand-ins for the device's tools, first on the daemon's PATH
+  commands.log    one line per stand-in call, "tool arg arg ...", in call order
+  tmp/            the daemon's /tmp (lease files can be written and read from outside)
+  cmdline         what the daemon reads as /proc/cmdline
+  output.log      the daemon's standard output and error (output-2.log ... for later starts)
+  exit-status     the status the daemon ended with, as its namespace's init saw it (exit-status-2 ...)
+
+Sandbox.start() runs the daemon under
+  unshare --net --mount --pid --fork --mount-proc
+with a small shell as the namespace's init: it mounts the private /tmp and
+/proc/cmdline, creates the asked-for interfaces with the real ip (inside the new
+network namespace only), then runs the daemon as its child and keeps its exit
+status. The daemon is therefore not pid 1 and gets the ordinary signal
+semantics. When the daemon ends, the init ends, and the kernel ends whatever else
+ran in the namespace (stand-ins left running, for instance).
+
+The real network tools are never run in the test machine's own namespace: the
+daemon only finds stand-ins on its PATH, and Daemon.ns_run() refuses to run
+anything unless the daemon's network namespace differs from ours.
+"""
+
+import argparse
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from collections import namedtuple
+
+# Generous: the machine may be busy; a poll returns as soon as its condition holds.
+TIMEOUT = float(os.environ.get("TESSEL_TEST_TIMEOUT", "20"))
+POLL_INTERVAL = 0.02
+
+STANDIN_TOOLS = ("ip", "bridge", "arptables", "iptables", "devmem", "udhcpc")
+CMDLINE = "console=ttyS0,115200 mac=02:00:00:00:00:42 rootwait\n"
+SETUP_FAILED = 97  # the init's own status when the namespace could not be prepared
+
+DAEMON_PATH = os.environ.get("TESSEL_DAEMON")  # or --daemon on the test's command line
+
+LogEntry = namedtuple("LogEntry", "stamp level file line function message")
+
+LOG_LINE = re.compile(
+    r"^(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}) (EMERG|ALERT|CRIT|ERROR|WARN|NOTICE|INFO|DEBUG) "
+    r"([^ :]+):(\d+) ([A-Za-z_][A-Za-z0-9_]*): (.*)$"
+)
+
+
+def parse_log_line(line):
+    """A LogEntry for one line of the daemon's log, or None when it is not one."""
+    match = LOG_LINE.match(line)
+    if match is None:
+        return None
+    stamp, level, file, number, function, message = match.groups()
+    return LogEntry(stamp, level, file, int(number), function, message)
+
+
+def wait_until(condition, what, timeout=None):
+    """Polls `condition` until it returns something true and returns that; fails after the timeout.
+    `what` names the awaited state for the failure message; a callable is asked only then."""
+    deadline = time.monotonic() + (TIMEOUT if timeout is None else timeout)
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() >= deadline:
+            raise AssertionError("timed out waiting for " + (what() if callable(what) else what))
+        time.sleep(POLL_INTERVAL)
+
+
+def real_tool(name):
+    """Absolute path of a real system tool, found outside the stand-ins."""
+    for directory in ("/usr/sbin", "/sbin", "/usr/bin", "/bin"):
+        path = os.path.join(directory, name)
+        if os.access(path, os.X_OK):
+            return path
+    raise RuntimeError("no " + name + " on this machine")
+
+
+_namespaces_reason = None
+
+
+def namespaces_unavailable_reason():
+    """Empty when this process can create the daemon's namespaces, else why not."""
+    global _namespaces_reason
+    if _namespaces_reason is None:
+        if os.geteuid() != 0:
+            _namespaces_reason = "needs root to create namespaces"
+        elif shutil.which("unshare") is None:
+            _namespaces_reason = "unshare (util-linux) is missing"
+        else:
+            probe = subprocess.run(
+                ["unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc", "true"],
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.PIPE,
+                text=True,
+            )
+            _namespaces_reason = (
+                "" if probe.returncode == 0 else "cannot create namespaces here: " + probe.stderr.strip()
+            )
+    return _namespaces_reason
+
+
+# One script for every stand-in; it learns its tool's name from how it was called.
+# Files in the work directory steer it, so a test can change them while the daemon runs:
+#   delay/TOOL       seconds to sleep on every call (after recording it)
+#   delay/TOOL.once  seconds to sleep on the next call only
+#   output/TOOL      printed on standard output by every call
+#   status/TOOL      the exit status of every call (default 0)
+#   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
+#                    as a daemonising client does) until SIGTERM, recorded in signals.log
+STANDIN_SCRIPT = r"""#!/bin/sh
+# Stand-in for one of the device's tools: records the call, then does what its
+# control files in the work directory say.
+work='@WORK@'
+tool=${0##*/}
+printf '%s\n' "$tool${*:+ $*}" >> "$work/commands.log"
+[ -f "$work/output/$tool" ] && cat "$work/output/$tool"
+if mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
+    sleep "$(cat "$work/delay/$tool.once.$$")"
+    rm -f "$work/delay/$tool.once.$$"
+fi
+[ -f "$work/delay/$tool" ] && sleep "$(cat "$work/delay/$tool")"
+if [ -f "$work/linger/$tool" ]; then
+    STANDIN_TOOL=$tool bash -c 'exec -a "$0" bash "$@"' "$tool" "$work/linger.sh" "$@" < /dev/null > /dev/null 2>&1 &
+fi
+[ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
+exit 0
+"""
+
+# What a lingering stand-in runs, as argv "TOOL .../linger.sh ARGS...".
+LINGER_SCRIPT = r"""# Waits for SIGTERM and records it.
+trap 'printf "%s\n" "TERM $STANDIN_TOOL $*" >> "@WORK@/signals.log"; exit 0' TERM
+while :; do sleep 0.2 & wait $!; done
+"""
+
+# The namespace's init. Arguments: the daemon and its arguments.
+INIT_SCRIPT = r"""
+fail() { echo "harness setup: $*" >&2; echo @SETUP_FAILED@ > "$TESSEL_STATUS"; exit @SETUP_FAILED@; }
+mount --bind "$TESSEL_WORK/tmp" /tmp || fail "cannot mount the private /tmp"
+mount --bind "$TESSEL_WORK/cmdline" /proc/cmdline || fail "cannot mount over /proc/cmdline"
+@SETUP@
+"$@" &
+daemon=$!
+wait "$daemon"
+status=$?
+echo "$status" > "$TESSEL_STATUS"
+exit "$status"
+"""
+
+
+class Sandbox:
+    """The work directory of one test and the daemons started from it."""
+
+    def __init__(self, daemon_path):
+        base = os.environ.get("TESSEL_SYSTEM_TEST_DIR", "/var/tmp")
+        # The daemon gets a private /tmp; a work directory under the real one would vanish from its sight.
+        real_tmp = os.path.realpath("/tmp")
+        if os.path.realpath(base) == real_tmp or os.path.realpath(base).startswith(real_tmp + "/"):
+            raise RuntimeError("TESSEL_SYSTEM_TEST_DIR must not lie under /tmp")
+        self.work = tempfile.mkdtemp(prefix="tessel-system-", dir=base)
+        for sub in ("bin", "tmp", "delay", "output", "status", "linger"):
+            os.mkdir(os.path.join(self.work, sub))
+        # A copy, so the daemon stays reachable whatever its build directory is.
+        self.daemon_path = os.path.join(self.work, "tessel-networkd")
+        shutil.copy2(daemon_path, self.daemon_path)
+        standin = STANDIN_SCRIPT.replace("@WORK@", self.work)
+        for tool in STANDIN_TOOLS:
+            self._write(os.path.join("bin", tool), standin, mode=0o755)
+        self._write("linger.sh", LINGER_SCRIPT.replace("@WORK@", self.work))
+        self._write("cmdline", CMDLINE)
+        self.config_path = os.path.join(self.work, "tessel-networkd.conf")
+        self.daemons = []
+
+    def path(self, *parts):
+        return os.path.join(self.work, *parts)
+
+    def tmp_path(self, name):
+        """Where a file the daemon sees as /tmp/NAME lies from outside."""
+        return self.path("tmp", name)
+
+    def _write(self, relative, text, mode=None):
+        with open(self.path(relative), "w") as out:
+            out.write(text)
+        if mode is not None:
+            os.chmod(self.path(relative), mode)
+
+    def write_config(self, text):
+        """Replaces the configuration file in one step, as an editor that renames would."""
+        temporary = self.config_path + ".new"
+        with open(temporary, "w") as out:
+            out.write(text)
+        os.replace(temporary, self.config_path)
+
+    def set_cmdline(self, text):
+        """What the daemon will read as /proc/cmdline; effective for daemons started afterwards."""
+        self._write("cmdline", text)
+
+    # --- stand-in control -------------------------------------------------------------
+
+    def set_delay(self, tool, seconds, once=False):
+        """Makes the stand-in sleep after recording each call, or only the next one."""
+        self._write(os.path.join("delay", tool + (".once" if once else "")), "%g\n" % seconds)
+
+    def clear_delay(self, tool):
+        for name in (tool, tool + ".once"):
+            if os.path.exists(self.path("delay", name)):
+                os.remove(self.path("delay", name))
+
+    def set_output(self, tool, text):
+        self._write(os.path.join("output", tool), text)
+
+    def set_status(self, tool, status):
+        self._write(os.path.join("status", tool), "%d\n" % status)
+
+    def set_linger(self, tool, linger=True):
+        marker = self.path("linger", tool)
+        if linger:
+            self._write(os.path.join("linger", tool), "")
+        elif os.path.exists(marker):
+            os.remove(marker)
+
+    def commands(self):
+        """Every stand-in call so far, in order, as "tool arg arg ..."."""
+        return self._lines("commands.log")
+
+    def clear_commands(self):
+        """Forgets the calls recorded so far."""
+        open(self.path("commands.log"), "w").close()
+
+    def signals(self):
+        """The SIGTERMs lingering stand-ins received, as "TERM tool arg ..."."""
+        return self._lines("signals.log")
+
+    def _lines(self, name):
+        try:
+            with open(self.path(name)) as record:
+                return record.read().splitlines()
+        except FileNotFoundError:
+            return []
+
+    def wait_for_commands(self, count, timeout=None):
+        """Waits until at least `count` commands are recorded; returns them all."""
+        return wait_until(
+            lambda: self.commands() if len(self.commands()) >= count else None,
+            lambda: "%d recorded commands (have %r)" % (count, self.commands()),
+            timeout,
+        )
+
+    # --- the daemon -------------------------------------------------------------------
+
+    def start(self, args=None, interfaces=(), setup=(), env=None):
+        """Starts the daemon in fresh namespaces and returns its Daemon.
+
+        args: its command line (default: --config and the sandbox's configuration path).
+        interfaces: names created as veth pairs with the real ip before the daemon starts;
+            NAME's peer is NAME-peer (up, so that NAME gets a carrier once it is set up).
+        setup: further shell lines for the namespace's init, run before the daemon; "$IP" is the
+            real ip tool.
+        env: extra environment variables for the daemon.
+        """
+        if args is None:
+            args = ["--config", self.config_path]
+        lines = ["IP=" + real_tool("ip")]
+        for name in interfaces:
+            lines.append(
+                '"$IP" link add {0} type veth peer name {0}-peer && "$IP" link set {0}-peer up '
+                '|| fail "cannot create {0}"'.format(name)
+            )
+        lines.extend(setup)
+        script = (
+            INIT_SCRIPT.replace("@SETUP_FAILED@", str(SETUP_FAILED)).replace("@SETUP@", "\n".join(lines))
+        )
+        environment = dict(os.environ)
+        environment.update(env or {})
+        environment["PATH"] = self.path("bin") + os.pathsep + environment.get("PATH", "/usr/bin:/bin")
+        environment["TESSEL_WORK"] = self.work
+        suffix = "" if not self.daemons else "-%d" % (len(self.daemons) + 1)
+        output_path = self.path("output%s.log" % suffix)
+        status_path = self.path("exit-status" + suffix)
+        environment["TESSEL_STATUS"] = status_path
+        output = open(output_path, "wb")
+        try:
+            process = subprocess.Popen(
+                ["unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc", "--kill-child",
+                 "sh", "-c", script, "init", self.daemon_path] + list(args),
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=subprocess.STDOUT,
+                env=environment,
+                cwd=self.work,
+            )
+        finally:
+            output.close()
+        daemon = Daemon(self, process, output_path, status_path)
+        self.daemons.append(daemon)
+        return daemon
+
+    def cleanup(self):
+        for daemon in self.daemons:
+            daemon.kill()
+        if os.environ.get("TESSEL_KEEP_WORK") == "1":
+            sys.stderr.write("kept " + self.work + "\n")
+        else:
+            shutil.rmtree(self.work, ignore_errors=True)
+
+
+class Daemon:
+    """One started daemon: its output, its process, its end."""
+
+    def __init__(self, sandbox, process, output_path, status_path):
+        self.sandbox = sandbox
+        self.process = process  # unshare, in our namespace
+        self.output_path = output_path
+        self.status_path = status_path
+        self._pid = None
+
+    # --- output -----------------------------------------------------------------------
+
+    def output(self):
+        with open(self.output_path, "rb") as out:
+            return out.read().decode("utf-8", "replace")
+
+    def lines(self):
+        """Complete lines of the output so far (a line still being written is left out)."""
+        text = self.output()
+        return text[: text.rfind("\n") + 1].splitlines()
+
+    def entries(self):
+        """The log entries so far; lines that are not entries (the usage text) are skipped."""
+        return [entry for entry in map(parse_log_line, self.lines()) if entry is not None]
+
+    def messages(self):
+        return [entry.message for entry in self.entries()]
+
+    def wait_for_message(self, message, count=1, timeout=None):
+        """Waits until `message` was logged `count` times; returns the entries so far."""
+
+        def seen():
+            entries = self.entries()
+            return entries if sum(entry.message == message for entry in entries) >= count else None
+
+        return wait_until(
+            seen, lambda: "%d x %r in the log; output so far:\n%s" % (count, message, self.output()), timeout
+        )
+
+    # --- process ----------------------------------------------------------------------
+
+    @property
+    def pid(self):
+        """The daemon's process id as seen from here (it is the init's child)."""
+        if self._pid is None:
+            self._pid = wait_until(self._find_daemon, lambda: "the daemon process; output so far:\n" + self.output())
+        return self._pid
+
+    def _find_daemon(self):
+        if self.process.poll() is not None:
+            raise AssertionError("the daemon's namespace ended early; output:\n" + self.output())
+        init = _children(self.process.pid)
+        for child in _children(init[0]) if init else []:
+            try:
+                if os.readlink("/proc/%d/exe" % child) == self.sandbox.daemon_path:
+                    return child
+                # A script in the daemon's place runs under its interpreter.
+                with open("/proc/%d/cmdline" % child, "rb") as cmdline:
+                    if self.sandbox.daemon_path.encode() in cmdline.read().split(b"\0")[:2]:
+                        return child
+            except OSError:
+                pass
+        return None
+
+    def running(self):
+        return self.process.poll() is None
+
+    def send(self, sig):
+        os.kill(self.pid, sig)
+
+    def wait_exit(self, timeout=None):
+        """Waits for the daemon's end; returns its exit code, or -N when signal N killed it."""
+        try:
+            self.process.wait(TIMEOUT if timeout is None else timeout)
+        except subprocess.TimeoutExpired:
+            raise AssertionError("the daemon did not end; output so far:\n" + self.output()) from None
+        with open(self.status_path) as status_file:
+            status = int(status_file.read())
+        if status == SETUP_FAILED:
+            raise AssertionError("the namespace could not be set up:\n" + self.output())
+        return status if status < 128 else -(status - 128)
+
+    def signal_mask(self, field):
+        """A signal set from /proc/PID/status (SigIgn, SigCgt, SigBlk) as a set of numbers."""
+        with open("/proc/%d/status" % self.pid) as status:
+            for line in status:
+                if line.startswith(field + ":"):
+                    mask = int(line.split()[1], 16)
+                    return {n for n in range(1, 65) if mask & (1 << (n - 1))}
+        raise AssertionError("no " + field + " in the daemon's status")
+
+    def ns_run(self, argv):
+        """Runs a real command in the daemon's network namespace (never in ours)."""
+        theirs = os.readlink("/proc/%d/ns/net" % self.pid)
+        if theirs == os.readlink("/proc/self/ns/net"):
+            raise AssertionError("the daemon shares our network namespace; refusing to run " + " ".join(argv))
+        return subprocess.run(
+            ["nsenter", "--target", str(self.pid), "--net", "--"] + list(argv),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            check=True,
+        ).stdout
+
+    def kill(self):
+        """Ends the daemon at once if it still runs (its namespace goes with it)."""
+        if self.process.poll() is not None:
+            return
+        try:
+            init = _children(self.process.pid)
+            for pid in (_children(init[0]) if init else []):
+                os.kill(pid, signal.SIGKILL)
+        except OSError:
+            pass
+        try:
+            self.process.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+
+
+def _children(pid):
+    """Process ids whose parent is `pid`."""
+    try:
+        with open("/proc/%d/task/%d/children" % (pid, pid)) as children:
+            return [int(child) for child in children.read().split()]
+    except OSError:
+        return []
+
+
+class DaemonTestCase(unittest.TestCase):
+    """A test with a fresh Sandbox in self.sandbox; skips (or fails when
+    TESSEL_REQUIRE_NAMESPACES=1) where the namespaces cannot be had."""
+
+    def setUp(self):
+        reason = namespaces_unavailable_reason()
+        if reason:
+            if os.environ.get("TESSEL_REQUIRE_NAMESPACES") == "1":
+                self.fail(reason + " (TESSEL_REQUIRE_NAMESPACES=1)")
+            self.skipTest(reason)
+        if not DAEMON_PATH:
+            self.fail("no daemon given (--daemon PATH or TESSEL_DAEMON)")
+        self.sandbox = Sandbox(DAEMON_PATH)
+        self.addCleanup(self.sandbox.cleanup)
+
+    def start_daemon(self, **kwargs):
+        return self.sandbox.start(**kwargs)
+
+    def start_running_daemon(self, **kwargs):
+        """Starts the daemon and waits until it has run its three start-up commands."""
+        daemon = self.sandbox.start(**kwargs)
+        daemon.wait_for_message("Bringing up loopback lo")
+        self.sandbox.wait_for_commands(3)
+        return daemon
+
+
+def main():
+    """Entry point of a test file: takes --daemon PATH, passes the rest to unittest."""
+    global DAEMON_PATH
+    parser = argparse.ArgumentParser(add_help=False)
+    parser.add_argument("--daemon")
+    known, rest = parser.parse_known_args()
+    if known.daemon:
+        DAEMON_PATH = os.path.abspath(known.daemon)
+    unittest.main(argv=[sys.argv[0]] + rest)

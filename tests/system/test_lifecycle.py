@@ -1,0 +1,119 @@
+"""The daemon's start-up, its stop signals and the form of its log lines."""
+
+import datetime
+import signal
+
+import harness
+
+STARTUP_COMMANDS = [
+    "ip link set dev lo up",
+    "ip link set dev eth1 down",
+    "ip link set dev eth1 up",
+]
+
+
+class LifecycleTest(harness.DaemonTestCase):
+    def exit_lines(self, daemon):
+        # The configuration is missing, so the cycle in which a signal lands still
+        # reports it once; the last two other entries are the stop.
+        entries = [e for e in daemon.entries() if e.message != "Unable to read configuration file"]
+        return [(entry.function, entry.message) for entry in entries[-2:]]
+
+    def test_start_up_logs_the_config_path_and_runs_three_commands_in_order(self):
+        for option in ("--config", "-c"):
+            with self.subTest(option=option):
+                self.sandbox.clear_commands()
+                daemon = self.start_running_daemon(args=[option, self.sandbox.config_path])
+                daemon.send(signal.SIGTERM)
+                self.assertEqual(daemon.wait_exit(), 0, daemon.output())
+                self.assertEqual(daemon.messages()[:3], [
+                    "tessel-networkd starting",
+                    "Using config file: " + self.sandbox.config_path,
+                    "Bringing up loopback lo",
+                ])
+                # The file does not exist, so nothing beyond start-up may run.
+                self.assertEqual(self.sandbox.commands(), STARTUP_COMMANDS)
+
+    def test_each_stop_signal_ends_the_daemon_with_its_status(self):
+        expected = {signal.SIGTERM: 0, signal.SIGHUP: 1, signal.SIGINT: 2, signal.SIGQUIT: 3}
+        # One sandbox each, all running at once: every stop waits out a one-second pause.
+        daemons = {}
+        for sig in expected:
+            sandbox = harness.Sandbox(harness.DAEMON_PATH)
+            self.addCleanup(sandbox.cleanup)
+            daemons[sig] = (sandbox, sandbox.start())
+        for sig, (sandbox, daemon) in daemons.items():
+            daemon.wait_for_message("Bringing up loopback lo")
+            sandbox.wait_for_commands(3)
+            daemon.send(sig)
+        for sig, (sandbox, daemon) in daemons.items():
+            with self.subTest(signal=sig.name):
+                code = expected[sig]
+                self.assertEqual(daemon.wait_exit(), code, daemon.output())
+                self.assertEqual(self.exit_lines(daemon), [
+                    ("SigHandler", "SigHandler: Caught signal: %d, shutting down..." % sig),
+                    ("main", "tessel-networkd exiting with code of %d" % code),
+                ])
+
+    def test_sigpipe_is_ignored(self):
+        daemon = self.start_running_daemon()
+        self.assertIn(signal.SIGPIPE, daemon.signal_mask("SigIgn"))
+        self.assertTrue({signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM}
+                        <= daemon.signal_mask("SigCgt"))
+        daemon.send(signal.SIGPIPE)
+        daemon.send(signal.SIGTERM)
+        # Had SIGPIPE stopped or killed it, the status and the last lines would say so.
+        self.assertEqual(daemon.wait_exit(), 0, daemon.output())
+        self.assertEqual(self.exit_lines(daemon), [
+            ("SigHandler", "SigHandler: Caught signal: 15, shutting down..."),
+            ("main", "tessel-networkd exiting with code of 0"),
+        ])
+        self.assertNotIn("SigHandler: Caught signal: 13, shutting down...", daemon.messages())
+
+    def test_stop_signal_during_a_command_is_taken_and_start_up_finishes(self):
+        self.sandbox.set_delay("ip", 2, once=True)  # the first start-up command hangs for 2 s
+        daemon = self.start_daemon()
+        self.assertEqual(self.sandbox.wait_for_commands(1), STARTUP_COMMANDS[:1])
+        daemon.send(signal.SIGINT)
+        daemon.wait_for_message("SigHandler: Caught signal: 2, shutting down...")
+        # Handled while the command still ran, not after it.
+        self.assertEqual(self.sandbox.commands(), STARTUP_COMMANDS[:1])
+        self.assertEqual(daemon.wait_exit(timeout=10), 2, daemon.output())
+        self.assertEqual(self.sandbox.commands(), STARTUP_COMMANDS)
+        self.assertEqual(self.exit_lines(daemon), [
+            ("SigHandler", "SigHandler: Caught signal: 2, shutting down..."),
+            ("main", "tessel-networkd exiting with code of 2"),
+        ])
+
+    def test_log_lines_carry_local_time_level_file_line_and_function(self):
+        zone = datetime.timezone(datetime.timedelta(hours=5, minutes=30))
+        before = datetime.datetime.now(zone).replace(tzinfo=None)
+        daemon = self.start_running_daemon(env={"TZ": "XST-5:30"})
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait_exit(), 0, daemon.output())
+        after = datetime.datetime.now(zone).replace(tzinfo=None)
+
+        lines = daemon.lines()
+        entries = [harness.parse_log_line(line) for line in lines]
+        self.assertNotIn(None, entries, daemon.output())
+        stamps = [datetime.datetime.strptime(entry.stamp, "%Y-%m-%d %H:%M:%S.%f") for entry in entries]
+        self.assertEqual(stamps, sorted(stamps))
+        self.assertLessEqual(before - datetime.timedelta(milliseconds=1), stamps[0])
+        self.assertLessEqual(stamps[-1], after)
+        own = {
+            "tessel-networkd starting": "main",
+            "Using config file: " + self.sandbox.config_path: "main",
+            "Bringing up loopback lo": "main",
+            "SigHandler: Caught signal: 15, shutting down...": "SigHandler",
+            "tessel-networkd exiting with code of 0": "main",
+        }
+        seen = {entry.message: entry for entry in entries if entry.message in own}
+        self.assertEqual(sorted(seen), sorted(own))
+        for message, entry in seen.items():
+            self.assertEqual((entry.level, entry.file, entry.function), ("INFO", "src/main.cpp", own[message]))
+            self.assertGreater(entry.line, 0)
+        self.assertNotEqual(seen["tessel-networkd starting"].line, seen["Bringing up loopback lo"].line)
+
+
+if __name__ == "__main__":
+    harness.main()

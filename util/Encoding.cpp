@@ -1,0 +1,141 @@
+#include <cstdint>
+
+#include "util/Util.h"
+
+namespace Util {
+
+namespace {
+
+// The 6-bit value of each base64 character. Both the standard alphabet ("+/")
+// and the URL-safe one ("-_"), and the "." "," variant, so the sender's choice
+// need not be known; every other byte, '=' included, counts as 0.
+// clang-format off
+const uint32_t Base64Index[256] = {
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0x00
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0x10
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0, 62, 63, 62, 62, 63,  // 0x20
+    52, 53, 54, 55, 56, 57, 58, 59, 60, 61,  0,  0,  0,  0,  0,  0,  // 0x30
+     0,  0,  1,  2,  3,  4,  5,  6,  7,  8,  9, 10, 11, 12, 13, 14,  // 0x40
+    15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25,  0,  0,  0,  0, 63,  // 0x50
+     0, 26, 27, 28, 29, 30, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40,  // 0x60
+    41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51,  0,  0,  0,  0,  0,  // 0x70
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0x80
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0x90
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0xA0
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0xB0
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0xC0
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0xD0
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0xE0
+     0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  0,  // 0xF0
+};
+// clang-format on
+
+}  // namespace
+
+std::vector<unsigned char> Base64Decode(const void* data, unsigned int length) {
+    const unsigned char* input = static_cast<const unsigned char*>(data);
+    if (length == 0) return {};
+    const unsigned int partial = (length % 4 != 0 || input[length - 1] == '=') ? 1 : 0;
+    const unsigned int full = (length + 3) / 4 - partial;
+    const unsigned int groupsEnd = 4 * full;
+    std::vector<unsigned char> bytes(3 * full + partial, 0);
+
+    unsigned int out = 0;
+    for (unsigned int in = 0; in < groupsEnd; in += 4) {
+        uint32_t n = Base64Index[input[in]] << 18 | Base64Index[input[in + 1]] << 12 | Base64Index[input[in + 2]] << 6 |
+                     Base64Index[input[in + 3]];
+        bytes[out++] = static_cast<unsigned char>(n >> 16);
+        bytes[out++] = static_cast<unsigned char>(n >> 8);
+        bytes[out++] = static_cast<unsigned char>(n);
+    }
+
+    if (partial == 1) {
+        // A final group of one character has no second one: the byte after the
+        // input would be read, which is not ours; it counts as 0, as a string's
+        // terminator would.
+        const uint32_t second = groupsEnd + 1 < length ? Base64Index[input[groupsEnd + 1]] : 0;
+        uint32_t n = Base64Index[input[groupsEnd]] << 18 | second << 12;
+        bytes.back() = static_cast<unsigned char>(n >> 16);
+        if (groupsEnd + 2 < length && input[groupsEnd + 2] != '=') {
+            bytes.push_back(static_cast<unsigned char>((n | Base64Index[input[groupsEnd + 2]] << 6) >> 8));
+        }
+    }
+    return bytes;
+}
+
+std::vector<unsigned char> Base64Decode(const std::string& text) {
+    return Base64Decode(text.data(), static_cast<unsigned int>(text.size()));
+}
+
+std::string EscapeForJson(const std::string& text, bool splitLines) {
+    std::string escaped;
+    for (std::string::size_type i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '\n' && splitLines) {
+            // Each line becomes one element of the caller's string array.
+            if (i + 1 < text.size()) escaped += "\",\n\"";
+        } else if (c == '\n') {
+            // Kept as a backslash and the line feed itself, not "\n": what the
+            // readers of this output expect.
+            escaped += "\\\n";
+        } else if (c == '"') {
+            escaped += "\\\"";
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+std::string DashboardToJson(const std::string& text) {
+    std::string escaped;
+    for (const char c : text) {
+        switch (c) {
+            case '\r':
+                break;
+            case '\t':
+                escaped += "    ";
+                break;
+            case '\n':
+                escaped += "\\n";
+                break;
+            case '"':
+                escaped += "\\\"";
+                break;
+            case '\\':
+                escaped += "\\\\";
+                break;
+            default:
+                escaped += c;
+        }
+    }
+    return escaped;
+}
+
+std::string EscapeForXml(const std::string& text) {
+    std::string escaped;
+    for (const char c : text) {
+        switch (c) {
+            case '"':
+                escaped += "&quot;";
+                break;
+            case '&':
+                escaped += "&amp;";
+                break;
+            case '\'':
+                escaped += "&apos;";
+                break;
+            case '<':
+                escaped += "&lt;";
+                break;
+            case '>':
+                escaped += "&gt;";
+                break;
+            default:
+                escaped += c;
+        }
+    }
+    return escaped;
+}
+
+}  // namespace Util
