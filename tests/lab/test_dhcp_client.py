@@ -118,7 +118,7 @@ class DhcpClientTest(LabTestCase):
         self.assertIn("Killing udhcpc pid %d for interface veth1" % old, self.lab.daemon_log_since(mark))
         wait_for(lambda: old not in self.lab.udhcpc_clients(), 5, "the old client to end")
         self.assertNotEqual(old, self.only_client())
-        self.assertEqual([(PEER1_ADDR, "veth1", 10)], self.lab.default_routes())
+        self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)])
 
     def test_static_to_dhcp_and_back(self):
         self.lab.start(STATIC_CONFIG)
