@@ -307,8 +307,6 @@ def lab_module(test_module_globals, start_config=None):
     def tearDownModule():
         lab = holder.get("lab")
         if lab is not None:
-            if os.environ.get("TESSEL_LAB_KEEP_LOG"):
-                shutil.copy(os.path.join(lab.state, "daemon.log"), os.environ["TESSEL_LAB_KEEP_LOG"])
             lab.down()
 
     test_module_globals["setUpModule"] = setUpModule
