@@ -3,11 +3,10 @@
 # where, with which mode, and that the installed files are usable as installed:
 # the example configuration passes the installed checker, the unit file passes
 # systemd's own checks, the init script parses under the shells it is for.
-#   install-layout.sh BUILD_DIR SOURCE_DIR
+#   install-layout.sh BUILD_DIR
 set -uo pipefail
 
 build=$1
-source=$2
 stage=$(mktemp -d /tmp/tessel-install.XXXXXX)
 trap 'rm -rf "$stage"' EXIT
 failures=0
@@ -25,17 +24,16 @@ expected="-rwxr-xr-x etc/init.d/tessel-networkd
 -rw-r--r-- etc/tessel-networkd.conf
 -rwxr-xr-x usr/bin/tessel-netcheck
 -rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
--rwxr-xr-x usr/sbin/tessel-networkd"
-# The DHCP client's script is installed from the tree when the tree has it.
-if [ -e "$source/dist/udhcpc/tessel.script" ]; then
-    expected="$expected
+-rwxr-xr-x usr/sbin/tessel-networkd
 -rwxr-xr-x usr/share/udhcpc/tessel.script"
-fi
 [ "$layout" = "$expected" ] || fail "installed layout
 --- expected
 $expected
 --- installed
 $layout"
+
+cmp -s "$stage/usr/share/udhcpc/tessel.script" "$(dirname "$0")/../../dist/udhcpc/tessel.script" ||
+    fail "installed DHCP client script differs from dist/udhcpc/tessel.script"
 
 # The example configuration, read by the installed checker with the daemon's parser.
 if [ -x "$stage/usr/bin/tessel-netcheck" ]; then
