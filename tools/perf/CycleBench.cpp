@@ -30,8 +30,6 @@
 
 #include "src/Network.h"
 
-extern char** environ;
-
 namespace {
 
 // CPU time of this process and of the children it has waited for, in microseconds.
