@@ -98,7 +98,13 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // A phy line without a value has no message of its own and shares this one.
     static const char kNoValueWord[] = "Invalid bridge mode line in config file";
 
+    // The stream reads through this buffer rather than one the C library would
+    // allocate after asking the kernel for the file's block size: one system
+    // call and one allocation less in every cycle. Declared first, so it
+    // outlives the stream.
+    char streamBuffer[4096];
     FilePtr file(fopen(path.c_str(), "r"));
+    if (file != nullptr) setvbuf(file.get(), streamBuffer, _IOFBF, sizeof streamBuffer);
     // 256 bytes for fgets: a longer line comes back in 255-character pieces, and
     // each piece is classified as a line of its own.
     char line[256];

@@ -50,6 +50,10 @@ std::vector<std::string> UdhcpcArguments(const char* bytes, size_t count) {
 std::vector<std::string> ReadUdhcpcArguments(const std::string& entryName) {
     std::unique_ptr<FILE, FileCloser> file(fopen(("/proc/" + entryName + "/cmdline").c_str(), "rb"));
     if (!file) return {};
+    // Unbuffered, the one read asks for the 256 bytes and no more; a buffered
+    // stream would first ask the kernel for the block size, allocate 4 KiB and
+    // read that much, for every process in the table.
+    setvbuf(file.get(), nullptr, _IONBF, 0);
     char bytes[kCmdlineBytes];
     size_t count = fread(bytes, 1, sizeof bytes, file.get());
     file.reset();

@@ -3,10 +3,17 @@
 Each test gets a Sandbox: a work directory holding
   bin/            recording stand-ins for the device's tools, first on the daemon's PATH
   commands.log    one line per stand-in call, "tool arg arg ...", in call order
+  times.log       "SECONDS tool arg ..." for the tools whose calls are timed (Sandbox.record_times)
   tmp/            the daemon's /tmp (lease files can be written and read from outside)
   cmdline         what the daemon reads as /proc/cmdline
   output.log      the daemon's standard output and error (output-2.log ... for later starts)
   exit-status     the status the daemon ended with, as its namespace's init saw it (exit-status-2 ...)
+  clients/        DHCP clients left over from an earlier run (Sandbox.leftover_clients) and their
+                  record clients.log
+
+The configuration file may be a named pipe (Sandbox.use_config_pipe): the daemon's
+read of it then waits until the test hands it a text (Daemon.run_cycle), so a test
+knows where each cycle begins and ends, without timing.
 
 Sandbox.start() runs the daemon under
   unshare --net --mount --pid --fork --mount-proc
@@ -23,6 +30,7 @@ anything unless the daemon's network namespace differs from ours.
 """
 
 import argparse
+import errno
 import os
 import re
 import shlex
@@ -118,6 +126,7 @@ def namespaces_unavailable_reason():
 #   delay/TOOL.once  seconds to sleep on the next call only
 #   output/TOOL      printed on standard output by every call
 #   status/TOOL      the exit status of every call (default 0)
+#   stamp/TOOL       every call also goes to times.log with the time it was made, in seconds
 #   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
 #                    as a daemonising client does) until SIGTERM, recorded in signals.log
 STANDIN_SCRIPT = r"""#!/bin/sh
@@ -126,6 +135,7 @@ STANDIN_SCRIPT = r"""#!/bin/sh
 work='@WORK@'
 tool=${0##*/}
 printf '%s\n' "$tool${*:+ $*}" >> "$work/commands.log"
+[ -f "$work/stamp/$tool" ] && printf '%s %s\n' "$(date +%s.%N)" "$tool${*:+ $*}" >> "$work/times.log"
 [ -f "$work/output/$tool" ] && cat "$work/output/$tool"
 if mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
     sleep "$(cat "$work/delay/$tool.once.$$")"
@@ -144,6 +154,37 @@ LINGER_SCRIPT = r"""# Waits for SIGTERM and records it.
 trap 'printf "%s\n" "TERM $STANDIN_TOOL $*" >> "@WORK@/signals.log"; exit 0' TERM
 while :; do sleep 0.2 & wait $!; done
 """
+
+# A DHCP client left over from an earlier run of the daemon. It lies in clients/ under the
+# name of its interface and is started from there as
+#   exec -a udhcpc PYTHON -i IFACE -b -R -s /usr/share/udhcpc/tessel.script
+# so that its command line reads exactly as that of a client the daemon starts (Python
+# takes "-i" as its own option and IFACE as the script). Notes its pid (as the daemon's
+# namespace numbers it) in clients.log when ready and when SIGTERM arrives.
+LEFTOVER_CLIENT = r"""import os
+import signal
+import time
+
+record = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.log")
+
+
+def note(what):
+    with open(record, "a") as out:
+        out.write("%s %d %s\n" % (what, os.getpid(), os.path.basename(__file__)))
+
+
+def stop(signum, frame):
+    note("TERM")
+    os._exit(0)
+
+
+signal.signal(signal.SIGTERM, stop)
+note("READY")
+while True:
+    time.sleep(1)
+"""
+
+DHCP_CLIENT_ARGS = "-b -R -s /usr/share/udhcpc/tessel.script"
 
 # The namespace's init. Arguments: the daemon and its arguments.
 INIT_SCRIPT = r"""
@@ -170,7 +211,17 @@ class Sandbox:
         if os.path.realpath(base) == real_tmp or os.path.realpath(base).startswith(real_tmp + "/"):
             raise RuntimeError("TESSEL_SYSTEM_TEST_DIR must not lie under /tmp")
         self.work = tempfile.mkdtemp(prefix="tessel-system-", dir=base)
-        for sub in ("bin", "tmp", "delay", "output", "status", "linger"):
+        self.config_path = os.path.join(self.work, "tessel-networkd.conf")
+        self.daemons = []
+        try:
+            self._populate(daemon_path)
+        except BaseException:
+            # Nobody holds a sandbox that failed to come about, to clean it up later.
+            shutil.rmtree(self.work, ignore_errors=True)
+            raise
+
+    def _populate(self, daemon_path):
+        for sub in ("bin", "tmp", "delay", "output", "status", "linger", "stamp", "clients"):
             os.mkdir(os.path.join(self.work, sub))
         # A copy, so the daemon stays reachable whatever its build directory is.
         self.daemon_path = os.path.join(self.work, "tessel-networkd")
@@ -180,8 +231,6 @@ class Sandbox:
             self._write(os.path.join("bin", tool), standin, mode=0o755)
         self._write("linger.sh", LINGER_SCRIPT.replace("@WORK@", self.work))
         self._write("cmdline", CMDLINE)
-        self.config_path = os.path.join(self.work, "tessel-networkd.conf")
-        self.daemons = []
 
     def path(self, *parts):
         return os.path.join(self.work, *parts)
@@ -202,6 +251,23 @@ class Sandbox:
         with open(temporary, "w") as out:
             out.write(text)
         os.replace(temporary, self.config_path)
+
+    def use_config_pipe(self):
+        """Makes the configuration file a named pipe: each read of it by the daemon waits until
+        the test hands it a text (Daemon.run_cycle), so cycles begin where the test says."""
+        if os.path.lexists(self.config_path):
+            os.remove(self.config_path)
+        os.mkfifo(self.config_path)
+
+    def write_lease(self, interface, text):
+        """Writes /tmp/dhcp_INTERFACE.txt as the DHCP client's script would: complete, in one step."""
+        final = self.tmp_path("dhcp_" + interface + ".txt")
+        with open(final + ".new", "w") as out:
+            out.write(text)
+        os.replace(final + ".new", final)
+
+    def lease_exists(self, interface):
+        return os.path.exists(self.tmp_path("dhcp_" + interface + ".txt"))
 
     def set_cmdline(self, text):
         """What the daemon will read as /proc/cmdline; effective for daemons started afterwards."""
@@ -231,6 +297,15 @@ class Sandbox:
         elif os.path.exists(marker):
             os.remove(marker)
 
+    def record_times(self, tool):
+        """Has every later call of the tool's stand-in noted with its time in times.log."""
+        self._write(os.path.join("stamp", tool), "")
+
+    def timed_commands(self):
+        """The timed calls so far, as (seconds since the epoch, "tool arg ...")."""
+        return [(float(stamp), command) for stamp, command in
+                (line.split(" ", 1) for line in self._lines("times.log"))]
+
     def commands(self):
         """Every stand-in call so far, in order, as "tool arg arg ..."."""
         return self._lines("commands.log")
@@ -258,14 +333,45 @@ class Sandbox:
             timeout,
         )
 
+    # --- DHCP clients left over from an earlier run -------------------------------------
+
+    def leftover_clients(self, *interfaces):
+        """Setup lines for start(): before the daemon, one DHCP client per interface is started
+        in its namespace, with the command line a client of the daemon has, and awaited."""
+        quoted_python = shlex.quote(sys.executable)
+        lines = []
+        for name in interfaces:
+            self._write(os.path.join("clients", name), LEFTOVER_CLIENT)
+            lines.append(
+                '(cd "$TESSEL_WORK/clients" && exec bash -c \'exec -a udhcpc "$0" -i {0} {1}\' {2}) '
+                "< /dev/null > /dev/null 2>&1 &".format(name, DHCP_CLIENT_ARGS, quoted_python)
+            )
+        lines.append(
+            'tries=0; until [ "$(grep -c ^READY "$TESSEL_WORK/clients/clients.log" 2>/dev/null)" = {0} ]; do '
+            'tries=$((tries + 1)); [ $tries -lt 1000 ] || fail "the leftover DHCP clients did not start"; '
+            "sleep 0.02; done".format(len(interfaces))
+        )
+        return lines
+
+    def client_events(self):
+        """What the leftover clients noted, in order: ("READY" or "TERM", pid, interface)."""
+        return [(what, int(pid), name) for what, pid, name in
+                (line.split() for line in self._lines(os.path.join("clients", "clients.log")))]
+
+    def client_pids(self):
+        """Interface -> pid of each leftover client, as the daemon's namespace numbers it."""
+        return {name: pid for what, pid, name in self.client_events() if what == "READY"}
+
     # --- the daemon -------------------------------------------------------------------
 
-    def start(self, args=None, interfaces=(), setup=(), env=None):
+    def start(self, args=None, interfaces=(), up=(), setup=(), env=None):
         """Starts the daemon in fresh namespaces and returns its Daemon.
 
         args: its command line (default: --config and the sandbox's configuration path).
         interfaces: names created as veth pairs with the real ip before the daemon starts;
             NAME's peer is NAME-peer (up, so that NAME gets a carrier once it is set up).
+        up: names of those interfaces that are set up, and awaited until the kernel reports them
+            running (operational state UP, which the kernel reaches a moment after the carrier).
         setup: further shell lines for the namespace's init, run before the daemon; "$IP" is the
             real ip tool.
         env: extra environment variables for the daemon.
@@ -277,6 +383,12 @@ class Sandbox:
             lines.append(
                 '"$IP" link add {0} type veth peer name {0}-peer && "$IP" link set {0}-peer up '
                 '|| fail "cannot create {0}"'.format(name)
+            )
+        for name in up:
+            lines.append('"$IP" link set {0} up || fail "cannot set {0} up"'.format(name))
+            lines.append(
+                'tries=0; until "$IP" -o link show {0} | grep -q " state UP "; do tries=$((tries + 1)); '
+                '[ $tries -lt 2000 ] || fail "{0} does not come up"; sleep 0.01; done'.format(name)
             )
         lines.extend(setup)
         script = (
@@ -325,6 +437,7 @@ class Daemon:
         self.output_path = output_path
         self.status_path = status_path
         self._pid = None
+        self._config_fd = None  # write end of the configuration pipe, once the daemon reads it
 
     # --- output -----------------------------------------------------------------------
 
@@ -355,6 +468,49 @@ class Daemon:
             seen, lambda: "%d x %r in the log; output so far:\n%s" % (count, message, self.output()), timeout
         )
 
+    # --- cycles, with the configuration file a named pipe (Sandbox.use_config_pipe) -----
+
+    def wait_for_config_read(self, timeout=None):
+        """Waits until the daemon opens the configuration pipe for a cycle's read. Everything
+        the cycles before did is over then, and it waits for the text to read."""
+        if self._config_fd is not None:
+            return
+
+        def reader_waits():
+            if not self.running():
+                raise AssertionError("the daemon ended; output:\n" + self.output())
+            try:
+                return [os.open(self.sandbox.config_path, os.O_WRONLY | os.O_NONBLOCK)]
+            except OSError as error:
+                if error.errno == errno.ENXIO:  # nobody has the pipe open for reading yet
+                    return None
+                raise
+
+        self._config_fd = wait_until(
+            reader_waits, lambda: "the daemon to read its configuration; output so far:\n" + self.output(), timeout
+        )[0]
+        os.set_blocking(self._config_fd, True)
+
+    def feed_config(self, text, timeout=None):
+        """Hands the daemon the configuration text of its next cycle, once it reads."""
+        self.wait_for_config_read(timeout)
+        fd, self._config_fd = self._config_fd, None
+        try:
+            os.write(fd, text.encode())
+            # A fresh pipe takes the path before this read can end, so that the next open
+            # that succeeds here is the daemon's next read, never this one still draining.
+            fresh = self.sandbox.config_path + ".fresh"
+            os.mkfifo(fresh)
+            os.replace(fresh, self.sandbox.config_path)
+        finally:
+            os.close(fd)
+
+    def run_cycle(self, text, count=1, timeout=None):
+        """Runs `count` cycles on the configuration text; returns when the last one is over."""
+        for _ in range(count):
+            self.feed_config(text, timeout)
+            self.wait_for_config_read(timeout)
+
     # --- process ----------------------------------------------------------------------
 
     @property
@@ -383,6 +539,22 @@ class Daemon:
 
     def running(self):
         return self.process.poll() is None
+
+    def namespace_processes(self):
+        """The command lines (argument lists) of the live processes in the daemon's pid namespace."""
+        theirs = os.readlink("/proc/%d/ns/pid" % self.pid)
+        found = []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                if os.readlink("/proc/%s/ns/pid" % pid) != theirs:
+                    continue
+                with open("/proc/%s/cmdline" % pid, "rb") as cmdline:
+                    args = cmdline.read()
+            except OSError:
+                continue
+            if args:  # a zombie has none
+                found.append([arg.decode() for arg in args.split(b"\0")[:-1]])
+        return found
 
     def send(self, sig):
         os.kill(self.pid, sig)
@@ -423,6 +595,9 @@ class Daemon:
 
     def kill(self):
         """Ends the daemon at once if it still runs (its namespace goes with it)."""
+        if self._config_fd is not None:
+            os.close(self._config_fd)
+            self._config_fd = None
         if self.process.poll() is not None:
             return
         try:
@@ -436,6 +611,16 @@ class Daemon:
         except subprocess.TimeoutExpired:
             self.process.kill()
             self.process.wait()
+
+
+def run_cycles_in_step(runs, count=1):
+    """Runs `count` cycles on several daemons at once; `runs` holds (daemon, configuration text)
+    pairs. Returns when every daemon has ended its last one."""
+    for _ in range(count):
+        for daemon, text in runs:
+            daemon.feed_config(text)
+        for daemon, text in runs:
+            daemon.wait_for_config_read()
 
 
 def _children(pid):

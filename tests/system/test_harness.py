@@ -23,10 +23,26 @@ while :; do sleep 0.05; done
 """
 
 
-class HarnessTest(harness.DaemonTestCase):
+# Reads its configuration file (its second argument) three times, as the daemon's cycles
+# would, with a stand-in call after each read.
+PIPE_PROBE = r"""#!/bin/sh
+for n in 1 2 3; do
+    cat "$2" > /tmp/read.$n
+    ip link set dev read$n up
+    sleep 0.2
+done
+while :; do sleep 0.05; done
+"""
+
+
+class ProbeTestCase(harness.DaemonTestCase):
+    """A test whose sandbox starts a probe script in the daemon's place."""
+
+    PROBE = PROBE
+
     def setUp(self):
         probe = tempfile.NamedTemporaryFile("w", dir="/var/tmp", prefix="tessel-probe-", delete=False)
-        probe.write(PROBE)
+        probe.write(self.PROBE)
         probe.close()
         os.chmod(probe.name, 0o755)
         self.addCleanup(os.remove, probe.name)
@@ -40,14 +56,20 @@ class HarnessTest(harness.DaemonTestCase):
         finally:
             harness.DAEMON_PATH = harness_daemon
 
+
+class HarnessTest(ProbeTestCase):
     def test_stand_ins_record_in_order_and_follow_their_control_files(self):
         self.sandbox.set_delay("bridge", 0.5, once=True)
         self.sandbox.set_output("devmem", "0x00000003\n")
         self.sandbox.set_linger("udhcpc")
-        started = time.monotonic()
+        self.sandbox.record_times("devmem")
+        started = time.time()
         probe = self.start_daemon(args=[], interfaces=["eth0", "eth1"])
         harness.wait_until(lambda: "probe ready" in probe.output(), "the probe; output:\n" + probe.output())
-        self.assertGreaterEqual(time.monotonic() - started, 0.5)
+        self.assertGreaterEqual(time.time() - started, 0.5)
+        [(stamp, command)] = self.sandbox.timed_commands()
+        self.assertEqual(command, "devmem 0xFF200088 32 0x3")
+        self.assertTrue(started + 0.5 <= stamp <= time.time(), (started, stamp))
         self.assertEqual(self.sandbox.commands(), [
             "ip link set dev lo up",
             "bridge link",
@@ -98,6 +120,41 @@ class HarnessTest(harness.DaemonTestCase):
         probe.kill()
         self.assertEqual(probe.wait_exit(), -signal.SIGKILL)
 
+
+
+class ConfigPipeTest(ProbeTestCase):
+    PROBE = PIPE_PROBE
+
+    def test_each_read_of_the_config_pipe_waits_for_its_text_and_ends_a_cycle(self):
+        self.sandbox.use_config_pipe()
+        probe = self.start_daemon()
+        probe.run_cycle("first\n")
+        self.assertEqual(self.sandbox.commands(), ["ip link set dev read1 up"])
+        probe.feed_config("second\n")
+        probe.feed_config("third\n")  # the last read: no fourth to wait for
+        self.assertEqual(self.sandbox.wait_for_commands(3), [
+            "ip link set dev read1 up",
+            "ip link set dev read2 up",
+            "ip link set dev read3 up",
+        ])
+        texts = []
+        for n in (1, 2, 3):
+            with open(self.sandbox.tmp_path("read.%d" % n)) as read:
+                texts.append(read.read())
+        self.assertEqual(texts, ["first\n", "second\n", "third\n"])
+
+    def test_leftover_clients_have_exactly_the_command_line_of_the_daemons_own(self):
+        probe = self.start_daemon(setup=self.sandbox.leftover_clients("veth1", "veth3"))
+        harness.wait_until(lambda: len(self.sandbox.client_pids()) == 2, "the two clients")
+        clients = sorted(args for args in probe.namespace_processes() if args[0] == "udhcpc")
+        self.assertEqual(clients, [
+            ["udhcpc", "-i", "veth1", "-b", "-R", "-s", "/usr/share/udhcpc/tessel.script"],
+            ["udhcpc", "-i", "veth3", "-b", "-R", "-s", "/usr/share/udhcpc/tessel.script"],
+        ])
+        # Started before the daemon's stand-in, with their own pids in its namespace.
+        pids = self.sandbox.client_pids()
+        self.assertEqual(len(set(pids.values())), 2)
+        self.assertTrue(all(1 < pid < probe.pid for pid in pids.values()))
 
 if __name__ == "__main__":
     harness.main()

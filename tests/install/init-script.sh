@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# Runs the BusyBox/SysV init script against the built daemon inside new
+# network, mount and PID namespaces, with recording stand-ins for the network
+# tools first on PATH: "start" runs the daemon with its configuration path,
+# a killed daemon is started again, "stop" ends it with SIGTERM (exit code 0)
+# and leaves nothing running.
+#   init-script.sh BUILD_DIR [SHELL]     SHELL runs the script (default sh)
+set -uo pipefail
+
+build=$1
+shell=${2:-sh}
+
+if [ "${TESSEL_IN_NAMESPACE:-}" != 1 ]; then
+    why=
+    [ "$(id -u)" -eq 0 ] || why="needs root to create namespaces"
+    [ -z "$why" ] && ! unshare --net --mount --pid --fork --mount-proc true 2>/dev/null &&
+        why="cannot create namespaces here"
+    if [ -n "$why" ]; then
+        [ "${TESSEL_REQUIRE_NAMESPACES:-}" = 1 ] && { echo "FAIL: $why (TESSEL_REQUIRE_NAMESPACES=1)"; exit 1; }
+        echo "SKIP: $why"; exit 77
+    fi
+    TESSEL_IN_NAMESPACE=1 exec unshare --net --mount --pid --fork --mount-proc bash "$0" "$@"
+fi
+
+work=$(mktemp -d /tmp/tessel-init.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/bin"
+for tool in ip bridge arptables iptables devmem udhcpc; do
+    printf '#!/bin/sh\necho "%s $*" >> %s/commands\n' "$tool" "$work" >"$work/bin/$tool"
+    chmod +x "$work/bin/$tool"
+done
+cat >"$work/networkd.conf" <<'CONF'
+bridge eth1
+veth1 static 10.0.0.2 255.255.255.0 0.0.0.0
+veth3 static 10.0.1.2 255.255.255.0 0.0.0.0
+CONF
+
+export PATH=$work/bin:$PATH
+export DAEMON=$build/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
+init="$shell $build/dist/tessel-networkd.init"
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+# The daemon is the supervisor's one child; prints its pid when its command
+# line is the daemon with the configuration, waiting up to 3 s for it.
+daemon_child() {
+    local supervisor=$1 tries=30 pid
+    while [ $tries -gt 0 ]; do
+        for pid in $(cat "/proc/$supervisor/task/$supervisor/children" 2>/dev/null); do
+            if [ "$(tr '\0' ' ' <"/proc/$pid/cmdline")" = "$DAEMON --config $CONFIG " ]; then
+                echo "$pid"; return 0
+            fi
+        done
+        sleep 0.1; tries=$((tries - 1))
+    done
+    return 1
+}
+
+out=$($init start 2>&1) || fail "start: exit $? ($out)"
+supervisor=$(cat "$PIDFILE" 2>/dev/null)
+[ "$out" = "tessel-networkd started (pid $supervisor)" ] || fail "start said: $out"
+first=$(daemon_child "$supervisor") || fail "no daemon running with its configuration after start"
+
+out=$($init status 2>&1) || fail "status while running: exit $?"
+[ "$out" = "tessel-networkd running (pid $supervisor)" ] || fail "status said: $out"
+
+# A daemon that dies is started again.
+kill -KILL "$first" 2>/dev/null
+sleep 0.2
+second=$(daemon_child "$supervisor") || fail "daemon not started again after it was killed"
+[ -n "$second" ] && [ "$second" != "$first" ] || fail "restarted daemon has the old pid"
+
+out=$($init stop 2>&1) || fail "stop: exit $? ($out)"
+[ "$out" = "tessel-networkd stopped" ] || fail "stop said: $out"
+kill -0 "$supervisor" 2>/dev/null && fail "supervisor still running after stop"
+[ -n "$second" ] && kill -0 "$second" 2>/dev/null && fail "daemon still running after stop"
+[ -e "$PIDFILE" ] && fail "pid file left behind"
+grep -q 'SigHandler: Caught signal: 15, shutting down' "$LOGFILE" || fail "daemon did not get SIGTERM"
+[ "$(grep -c 'tessel-networkd exiting with code of 0' "$LOGFILE")" = 1 ] || fail "daemon did not exit cleanly once"
+# Both runs started with the configuration, one after the other.
+[ "$(grep -c "Using config file: $CONFIG" "$LOGFILE")" = 2 ] || fail "expected two daemon starts in the log"
+
+out=$($init status 2>&1); status=$?
+[ $status -eq 3 ] && [ "$out" = "tessel-networkd not running" ] || fail "status after stop: exit $status ($out)"
+
+if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
+echo "init script under $shell: OK"

@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Installs the build into a staging directory (DESTDIR) and checks what lands
+# where, with which mode, and that the installed files are usable as installed:
+# the example configuration passes the installed checker, the unit file passes
+# systemd's own checks, the init script parses under the shells it is for.
+#   install-layout.sh BUILD_DIR
+set -uo pipefail
+
+build=$1
+stage=$(mktemp -d /tmp/tessel-install.XXXXXX)
+trap 'rm -rf "$stage"' EXIT
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+if ! DESTDIR=$stage cmake --install "$build" >"$stage.log" 2>&1; then
+    cat "$stage.log"; rm -f "$stage.log"
+    echo "FAIL: cmake --install"; exit 1
+fi
+rm -f "$stage.log"
+
+# Every installed file with its mode; nothing else may land in the stage.
+layout=$(cd "$stage" && find . -type f -printf '%M %P\n' | sort -k2)
+expected="-rwxr-xr-x etc/init.d/tessel-networkd
+-rw-r--r-- etc/tessel-networkd.conf
+-rwxr-xr-x usr/bin/tessel-netcheck
+-rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
+-rwxr-xr-x usr/sbin/tessel-networkd
+-rwxr-xr-x usr/share/udhcpc/tessel.script"
+[ "$layout" = "$expected" ] || fail "installed layout
+--- expected
+$expected
+--- installed
+$layout"
+
+cmp -s "$stage/usr/share/udhcpc/tessel.script" "$(dirname "$0")/../../dist/udhcpc/tessel.script" ||
+    fail "installed DHCP client script differs from dist/udhcpc/tessel.script"
+
+# The example configuration, read by the installed checker with the daemon's parser.
+if [ -x "$stage/usr/bin/tessel-netcheck" ]; then
+    out=$("$stage/usr/bin/tessel-netcheck" "$stage/etc/tessel-networkd.conf" 2>&1)
+    status=$?
+    [ "$status" -eq 0 ] || fail "example configuration: tessel-netcheck exit $status
+$out"
+    if grep -q ' ERROR \| WARN ' <<<"$out"; then fail "example configuration logs a problem:
+$out"; fi
+fi
+
+# The unit starts the installed daemon in the foreground with the installed
+# configuration, restarts it, and stops it with SIGTERM.
+unit=$stage/usr/lib/systemd/system/tessel-networkd.service
+for line in "Type=simple" \
+    "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
+    "Restart=always" "KillSignal=SIGTERM" "KillMode=process"; do
+    grep -qx -- "$line" "$unit" || fail "unit lacks the line: $line"
+done
+if command -v systemd-analyze >/dev/null; then
+    # systemd checks that ExecStart names an executable, so point it at the staged one.
+    check=$stage/verify/tessel-networkd.service
+    mkdir -p "$stage/verify"
+    sed "s#=/usr/sbin/#=$stage/usr/sbin/#" "$unit" >"$check"
+    verdict=$(systemd-analyze verify "$check" 2>&1)
+    [ -z "$verdict" ] || fail "systemd-analyze verify: $verdict"
+fi
+
+# The init script names the installed paths and parses under every shell at hand.
+init=$stage/etc/init.d/tessel-networkd
+grep -qx 'DAEMON=${DAEMON:-/usr/sbin/tessel-networkd}' "$init" || fail "init script: daemon path"
+grep -qx 'CONFIG=${CONFIG:-/etc/tessel-networkd.conf}' "$init" || fail "init script: configuration path"
+for shell in sh dash "busybox sh"; do
+    command -v ${shell%% *} >/dev/null || continue
+    $shell -n "$init" || fail "init script does not parse under $shell"
+done
+
+[ "$failures" -eq 0 ] && echo "install layout: OK"
+exit $((failures > 0))

@@ -1,0 +1,191 @@
+"""tessel-netcheck on real files: usable, unusable and unreadable ones, with its
+exact output and exit status; and the messages it prints against those the
+running daemon logs for the same file."""
+
+import argparse
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import harness
+
+NETCHECK = os.environ.get("TESSEL_NETCHECK")
+
+
+def netcheck(*args):
+    result = subprocess.run([NETCHECK] + list(args), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            timeout=10)
+    return result.returncode, result.stdout, result.stderr
+
+
+class NetcheckTest(unittest.TestCase):
+    def setUp(self):
+        self.work = tempfile.mkdtemp(prefix="tessel-netcheck-")
+        self.addCleanup(shutil.rmtree, self.work)
+
+    def check(self, text):
+        path = os.path.join(self.work, "networkd.conf")
+        with open(path, "w") as out:
+            out.write(text)
+        return netcheck(path)
+
+    def test_usable_file_with_both_ports(self):
+        status, out, err = self.check(
+            "#network settings\n"
+            "bridge eth0eth1\n"
+            "phy frame\n"
+            "veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\n"
+            "veth3 dhcp\n"
+            "vrx0 dhcp\n"
+            "vrx1 static 192.168.1.10 255.255.255.0 0.0.0.0\n")
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out, (
+            "bridge  eth0eth1: eth0 and eth1 in br0, second pair veth2/veth3 with the isolation rules\n"
+            "phy     frame: RGMII to SGMII\n"
+            "veth1   static 10.0.0.2 mask 255.255.255.0, default route via 10.0.0.1, metric 10\n"
+            "veth3   dhcp, metric 100\n"
+            "vrx0    dhcp (checked, not programmed)\n"
+            "vrx1    static 192.168.1.10 mask 255.255.255.0, no default route (checked, not programmed)\n"
+            "usable: yes, the daemon applies these settings\n"))
+
+    def test_usable_file_with_one_port_and_problems_the_daemon_passes_over(self):
+        # A bad bridge line after a good one and a bad vrx0 line are logged, yet
+        # the file is usable; without a phy line the daemon starts with copper.
+        status, out, err = self.check(
+            "bridge eth1\n"
+            "bridge eth2\n"
+            "veth1 dhcp\n"
+            "veth3 static 10.0.1.2 255.255.255.0 0.0.0.0\n"
+            "vrx0 DHCP\n")
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual(out, (
+            "ERROR Invalid bridge mode entry, expected eth0|eth1|eth0eth1\n"
+            "ERROR Invalid syntax or address mode for vrx0 expected dhcp|static\n"
+            "bridge  eth1: eth1 in br0\n"
+            "phy     no valid line: copper when the daemon starts, else the mode it has\n"
+            "veth1   dhcp, metric 10\n"
+            "veth3   static 10.0.1.2 mask 255.255.255.0, no default route, metric 100 "
+            "(not used in this bridge mode)\n"
+            "vrx0    no valid line (not needed)\n"
+            "vrx1    no valid line (not needed)\n"
+            "usable: yes, the daemon applies these settings\n"))
+
+    def test_file_without_veth3_is_unusable_and_says_why(self):
+        # The daemon logs nothing for a missing line; the checker names it.
+        status, out, err = self.check("bridge eth0\nphy copper\nveth1 dhcp\n")
+        self.assertEqual((status, err), (1, ""))
+        self.assertEqual(out, (
+            "bridge  eth0: eth0 in br0\n"
+            "phy     copper: RGMII to copper\n"
+            "veth1   dhcp, metric 10\n"
+            "veth3   no valid line (not used in this bridge mode)\n"
+            "vrx0    no valid line (not needed)\n"
+            "vrx1    no valid line (not needed)\n"
+            "usable: no (no valid veth3 line): the daemon ignores this file and keeps what it applied last\n"))
+
+    def test_bad_lines_are_reported_in_file_order(self):
+        status, out, err = self.check(
+            "bridge\n"
+            " #bridge eth1x\n"
+            "phy\n"
+            "veth1 static 10.0.0.300 255.255.255.0 10.0.0.1\n"
+            "veth3 static 10.0.1.2 255.255.255.0\n"
+            "vrx1 dhcp\n"
+            "vrx1\n")
+        self.assertEqual((status, err), (1, ""))
+        self.assertEqual(out, (
+            "ERROR Invalid bridge mode line in config file\n"
+            "ERROR Invalid bridge mode entry, expected eth0|eth1|eth0eth1\n"
+            "ERROR Invalid bridge mode line in config file\n"
+            "ERROR Invalid static IP address veth1\n"
+            "ERROR Invalid syntax or address mode for veth3 expected dhcp|static\n"
+            "ERROR Invalid syntax for vrx1 entry in config file\n"
+            "bridge  no valid line\n"
+            "phy     no valid line: copper when the daemon starts, else the mode it has\n"
+            "veth1   no valid line\n"
+            "veth3   no valid line\n"
+            "vrx0    no valid line (not needed)\n"
+            "vrx1    the last line is not valid (not needed)\n"
+            "usable: no (no valid bridge line, no valid veth1 line, no valid veth3 line): "
+            "the daemon ignores this file and keeps what it applied last\n"))
+
+    def test_bad_interface_line_after_a_good_one_makes_the_file_unusable(self):
+        status, out, err = self.check(
+            "bridge eth0eth1\n"
+            "veth1 static 10.0.0.2 255.255.255.0 10.0.0.1\n"
+            "veth3 dhcp\n"
+            "veth1 bogus\n")
+        self.assertEqual((status, err), (1, ""))
+        self.assertEqual(out, (
+            "ERROR Invalid syntax or address mode for veth1 expected dhcp|static\n"
+            "bridge  eth0eth1: eth0 and eth1 in br0, second pair veth2/veth3 with the isolation rules\n"
+            "phy     no valid line: copper when the daemon starts, else the mode it has\n"
+            "veth1   static 10.0.0.2 mask 255.255.255.0, default route via 10.0.0.1, metric 10\n"
+            "veth3   dhcp, metric 100\n"
+            "vrx0    no valid line (not needed)\n"
+            "vrx1    no valid line (not needed)\n"
+            "usable: no (the last veth1 or veth3 line is not valid): "
+            "the daemon ignores this file and keeps what it applied last\n"))
+
+    def test_empty_file_is_unusable(self):
+        status, out, _ = self.check("")
+        self.assertEqual(status, 1)
+        self.assertTrue(out.endswith(
+            "usable: no (no valid bridge line, no valid veth1 line, no valid veth3 line): "
+            "the daemon ignores this file and keeps what it applied last\n"), out)
+
+    def test_missing_file_and_directory_cannot_be_read(self):
+        for path in (os.path.join(self.work, "missing.conf"), self.work):
+            with self.subTest(path=path):
+                status, out, err = netcheck(path)
+                self.assertEqual((status, err), (2, ""))
+                self.assertEqual(out, "ERROR Unable to read configuration file\n" + path + ": cannot be read\n")
+
+    def test_wrong_command_line_prints_the_usage_with_status_2(self):
+        for args in ([], ["a", "b"], ["--help"]):
+            with self.subTest(args=args):
+                status, out, err = netcheck(*args)
+                self.assertEqual((status, out), (2, ""))
+                self.assertTrue(err.startswith("Usage: tessel-netcheck FILE\n"), err)
+
+
+class NetcheckAgainstDaemonTest(harness.DaemonTestCase):
+    def test_messages_are_those_the_daemon_logs_for_the_same_file(self):
+        text = ("bridge eth3\n"
+                "phy\n"
+                "veth1 static 10.0.0.2 255.255.0.300 10.0.0.1\n"
+                "veth3 dhcp 1 2 3\n"
+                "vrx0\n")
+        self.sandbox.write_config(text)
+        status, out, _ = netcheck(self.sandbox.config_path)
+        self.assertEqual(status, 1, out)
+        checked = [line for line in out.splitlines() if line.startswith("ERROR ")]
+
+        daemon = self.start_daemon()
+        # Two cycles: the first cycle's messages are complete once the second begins.
+        daemon.wait_for_message("Invalid bridge mode entry, expected eth0|eth1|eth0eth1", count=2)
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait_exit(), 0, daemon.output())
+        entries = [e for e in daemon.entries() if e.function in ("ParseConfigFile", "ParseInterfaceLine")]
+        # The first cycle's messages: up to where the first one comes again.
+        again = [e.message for e in entries].index(entries[0].message, 1)
+        logged = ["%s %s" % (e.level, e.message) for e in entries[:again]]
+        self.assertEqual(checked, logged)
+        self.assertEqual(len(checked), 5)
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(add_help=False)
+    parser.add_argument("--netcheck")
+    parser.add_argument("--daemon")
+    known, rest = parser.parse_known_args()
+    NETCHECK = os.path.abspath(known.netcheck) if known.netcheck else NETCHECK
+    if known.daemon:
+        harness.DAEMON_PATH = os.path.abspath(known.daemon)
+    if not NETCHECK:
+        sys.exit("no checker given (--netcheck PATH or TESSEL_NETCHECK)")
+    unittest.main(argv=[sys.argv[0]] + rest)

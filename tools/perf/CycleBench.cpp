@@ -1,0 +1,259 @@
+// tessel-bench: times the daemon's own functions in-process against the
+// least work that could do the same job (the floor), block by block in turns so
+// that a busy machine slows both alike. Run by tools/bench inside namespaces of
+// its own with no-op stand-ins for the network tools first on PATH; it runs real
+// commands and must never run in the machine's own network namespace.
+//
+//   tessel-bench idle|steady CONFIG CYCLES   one supervision cycle against opening, reading and
+//                                            closing CONFIG (idle) or the eth0 re-attach command (steady)
+//   tessel-bench bridge BUILDS               SetupBridge(eth0eth1) against its commands through /bin/sh -c
+//   tessel-bench stopdhcp EXTRA              StopDhcp with EXTRA more processes against a bare /proc scan
+//   tessel-bench paced CONFIG [COMMAND]      the idle floor (with COMMAND: the steady one) once a
+//                                            second, until killed
+//
+// Results go to standard error, one line each: "name value floor" in microseconds.
+// Standard output carries the log, as the daemon's does.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "src/Network.h"
+
+namespace {
+
+// CPU time of this process and of the children it has waited for, in microseconds.
+double CpuMicros() {
+    double total = 0;
+    for (int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        struct rusage usage {};
+        getrusage(who, &usage);
+        total += usage.ru_utime.tv_sec * 1e6 + usage.ru_utime.tv_usec;
+        total += usage.ru_stime.tv_sec * 1e6 + usage.ru_stime.tv_usec;
+    }
+    return total;
+}
+
+// The cycle's memory and body as the daemon's main keeps and runs them, for the
+// paths a steady cycle takes; the first call does what the daemon's first usable
+// cycle does (bridge, interfaces, PHY mode) but the register writes.
+class Cycle {
+public:
+    explicit Cycle(std::string path) : m_path(std::move(path)) {
+        memset(&m_settings, 0, sizeof m_settings);
+        memset(&m_veth1Applied, 0, sizeof m_veth1Applied);
+        memset(&m_veth3Applied, 0, sizeof m_veth3Applied);
+        memset(&m_veth1Dhcp, 0, sizeof m_veth1Dhcp);
+        memset(&m_veth3Dhcp, 0, sizeof m_veth3Dhcp);
+    }
+
+    void Run() {
+        bool bSettingsValid = false;
+        bool bVrx0Valid = false;
+        bool bVrx1Valid = false;
+        if (ParseConfigFile(m_path, m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid) != 0 || !bSettingsValid) {
+            return;
+        }
+        BRIDGE_MODE bridgeMode = m_settings.m_eBridgeMode;
+        if (m_bBridgeSetupPending || bridgeMode != m_eLastBridgeMode) {
+            SetupBridge(bridgeMode, "", "");
+            m_eLastBridgeMode = bridgeMode;
+            m_bBridgeSetupPending = false;
+            m_bVeth1Reconfigure = m_bVeth3Reconfigure = true;
+        }
+        if (BridgesEth0(bridgeMode)) {
+            if (GenericInterfaceLinkIsUp("eth0", m_bEth0LinkUp) != 0) {
+                m_bEth0LinkUp = false;
+            } else if (m_bEth0LinkUp) {
+                RunCommand("ip link set eth0 master br0 > /dev/null 2>&1");
+            } else {
+                RunCommand("ip link set eth0 down > /dev/null 2>&1");
+                RunCommand("ip link set eth0 up > /dev/null 2>&1");
+                // The register writes that follow here in the daemon are left
+                // out: measured cycles keep eth0 up, and devmem is never run.
+            }
+        }
+        ServiceVethX("veth1", 10, m_bVeth1Reconfigure, m_veth1Applied, m_settings.m_veth1Config, m_veth1Dhcp);
+        if (bridgeMode == BRIDGE_MODE_ETH0ETH1) {
+            ServiceVethX("veth3", 100, m_bVeth3Reconfigure, m_veth3Applied, m_settings.m_veth3Config, m_veth3Dhcp);
+        }
+        if (m_bPhyModePending || m_settings.m_ePhyMode != m_eLastPhyMode) {
+            m_eLastPhyMode = m_settings.m_ePhyMode;
+            m_bPhyModePending = false;
+            SetEthernetPhyMode("/proc/marvell-phy-0-port", m_eLastPhyMode);
+            RunCommand("ip link set dev eth1 down");
+            RunCommand("ip link set dev eth1 up");
+        }
+    }
+
+private:
+    std::string m_path;
+    USER_SETTINGS m_settings;
+    bool m_bBridgeSetupPending = true;
+    BRIDGE_MODE m_eLastBridgeMode = BRIDGE_MODE_ETH0;
+    bool m_bVeth1Reconfigure = true;
+    bool m_bVeth3Reconfigure = true;
+    bool m_bPhyModePending = true;
+    PHY_MODE m_eLastPhyMode = PHY_MODE_COPPER;
+    bool m_bEth0LinkUp = false;
+    IP_CONFIG m_veth1Applied;
+    IP_CONFIG m_veth3Applied;
+    DHCP_STATE m_veth1Dhcp;
+    DHCP_STATE m_veth3Dhcp;
+};
+
+// The least a cycle must do: open, read and close the configuration file.
+void ReadFileOnce(const std::string& path) {
+    char buffer[4096];
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    while (read(fd, buffer, sizeof buffer) > 0) {
+    }
+    close(fd);
+}
+
+// The least a command costs: /bin/sh -c with it, waited for.
+void ShellOnce(const std::string& command) {
+    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()), nullptr};
+    pid_t pid = -1;
+    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) != 0) return;
+    waitpid(pid, nullptr, 0);
+}
+
+// Runs `subject` and `floor` `count` times each, in `blocks` alternating blocks,
+// and reports the CPU microseconds per call of each.
+template <typename Subject, typename Floor>
+void Compare(const char* name, int count, int blocks, Subject subject, Floor floor) {
+    double subjectTotal = 0;
+    double floorTotal = 0;
+    int perBlock = count / blocks > 0 ? count / blocks : 1;
+    int done = 0;
+    for (int block = 0; block < blocks; ++block) {
+        double start = CpuMicros();
+        for (int i = 0; i < perBlock; ++i) subject();
+        double middle = CpuMicros();
+        for (int i = 0; i < perBlock; ++i) floor();
+        double end = CpuMicros();
+        subjectTotal += middle - start;
+        floorTotal += end - middle;
+        done += perBlock;
+    }
+    fprintf(stderr, "%s %.3f %.3f %d\n", name, subjectTotal / done, floorTotal / done, done);
+}
+
+int Usage() {
+    fputs("usage: tessel-bench idle|steady CONFIG CYCLES | bridge BUILDS | stopdhcp EXTRA | paced CONFIG [COMMAND]\n",
+          stderr);
+    return 2;
+}
+
+// Children that only wait to be killed, as stand-ins for a busy process table.
+std::vector<pid_t> StartSleepers(int count) {
+    std::vector<pid_t> pids;
+    for (int i = 0; i < count; ++i) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            pause();
+            _exit(0);
+        }
+        if (pid > 0) pids.push_back(pid);
+    }
+    return pids;
+}
+
+void StopSleepers(const std::vector<pid_t>& pids) {
+    for (pid_t pid : pids) kill(pid, SIGKILL);
+    for (pid_t pid : pids) waitpid(pid, nullptr, 0);
+}
+
+// What any scan for clients must do: list /proc and read each process's command line.
+void ScanProcOnce() {
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return;
+    char path[300];
+    char bytes[256];
+    while (const dirent* entry = readdir(proc)) {
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        snprintf(path, sizeof path, "/proc/%s/cmdline", entry->d_name);
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) continue;
+        if (read(fd, bytes, sizeof bytes) < 0) bytes[0] = '\0';
+        close(fd);
+    }
+    closedir(proc);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) return Usage();
+    const std::string mode = argv[1];
+
+    if ((mode == "idle" || mode == "steady") && argc == 4) {
+        const std::string path = argv[2];
+        int cycles = atoi(argv[3]);
+        Cycle cycle(path);
+        cycle.Run();  // the first usable cycle, not timed
+        cycle.Run();
+        if (mode == "idle") {
+            Compare(
+                "idle_cycle", cycles, 10, [&] { cycle.Run(); }, [&] { ReadFileOnce(path); });
+        } else {
+            const std::string reattach = "ip link set eth0 master br0 > /dev/null 2>&1";
+            Compare(
+                "steady_cycle", cycles, 10, [&] { cycle.Run(); }, [&] { ShellOnce(reattach); });
+        }
+        return 0;
+    }
+    if (mode == "bridge") {
+        int builds = atoi(argv[2]);
+        // The commands a build runs, taken from the build itself, for the floor to run as they are.
+        std::vector<std::string> commands;
+        CommandRunner real = SetCommandRunner([&](const std::string& command) { commands.push_back(command); });
+        SetupBridge(BRIDGE_MODE_ETH0ETH1, "", "");
+        SetCommandRunner(real);
+        fprintf(stderr, "bridge_commands %zu 0 1\n", commands.size());
+        Compare(
+            "bridge_build", builds, builds, [] { SetupBridge(BRIDGE_MODE_ETH0ETH1, "", ""); },
+            [&] {
+                for (const std::string& command : commands) ShellOnce(command);
+            });
+        return 0;
+    }
+    if (mode == "stopdhcp") {
+        int extra = atoi(argv[2]);
+        const int rounds = 20;
+        // The removal command StopDhcp runs is the same with or without the
+        // extra processes; the difference is the scan's share.
+        Compare(
+            "stopdhcp_alone", rounds, rounds, [] { StopDhcp("veth1", 10); }, [] { ScanProcOnce(); });
+        std::vector<pid_t> sleepers = StartSleepers(extra);
+        fprintf(stderr, "stopdhcp_processes %zu 0 1\n", sleepers.size());
+        Compare(
+            "stopdhcp_busy", rounds, rounds, [] { StopDhcp("veth1", 10); }, [] { ScanProcOnce(); });
+        StopSleepers(sleepers);
+        return 0;
+    }
+    // The floors at the daemon's pace, for comparing with the running daemon:
+    // read the file, run the command if given, pause a second; until killed.
+    if (mode == "paced" && (argc == 3 || argc == 4)) {
+        const std::string path = argv[2];
+        for (;;) {
+            ReadFileOnce(path);
+            if (argc == 4) ShellOnce(argv[3]);
+            struct timespec second = {1, 0};
+            nanosleep(&second, nullptr);
+        }
+    }
+    return Usage();
+}
