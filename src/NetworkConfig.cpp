@@ -7,13 +7,9 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/UniqueFile.h"
 
 namespace {
-
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 // Line kinds in the order their keywords are looked for: the first keyword that
 // occurs anywhere in the line decides, so "bridge" beats everything else.
@@ -103,7 +99,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // call and one allocation less in every cycle. Declared first, so it
     // outlives the stream.
     char streamBuffer[4096];
-    FilePtr file(fopen(path.c_str(), "r"));
+    UniqueFile file(fopen(path.c_str(), "r"));
     if (file != nullptr) setvbuf(file.get(), streamBuffer, _IOFBF, sizeof streamBuffer);
     // 256 bytes for fgets: a longer line comes back in 255-character pieces, and
     // each piece is classified as a line of its own.

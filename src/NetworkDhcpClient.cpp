@@ -11,16 +11,13 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/UniqueFile.h"
 #include "util/Util.h"
 
 namespace {
 
 struct DirectoryCloser {
     void operator()(DIR* directory) const { closedir(directory); }
-};
-
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
 };
 
 // One read of a process's command line sees at most this much of it.
@@ -48,7 +45,7 @@ std::vector<std::string> UdhcpcArguments(const char* bytes, size_t count) {
 // The udhcpc arguments of the process behind one /proc entry; empty when it is
 // not udhcpc, has gone meanwhile or has no command line (kernel threads, zombies).
 std::vector<std::string> ReadUdhcpcArguments(const std::string& entryName) {
-    std::unique_ptr<FILE, FileCloser> file(fopen(("/proc/" + entryName + "/cmdline").c_str(), "rb"));
+    UniqueFile file(fopen(("/proc/" + entryName + "/cmdline").c_str(), "rb"));
     if (!file) return {};
     // Unbuffered, the one read asks for the 256 bytes and no more; a buffered
     // stream would first ask the kernel for the block size, allocate 4 KiB and

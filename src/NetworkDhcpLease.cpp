@@ -8,12 +8,9 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/UniqueFile.h"
 
 namespace {
-
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
-};
 
 // Logged for a file that states no lease and again for the flush that follows
 // when a lease was in force, so one text serves both.
@@ -36,7 +33,7 @@ bool SameLease(const DHCP_STATE& a, const DHCP_STATE& b) {
 
 void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState) {
     const std::string path = "/tmp/dhcp_" + interfaceName + ".txt";
-    std::unique_ptr<FILE, FileCloser> file(fopen(path.c_str(), "r"));
+    UniqueFile file(fopen(path.c_str(), "r"));
     // No file is the usual case: the script writes one only when something changed.
     if (!file) return;
 

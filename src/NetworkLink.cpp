@@ -9,6 +9,7 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/UniqueFile.h"
 
 namespace {
 
@@ -27,10 +28,6 @@ public:
 
 private:
     int m_fd;
-};
-
-struct FileCloser {
-    void operator()(FILE* file) const { fclose(file); }
 };
 
 }  // namespace
@@ -63,7 +60,7 @@ void SetEthernetPhyMode(const std::string& path, PHY_MODE mode) {
     // A C stream, not a C++ file stream: the daemon then needs none of the C++
     // runtime's stream and locale machinery, which made up a third of the
     // runtime pages it kept resident.
-    std::unique_ptr<FILE, FileCloser> port(fopen(path.c_str(), "w"));
+    UniqueFile port(fopen(path.c_str(), "w"));
     if (!port) {
         // The file comes from a patch to the PHY driver; without it there is
         // nothing to set. Sent to the system log as well so it gets noticed.
