@@ -19,6 +19,31 @@ REGISTER_WRITES = [
     "devmem 0xFF200088 32 0x0",
 ]
 
+# br0 with eth0 as its only port (configuration word "eth0").
+BRIDGE_ETH0 = [
+    "ip link set br0 down",
+    "ip addr flush dev br0",
+    "ip link set eth0 down",
+    "ip addr flush dev eth0",
+    "ip link set eth1 down",
+    "ip addr flush dev eth1",
+    "ip link del name br0",
+    "ip link add name br0 type bridge",
+    "ip link set br0 up",
+    "ip addr flush dev br0",
+    "ip link set br0 arp off",
+    "ip link set eth0 master br0",
+    "ip link set eth0 up",
+    "ip link add name veth1 type veth",
+    "ip link set veth0 master br0",
+    "ip link set veth0 up",
+    "ip link set veth1 up",
+    "ip link set dev veth1 address 02:00:00:00:00:42",
+    "ip addr flush dev br0",
+    "ip link set br0 arp off",
+    "ip link set eth0 arp off",
+]
+
 # br0 with eth1 as its only port (configuration word "eth1").
 BRIDGE_ETH1 = [
     "ip link set br0 down",

@@ -2,7 +2,7 @@
 from start-up to the end of that cycle, the log, and the pace of the register writes."""
 
 import harness
-from expected_commands import BRIDGE_ETH0ETH1
+from expected_commands import BRIDGE_ETH0, BRIDGE_ETH0ETH1, BRIDGE_ETH1, REGISTER_WRITES, START_UP
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -27,40 +27,9 @@ veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
 veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
 """
 
-FIRST_CYCLE_ETH0 = [
-    "ip link set dev lo up",
-    "ip link set dev eth1 down",
-    "ip link set dev eth1 up",
-    "ip link set br0 down",
-    "ip addr flush dev br0",
-    "ip link set eth0 down",
-    "ip addr flush dev eth0",
-    "ip link set eth1 down",
-    "ip addr flush dev eth1",
-    "ip link del name br0",
-    "ip link add name br0 type bridge",
-    "ip link set br0 up",
-    "ip addr flush dev br0",
-    "ip link set br0 arp off",
+FIRST_CYCLE_ETH0 = START_UP + BRIDGE_ETH0 + [
     "ip link set eth0 master br0",
-    "ip link set eth0 up",
-    "ip link add name veth1 type veth",
-    "ip link set veth0 master br0",
-    "ip link set veth0 up",
-    "ip link set veth1 up",
-    "ip link set dev veth1 address 02:00:00:00:00:42",
-    "ip addr flush dev br0",
-    "ip link set br0 arp off",
-    "ip link set eth0 arp off",
-    "ip link set eth0 master br0",
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
+] + REGISTER_WRITES + [
     "ip route flush dev veth1",
     "ip addr flush dev veth1",
     "ip addr add 10.0.0.2/255.255.255.0 dev veth1",
@@ -69,39 +38,7 @@ FIRST_CYCLE_ETH0 = [
     "ip link set dev eth1 up",
 ]
 
-FIRST_CYCLE_ETH1 = [
-    "ip link set dev lo up",
-    "ip link set dev eth1 down",
-    "ip link set dev eth1 up",
-    "ip link set br0 down",
-    "ip addr flush dev br0",
-    "ip link set eth0 down",
-    "ip addr flush dev eth0",
-    "ip link set eth1 down",
-    "ip addr flush dev eth1",
-    "ip link del name br0",
-    "ip link add name br0 type bridge",
-    "ip link set br0 up",
-    "ip addr flush dev br0",
-    "ip link set br0 arp off",
-    "ip link set eth1 master br0",
-    "ip link set eth1 up",
-    "ip link add name veth1 type veth",
-    "ip link set veth0 master br0",
-    "ip link set veth0 up",
-    "ip link set veth1 up",
-    "ip link set dev veth1 address 02:00:00:00:00:42",
-    "ip addr flush dev br0",
-    "ip link set br0 arp off",
-    "ip link set eth1 arp off",
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
+FIRST_CYCLE_ETH1 = START_UP + BRIDGE_ETH1 + REGISTER_WRITES + [
     "ip route flush dev veth1",
     "ip addr flush dev veth1",
     "ip addr add 10.0.0.2/255.255.255.0 dev veth1",
@@ -109,20 +46,9 @@ FIRST_CYCLE_ETH1 = [
     "ip link set dev eth1 up",
 ]
 
-FIRST_CYCLE_ETH0ETH1 = [
-    "ip link set dev lo up",
-    "ip link set dev eth1 down",
-    "ip link set dev eth1 up",
-] + BRIDGE_ETH0ETH1 + [
+FIRST_CYCLE_ETH0ETH1 = START_UP + BRIDGE_ETH0ETH1 + [
     "ip link set eth0 master br0",
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
+] + REGISTER_WRITES + [
     "ip route flush dev veth1",
     "ip addr flush dev veth1",
     "ip addr add 10.0.0.2/255.255.255.0 dev veth1",

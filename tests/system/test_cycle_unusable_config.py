@@ -5,6 +5,7 @@ usable cycle; an unusable file in between changes nothing of what was applied.""
 import datetime
 
 import harness
+from expected_commands import BRIDGE_ETH0, REGISTER_WRITES, START_UP
 
 REATTACH = "ip link set eth0 master br0"
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -24,44 +25,10 @@ veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
 MISSING_REPORT = "Unable to read configuration file"
 INVALID_REPORT = "Invalid bridge mode entry, expected eth0|eth1|eth0eth1"
 
-START_UP = [
-    "ip link set dev lo up",
-    "ip link set dev eth1 down",
-    "ip link set dev eth1 up",
-]
-
 # With eth0 healthy, ended by the re-attach of the next cycle.
-FIRST_CYCLE_AND_NEXT_REATTACH = START_UP + [
-    "ip link set br0 down",
-    "ip addr flush dev br0",
-    "ip link set eth0 down",
-    "ip addr flush dev eth0",
-    "ip link set eth1 down",
-    "ip addr flush dev eth1",
-    "ip link del name br0",
-    "ip link add name br0 type bridge",
-    "ip link set br0 up",
-    "ip addr flush dev br0",
-    "ip link set br0 arp off",
+FIRST_CYCLE_AND_NEXT_REATTACH = START_UP + BRIDGE_ETH0 + [
     "ip link set eth0 master br0",
-    "ip link set eth0 up",
-    "ip link add name veth1 type veth",
-    "ip link set veth0 master br0",
-    "ip link set veth0 up",
-    "ip link set veth1 up",
-    "ip link set dev veth1 address 02:00:00:00:00:42",
-    "ip addr flush dev br0",
-    "ip link set br0 arp off",
-    "ip link set eth0 arp off",
-    "ip link set eth0 master br0",
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
+] + REGISTER_WRITES + [
     "ip route flush dev veth1",
     "ip addr flush dev veth1",
     "ip addr add 10.0.0.2/255.255.255.0 dev veth1",
