@@ -141,6 +141,12 @@ private:
 
 }  // namespace
 
+const char* SeverityName(int severity) {
+    return kLevelNames[severity >= LOGGING_SEVERITY_EMERG && severity <= LOGGING_SEVERITY_DEBUG
+                           ? severity
+                           : LOGGING_SEVERITY_DEBUG];
+}
+
 void SetLogLevel(LOGGING_SEVERITY_LEVEL level) { s_level = level; }
 
 void SetLogToStdout(bool toStdout) { s_toStdout = toStdout; }
@@ -158,7 +164,7 @@ void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, con
         LineBuilder builder(header, sizeof header);
         AppendTimestamp(builder);
         builder.Char(' ');
-        builder.Text(kLevelNames[severity]);
+        builder.Text(SeverityName(severity));
         builder.Char(' ');
         builder.Text(file != nullptr ? file : "?");
         builder.Char(':');

@@ -17,6 +17,10 @@ enum LOGGING_SEVERITY_LEVEL : int {
     LOGGING_SEVERITY_DEBUG = 7,
 };
 
+// The name an entry carries for its severity ("ERROR", "INFO"); severities
+// outside 0 to 7 are named as DEBUG, the level they are logged at.
+const char* SeverityName(int severity);
+
 // Entries whose severity number is above the level are dropped.
 void SetLogLevel(LOGGING_SEVERITY_LEVEL level);
 

@@ -24,11 +24,6 @@ bool ToAddress(const char* text, in_addr& address) {
     return true;
 }
 
-bool SameLease(const DHCP_STATE& a, const DHCP_STATE& b) {
-    return a.m_bLeaseValid == b.m_bLeaseValid && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-
 }  // namespace
 
 void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState) {
@@ -74,7 +69,7 @@ void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
 
     // A renewal repeats the lease in force and changes nothing. A malformed file
     // counts as no lease, so an address in force is taken off until a good one comes.
-    if (!SameLease(candidate, dhcpState)) {
+    if (candidate != dhcpState) {
         if (candidate.m_bLeaseValid) {
             LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "New DHCP lease for " + interfaceName);
             FlushAddrAndRouting(interfaceName);

@@ -4,16 +4,6 @@
 #include "logging/Logging.h"
 #include "src/Network.h"
 
-namespace {
-
-// Field by field: the padding after the flag holds nothing that counts.
-bool SameConfig(const IP_CONFIG& a, const IP_CONFIG& b) {
-    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-
-}  // namespace
-
 void SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState) {
     if (config.m_bDhcp) {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring interface " + interfaceName + " for DHCP");
@@ -36,7 +26,7 @@ void SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CO
 
 void ServiceVethX(const std::string& interfaceName, unsigned int metric, bool& bReconfigure, IP_CONFIG& appliedConfig,
                   IP_CONFIG& wantedConfig, DHCP_STATE& dhcpState) {
-    if (bReconfigure || !SameConfig(appliedConfig, wantedConfig)) {
+    if (bReconfigure || appliedConfig != wantedConfig) {
         SetupInterface(interfaceName, metric, wantedConfig, dhcpState);
         bReconfigure = false;
         appliedConfig = wantedConfig;

@@ -35,11 +35,29 @@ void LogCapture::SystemLogSink(int priority, const char* message) {
     if (s_active != nullptr) s_active->m_systemLog.push_back("<" + std::to_string(priority) + "> " + message);
 }
 
-void LogCapture::NoteCommand(const std::string& command) {
-    if (s_active == nullptr) return;
-    std::string line = "$ " + command + "\n";
-    ssize_t ignored = write(STDOUT_FILENO, line.data(), line.size());
+namespace {
+
+// Noted events go into the same stream as the entries, so the order is the one
+// they happened in. An entry's line starts with its date, never with these.
+const char* const kCommandMark = "$ ";
+const char* const kPauseMark = "pause ";
+
+void NoteLine(const std::string& line) {
+    std::string text = line + "\n";
+    ssize_t ignored = write(STDOUT_FILENO, text.data(), text.size());
     (void)ignored;
+}
+
+bool IsNoted(const std::string& line) { return line.rfind(kCommandMark, 0) == 0 || line.rfind(kPauseMark, 0) == 0; }
+
+}  // namespace
+
+void LogCapture::NoteCommand(const std::string& command) {
+    if (s_active != nullptr) NoteLine(kCommandMark + command);
+}
+
+void LogCapture::NotePause(unsigned int milliseconds) {
+    if (s_active != nullptr) NoteLine(kPauseMark + std::to_string(milliseconds) + " ms");
 }
 
 std::string LogCapture::Raw() {
@@ -55,9 +73,23 @@ std::string LogCapture::Raw() {
     return text;
 }
 
+namespace {
+
+// "EMERG|ALERT|...|DEBUG", from the facility's own names.
+std::string SeverityAlternatives() {
+    std::string names;
+    for (int severity = Logging::LOGGING_SEVERITY_EMERG; severity <= Logging::LOGGING_SEVERITY_DEBUG; ++severity) {
+        if (!names.empty()) names += '|';
+        names += Logging::SeverityName(severity);
+    }
+    return names;
+}
+
+}  // namespace
+
 bool ParseLogLine(const std::string& line, LogEntry& entry) {
-    static const std::regex pattern(
-        R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} (EMERG|ALERT|CRIT|ERROR|WARN|NOTICE|INFO|DEBUG) ([^ :]+):(\d+) ([A-Za-z_][A-Za-z0-9_]*): (.*)$)");
+    static const std::regex pattern(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} ()" + SeverityAlternatives() +
+                                    R"() ([^ :]+):(\d+) ([A-Za-z_][A-Za-z0-9_]*): (.*)$)");
     std::smatch match;
     if (!std::regex_match(line, match, pattern)) return false;
     entry.level = match[1];
@@ -87,7 +119,7 @@ std::vector<std::string> SplitLines(const std::string& text) {
 std::vector<std::string> LogCapture::Timeline() {
     std::vector<std::string> timeline;
     for (const std::string& line : SplitLines(Raw())) {
-        if (line.rfind("$ ", 0) == 0) {
+        if (IsNoted(line)) {
             timeline.push_back(line);
             continue;
         }
@@ -104,7 +136,7 @@ std::vector<std::string> LogCapture::Timeline() {
 std::vector<LogEntry> LogCapture::Entries() {
     std::vector<LogEntry> entries;
     for (const std::string& line : SplitLines(Raw())) {
-        if (line.rfind("$ ", 0) == 0) continue;
+        if (IsNoted(line)) continue;
         LogEntry entry;
         if (ParseLogLine(line, entry)) {
             entries.push_back(entry);

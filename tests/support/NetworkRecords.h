@@ -1,5 +1,5 @@
-// Building, comparing and printing the network records in tests. Records are
-// compared field by field, never as raw memory (padding bytes may differ).
+// Building and printing the network records in tests; they compare with the
+// operators beside the records.
 #pragma once
 
 #include <arpa/inet.h>
@@ -44,21 +44,6 @@ inline std::string Describe(const IP_CONFIG& config) {
 inline std::string Describe(const DHCP_STATE& state) {
     return std::string(state.m_bLeaseValid ? "valid " : "invalid ") + Dotted(state.m_ipAddress) + " " +
            Dotted(state.m_subnetMask) + " " + Dotted(state.m_gateway);
-}
-
-inline bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
-    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-
-inline bool operator==(const DHCP_STATE& a, const DHCP_STATE& b) {
-    return a.m_bLeaseValid == b.m_bLeaseValid && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-
-inline bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
-    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
-           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
 }
 
 inline void PrintTo(const IP_CONFIG& config, std::ostream* out) { *out << Describe(config); }

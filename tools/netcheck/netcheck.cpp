@@ -14,8 +14,6 @@
 
 namespace {
 
-const char* const kLevelNames[] = {"EMERG", "ALERT", "CRIT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
-
 // Messages the parser logs, as "LEVEL message", printed in order. The daemon's
 // log line adds a time stamp and the source location, which mean nothing to a
 // person editing the file.
@@ -23,8 +21,7 @@ std::vector<std::string>* s_messages = nullptr;
 
 void CollectMessage(int priority, const char* message) {
     if (s_messages == nullptr) return;
-    const char* level = priority >= 0 && priority <= 7 ? kLevelNames[priority] : "?";
-    s_messages->push_back(std::string(level) + " " + message);
+    s_messages->push_back(std::string(Logging::SeverityName(priority)) + " " + message);
 }
 
 struct ParseResult {
@@ -44,12 +41,8 @@ ParseResult Parse(const std::string& path, const USER_SETTINGS& start) {
 
 std::string Dotted(in_addr address) { return inet_ntoa(address); }
 
-bool SameConfig(const IP_CONFIG& a, const IP_CONFIG& b) {
-    if (a.m_bDhcp != b.m_bDhcp) return false;
-    if (a.m_bDhcp) return true;  // a DHCP line leaves the addresses as they were
-    return a.m_ipAddress.s_addr == b.m_ipAddress.s_addr && a.m_subnetMask.s_addr == b.m_subnetMask.s_addr &&
-           a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
+// As far as a line says: a DHCP line leaves the addresses as they were.
+bool SameConfig(const IP_CONFIG& a, const IP_CONFIG& b) { return a.m_bDhcp == b.m_bDhcp && (a.m_bDhcp || a == b); }
 
 std::string Addressing(const IP_CONFIG& config, unsigned int metric) {
     std::string text;
