@@ -37,6 +37,19 @@ struct DHCP_STATE {
     in_addr m_gateway;
 };
 
+// Records compare field by field: the padding after a flag holds nothing that counts.
+inline bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
+    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
+           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
+}
+inline bool operator!=(const IP_CONFIG& a, const IP_CONFIG& b) { return !(a == b); }
+
+inline bool operator==(const DHCP_STATE& a, const DHCP_STATE& b) {
+    return a.m_bLeaseValid == b.m_bLeaseValid && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
+           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
+}
+inline bool operator!=(const DHCP_STATE& a, const DHCP_STATE& b) { return !(a == b); }
+
 struct USER_SETTINGS {
     BRIDGE_MODE m_eBridgeMode;
     PHY_MODE m_ePhyMode;
@@ -45,6 +58,12 @@ struct USER_SETTINGS {
     IP_CONFIG m_vrx0Config;
     IP_CONFIG m_vrx1Config;
 };
+
+inline bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
+    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
+           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
+}
+inline bool operator!=(const USER_SETTINGS& a, const USER_SETTINGS& b) { return !(a == b); }
 
 // --- Shell commands -------------------------------------------------------
 
@@ -61,6 +80,19 @@ CommandRunner SetCommandRunner(CommandRunner runner);
 // signal mask, and lets the daemon's stop signals in while it waits, so a stop
 // requested during a command is neither lost nor delayed past the cycle.
 void RunShellCommand(const std::string& command);
+
+// Waits `milliseconds`; every pause of the daemon (the loop's second, the register
+// pulses) goes through here, so tests can record pauses beside the commands.
+void Pause(unsigned int milliseconds);
+
+// The function Pause hands its duration to; tests put a recorder here, an empty
+// function puts the real pause back. Returns the one it replaced.
+using PauseRunner = std::function<void(unsigned int milliseconds)>;
+PauseRunner SetPauseRunner(PauseRunner runner);
+
+// The real pause: sleeps the whole period, resuming after a signal is taken, and
+// is, with a running command, where the daemon's stop signals are let in.
+void SleepLettingSignalsIn(unsigned int milliseconds);
 
 // --- Configuration --------------------------------------------------------
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 #include <utility>
 
 #include "src/Network.h"
@@ -12,6 +13,11 @@ namespace {
 
 CommandRunner& ActiveRunner() {
     static CommandRunner runner;
+    return runner;
+}
+
+PauseRunner& ActivePauseRunner() {
+    static PauseRunner runner;
     return runner;
 }
 
@@ -54,6 +60,32 @@ void RunShellCommand(const std::string& command) {
     sigset_t previous;
     pthread_sigmask(SIG_SETMASK, &none, &previous);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+void Pause(unsigned int milliseconds) {
+    const PauseRunner& runner = ActivePauseRunner();
+    if (runner) {
+        runner(milliseconds);
+    } else {
+        SleepLettingSignalsIn(milliseconds);
+    }
+}
+
+PauseRunner SetPauseRunner(PauseRunner runner) { return std::exchange(ActivePauseRunner(), std::move(runner)); }
+
+void SleepLettingSignalsIn(unsigned int milliseconds) {
+    // The whole period even when a signal is taken meanwhile: the loop tests the
+    // run flag only after its pause, and register pulses need their full width.
+    sigset_t none;
+    sigset_t previous;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, &previous);
+    struct timespec remaining {};
+    remaining.tv_sec = static_cast<time_t>(milliseconds / 1000);
+    remaining.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
+    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }

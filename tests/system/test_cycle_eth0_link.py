@@ -20,7 +20,7 @@ BOUNCE_AND_REGISTER_WRITES = [
 
 LINK_QUERY_FAILED = [
     ("ERROR", "GenericInterfaceLinkIsUp", "Unable to query link status for eth0 ioctl failed"),
-    ("WARN", "main", "Unable to get link status for bridge physical interface eth0"),
+    ("WARN", "RunSupervisionCycle", "Unable to get link status for bridge physical interface eth0"),
 ]
 
 

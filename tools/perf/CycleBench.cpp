@@ -4,7 +4,7 @@
 // its own with no-op stand-ins for the network tools first on PATH; it runs real
 // commands and must never run in the machine's own network namespace.
 //
-//   tessel-bench idle|steady CONFIG CYCLES   one supervision cycle against opening, reading and
+//   tessel-bench idle|steady CONFIG CYCLES   one pass of the daemon's cycle against opening, reading and
 //                                            closing CONFIG (idle) or the eth0 re-attach command (steady)
 //   tessel-bench bridge BUILDS               SetupBridge(eth0eth1) against its commands through /bin/sh -c
 //   tessel-bench stopdhcp EXTRA              StopDhcp with EXTRA more processes against a bare /proc scan
@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "src/Network.h"
+#include "src/NetworkCycle.h"
 
 namespace {
 
@@ -43,74 +44,6 @@ double CpuMicros() {
     }
     return total;
 }
-
-// The cycle's memory and body as the daemon's main keeps and runs them, for the
-// paths a steady cycle takes; the first call does what the daemon's first usable
-// cycle does (bridge, interfaces, PHY mode) but the register writes.
-class Cycle {
-public:
-    explicit Cycle(std::string path) : m_path(std::move(path)) {
-        memset(&m_settings, 0, sizeof m_settings);
-        memset(&m_veth1Applied, 0, sizeof m_veth1Applied);
-        memset(&m_veth3Applied, 0, sizeof m_veth3Applied);
-        memset(&m_veth1Dhcp, 0, sizeof m_veth1Dhcp);
-        memset(&m_veth3Dhcp, 0, sizeof m_veth3Dhcp);
-    }
-
-    void Run() {
-        bool bSettingsValid = false;
-        bool bVrx0Valid = false;
-        bool bVrx1Valid = false;
-        if (ParseConfigFile(m_path, m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid) != 0 || !bSettingsValid) {
-            return;
-        }
-        BRIDGE_MODE bridgeMode = m_settings.m_eBridgeMode;
-        if (m_bBridgeSetupPending || bridgeMode != m_eLastBridgeMode) {
-            SetupBridge(bridgeMode, "", "");
-            m_eLastBridgeMode = bridgeMode;
-            m_bBridgeSetupPending = false;
-            m_bVeth1Reconfigure = m_bVeth3Reconfigure = true;
-        }
-        if (BridgesEth0(bridgeMode)) {
-            if (GenericInterfaceLinkIsUp("eth0", m_bEth0LinkUp) != 0) {
-                m_bEth0LinkUp = false;
-            } else if (m_bEth0LinkUp) {
-                RunCommand("ip link set eth0 master br0 > /dev/null 2>&1");
-            } else {
-                RunCommand("ip link set eth0 down > /dev/null 2>&1");
-                RunCommand("ip link set eth0 up > /dev/null 2>&1");
-                // The register writes that follow here in the daemon are left
-                // out: measured cycles keep eth0 up, and devmem is never run.
-            }
-        }
-        ServiceVethX("veth1", 10, m_bVeth1Reconfigure, m_veth1Applied, m_settings.m_veth1Config, m_veth1Dhcp);
-        if (bridgeMode == BRIDGE_MODE_ETH0ETH1) {
-            ServiceVethX("veth3", 100, m_bVeth3Reconfigure, m_veth3Applied, m_settings.m_veth3Config, m_veth3Dhcp);
-        }
-        if (m_bPhyModePending || m_settings.m_ePhyMode != m_eLastPhyMode) {
-            m_eLastPhyMode = m_settings.m_ePhyMode;
-            m_bPhyModePending = false;
-            SetEthernetPhyMode("/proc/marvell-phy-0-port", m_eLastPhyMode);
-            RunCommand("ip link set dev eth1 down");
-            RunCommand("ip link set dev eth1 up");
-        }
-    }
-
-private:
-    std::string m_path;
-    USER_SETTINGS m_settings;
-    bool m_bBridgeSetupPending = true;
-    BRIDGE_MODE m_eLastBridgeMode = BRIDGE_MODE_ETH0;
-    bool m_bVeth1Reconfigure = true;
-    bool m_bVeth3Reconfigure = true;
-    bool m_bPhyModePending = true;
-    PHY_MODE m_eLastPhyMode = PHY_MODE_COPPER;
-    bool m_bEth0LinkUp = false;
-    IP_CONFIG m_veth1Applied;
-    IP_CONFIG m_veth3Applied;
-    DHCP_STATE m_veth1Dhcp;
-    DHCP_STATE m_veth3Dhcp;
-};
 
 // The least a cycle must do: open, read and close the configuration file.
 void ReadFileOnce(const std::string& path) {
@@ -202,16 +135,20 @@ int main(int argc, char** argv) {
     if ((mode == "idle" || mode == "steady") && argc == 4) {
         const std::string path = argv[2];
         int cycles = atoi(argv[3]);
-        Cycle cycle(path);
-        cycle.Run();  // the first usable cycle, not timed
-        cycle.Run();
+        // The daemon's own cycle. The register writes' pauses of the first pass
+        // would only add wall time to an untimed pass; measured passes keep eth0
+        // up and have none.
+        SetPauseRunner([](unsigned int) {});
+        CYCLE_STATE state;
+        RunSupervisionCycle(path, state);  // the first usable cycle, not timed
+        RunSupervisionCycle(path, state);
         if (mode == "idle") {
             Compare(
-                "idle_cycle", cycles, 10, [&] { cycle.Run(); }, [&] { ReadFileOnce(path); });
+                "idle_cycle", cycles, 10, [&] { RunSupervisionCycle(path, state); }, [&] { ReadFileOnce(path); });
         } else {
             const std::string reattach = "ip link set eth0 master br0 > /dev/null 2>&1";
             Compare(
-                "steady_cycle", cycles, 10, [&] { cycle.Run(); }, [&] { ShellOnce(reattach); });
+                "steady_cycle", cycles, 10, [&] { RunSupervisionCycle(path, state); }, [&] { ShellOnce(reattach); });
         }
         return 0;
     }
