@@ -23,8 +23,9 @@ public:
     // Every entry so far, parsed; fails the test on a line that is not an entry.
     std::vector<LogEntry> Entries();
 
-    // "LEVEL Function: message" per entry, and "$ command" per command that a
-    // CommandRecorder saw meanwhile, in the order they happened.
+    // "LEVEL Function: message" per entry, "$ command" per command that a
+    // CommandRecorder saw meanwhile and "pause N ms" per pause that a
+    // PauseRecorder saw, in the order they happened.
     std::vector<std::string> Timeline();
 
     // Entries as "LEVEL Function: message" only.
@@ -36,8 +37,9 @@ public:
     // Everything written to standard output so far, unparsed.
     std::string Raw();
 
-    // Called by CommandRecorder so commands take their place in the timeline.
+    // Called by the recorders so commands and pauses take their place in the timeline.
     static void NoteCommand(const std::string& command);
+    static void NotePause(unsigned int milliseconds);
 
 private:
     static void SystemLogSink(int priority, const char* message);

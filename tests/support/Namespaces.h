@@ -9,7 +9,26 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <vector>
+
+using Lines = std::vector<std::string>;
+
+// Runs `body` in a forked child inside new namespaces (CLONE_NEWNET, CLONE_NEWNS,
+// CLONE_NEWPID, as `flags` says), so what it creates never touches this
+// machine's, and returns the lines it reported, plus a last line when the child
+// failed. With CLONE_NEWNS its mounts are private; with CLONE_NEWPID as well it
+// is the namespace's first process and has a /proc of its own, which lists only
+// the processes it starts.
+Lines InNewNamespaces(int flags, const std::function<Lines()>& body);
+
+// In a test's namespaces: runs a shell command quietly; false when it failed.
+bool RunQuietly(const std::string& command);
+
+// A fresh veth takes a moment to report carrier: waits for the kernel's own
+// operational state (not the code under test), at most 5 seconds.
+bool WaitForOperStateUp(const std::string& name);
 
 // Empty when this process may create network namespaces, else why not.
 inline std::string NamespacesUnavailableReason() {

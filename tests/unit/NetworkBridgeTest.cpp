@@ -6,6 +6,7 @@
 
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/ExpectedTimelines.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -16,32 +17,7 @@ TEST(SetupBridgeTest, Eth0ModeBridgesEth0AndTheFirstPair) {
     LogCapture log;
     CommandRecorder commands;
     SetupBridge(BRIDGE_MODE_ETH0, "", "");
-    EXPECT_EQ(log.Timeline(),
-              (Lines{
-                  "INFO SetupBridge: Setting up bridge for control network",
-                  "$ ip link set br0 down",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set eth0 down",
-                  "$ ip addr flush dev eth0",
-                  "$ ip link set eth1 down",
-                  "$ ip addr flush dev eth1",
-                  "$ ip link del name br0",
-                  "$ ip link add name br0 type bridge",
-                  "$ ip link set br0 up",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set br0 arp off",
-                  "$ ip link set eth0 master br0",
-                  "$ ip link set eth0 up",
-                  "$ ip link add name veth1 type veth",
-                  "$ ip link set veth0 master br0",
-                  "$ ip link set veth0 up",
-                  "$ ip link set veth1 up",
-                  "$ ip link set dev veth1 address $(cat /proc/cmdline | awk -Fmac= '{print $2}' | awk '{print $1}')",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set br0 arp off",
-                  "$ ip link set eth0 arp off",
-                  "INFO SetupBridge: Done with bridge setup",
-              }));
+    EXPECT_EQ(log.Timeline(), kBridgeBuildEth0);
     EXPECT_EQ(commands.Commands().size(), 21U);
 }
 
@@ -49,32 +25,7 @@ TEST(SetupBridgeTest, Eth1ModeBridgesEth1AndTheFirstPair) {
     LogCapture log;
     CommandRecorder commands;
     SetupBridge(BRIDGE_MODE_ETH1, "", "");
-    EXPECT_EQ(log.Timeline(),
-              (Lines{
-                  "INFO SetupBridge: Setting up bridge for control network",
-                  "$ ip link set br0 down",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set eth0 down",
-                  "$ ip addr flush dev eth0",
-                  "$ ip link set eth1 down",
-                  "$ ip addr flush dev eth1",
-                  "$ ip link del name br0",
-                  "$ ip link add name br0 type bridge",
-                  "$ ip link set br0 up",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set br0 arp off",
-                  "$ ip link set eth1 master br0",
-                  "$ ip link set eth1 up",
-                  "$ ip link add name veth1 type veth",
-                  "$ ip link set veth0 master br0",
-                  "$ ip link set veth0 up",
-                  "$ ip link set veth1 up",
-                  "$ ip link set dev veth1 address $(cat /proc/cmdline | awk -Fmac= '{print $2}' | awk '{print $1}')",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set br0 arp off",
-                  "$ ip link set eth1 arp off",
-                  "INFO SetupBridge: Done with bridge setup",
-              }));
+    EXPECT_EQ(log.Timeline(), kBridgeBuildEth1);
     EXPECT_EQ(commands.Commands().size(), 21U);
 }
 
@@ -82,95 +33,7 @@ TEST(SetupBridgeTest, BothPortsModeAddsTheSecondPairAndIsolationRules) {
     LogCapture log;
     CommandRecorder commands;
     SetupBridge(BRIDGE_MODE_ETH0ETH1, "", "");
-    EXPECT_EQ(log.Timeline(),
-              (Lines{
-                  "INFO SetupBridge: Setting up bridge for control network",
-                  "$ ip link set br0 down",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set eth0 down",
-                  "$ ip addr flush dev eth0",
-                  "$ ip link set eth1 down",
-                  "$ ip addr flush dev eth1",
-                  "$ ip link del name br0",
-                  "$ ip link add name br0 type bridge",
-                  "$ ip link set br0 up",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set br0 arp off",
-                  "$ ip link set eth0 master br0",
-                  "$ ip link set eth0 up",
-                  "$ ip link set eth1 master br0",
-                  "$ ip link set eth1 up",
-                  "$ ip link add name veth1 type veth",
-                  "$ ip link set veth0 master br0",
-                  "$ ip link set veth0 up",
-                  "$ ip link set veth1 up",
-                  "$ ip link set dev veth1 address $(cat /proc/cmdline | awk -Fmac= '{print $2}' | awk '{print $1}')",
-                  "$ ip addr flush dev br0",
-                  "$ ip link set br0 arp off",
-                  "$ ip link set eth0 arp off",
-                  "$ ip link set eth1 arp off",
-                  "$ ip link add name veth3 type veth",
-                  "$ ip link set veth2 master br0",
-                  "$ ip link set veth2 up",
-                  "$ ip link set veth3 up",
-                  "$ ip link set dev veth3 address 02:23:02:00:00:00",
-                  "$ arptables -F",
-                  "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP",
-                  "$ arptables -A FORWARD --in-interface veth2 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --in-interface eth1 --out-interface veth2 -j DROP",
-                  "$ arptables -A FORWARD --in-interface veth0 --out-interface eth0 -j DROP",
-                  "$ arptables -A FORWARD --in-interface eth0 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.253 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.253 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.254 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.254 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.253 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.253 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.254 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.254 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.253 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.253 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.254 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.254 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.253 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.253 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-ip 10.253.254.254 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-ip 10.253.254.254 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --in-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --out-interface eth1 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --in-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP",
-                  "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP",
-                  "$ iptables -F",
-                  "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A INPUT --source 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A INPUT --destination 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A INPUT --destination 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A FORWARD --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-                  "$ iptables -A FORWARD --source 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
-                  "$ iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
-                  "$ iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
-                  "$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
-                  "$ bridge link set dev eth1 learning_sync off",
-                  "$ bridge link set dev eth1 learning off",
-                  "$ ip -s -s neigh flush all",
-                  "INFO SetupBridge: Done with bridge setup",
-              }));
+    EXPECT_EQ(log.Timeline(), kBridgeBuildEth0Eth1);
     EXPECT_EQ(commands.Commands().size(), 84U);
 }
 

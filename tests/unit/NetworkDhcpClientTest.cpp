@@ -21,8 +21,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // An interface name no other test run uses, so that StopDhcp can only ever find
 // the processes this test started.
 std::string UniqueName() {
@@ -251,70 +249,13 @@ TEST(StopDhcpTest, OnlyAnArgumentEndedWithinTheFirst256BytesCounts) {
     EXPECT_EQ(wellBeyond.EndingSignal(), 0);
 }
 
-// Runs `body` as the first process of new PID and mount namespaces, where it can
-// mount a /proc of its own, and returns the lines it produced. An empty interface
-// name would match clients of other test runs on this machine; in here there are
-// only the body's own processes.
-Lines InOwnNamespaces(const std::function<Lines()>& body) {
-    int output[2];
-    if (pipe2(output, O_CLOEXEC) != 0) return {"no pipe"};
-    pid_t child = fork();
-    if (child == 0) {
-        close(output[0]);
-        Lines lines;
-        if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) {
-            lines = {"cannot create the namespaces"};
-        } else {
-            pid_t init = fork();
-            if (init == 0) {
-                prctl(PR_SET_PDEATHSIG, SIGKILL);
-                if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-                    lines = {"cannot make the mounts private"};
-                } else {
-                    lines = body();
-                }
-                std::string text;
-                for (const std::string& line : lines) text += line + "\n";
-                ssize_t ignored = write(output[1], text.data(), text.size());
-                (void)ignored;
-                _exit(0);
-            }
-            if (init < 0) lines = {"cannot start the first process"};
-            if (init > 0) waitpid(init, nullptr, 0);
-        }
-        std::string text;
-        for (const std::string& line : lines) text += line + "\n";
-        ssize_t ignored = write(output[1], text.data(), text.size());
-        (void)ignored;
-        _exit(0);
-    }
-    close(output[1]);
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(output[0], buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
-    close(output[0]);
-    if (child > 0) waitpid(child, nullptr, 0);
-    Lines lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
 std::string Ending(const char* what, FakeClient& client) {
     return std::string(what) + " ended by signal " + std::to_string(client.EndingSignal());
 }
 
 TEST(StopDhcpTest, EmptyNameMatchesAClientWithAnEmptyArgument) {
     TESSEL_NEED_NAMESPACES();
-    Lines lines = InOwnNamespaces([] {
-        if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
-            return Lines{"cannot mount /proc"};
-        }
+    Lines lines = InNewNamespaces(CLONE_NEWPID | CLONE_NEWNS, [] {
         FakeClient emptyArgument("udhcpc", {"-i", "", "-b"});
         FakeClient noEmptyArgument("udhcpc", {"-i", "x", "-b"});
         FakeClient otherProgram("sh", {"-i", "", "-b"});
@@ -343,10 +284,7 @@ TEST(StopDhcpTest, EmptyNameMatchesAClientWithAnEmptyArgument) {
 TEST(StopDhcpTest, UnreadableProcIsReportedAndTheLeaseFileStillRemoved) {
     TESSEL_NEED_NAMESPACES();
     std::string name = UniqueName();
-    Lines lines = InOwnNamespaces([&name] {
-        if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
-            return Lines{"cannot mount /proc"};
-        }
+    Lines lines = InNewNamespaces(CLONE_NEWPID | CLONE_NEWNS, [&name] {
         FakeClient client("udhcpc", ClientArguments(name));
         // An empty /proc nobody but root may list, read without root's rights.
         if (mount("tmpfs", "/proc", "tmpfs", 0, "mode=000") != 0) return Lines{"cannot cover /proc"};

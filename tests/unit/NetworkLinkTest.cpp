@@ -23,69 +23,10 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 // --- Link status, inside a fresh network namespace ---------------------------
 
-// Runs `body` in a forked child that first moves into a network namespace of its
-// own, so the interfaces it creates never touch this machine's. Returns the lines
-// the child reported through a pipe, plus a last line when the child failed.
-Lines InFreshNetworkNamespace(const std::function<Lines()>& body) {
-    int fds[2];
-    if (pipe(fds) != 0) return {"pipe failed"};
-    fflush(stdout);
-    pid_t child = fork();
-    if (child < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        return {"fork failed"};
-    }
-    if (child == 0) {
-        close(fds[0]);
-        if (unshare(CLONE_NEWNET) != 0) _exit(2);
-        std::string report;
-        for (const std::string& line : body()) report += line + "\n";
-        const char* data = report.data();
-        size_t left = report.size();
-        while (left > 0) {
-            ssize_t n = write(fds[1], data, left);
-            if (n <= 0) _exit(3);
-            data += n;
-            left -= static_cast<size_t>(n);
-        }
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string text;
-    char buffer[1024];
-    ssize_t n;
-    while ((n = read(fds[0], buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
-    close(fds[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-
-    Lines lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        lines.push_back("child failed, status " + std::to_string(status));
-    return lines;
-}
-
 // In the child: runs an `ip` command quietly; false when it failed.
-bool Ip(const std::string& arguments) { return system(("ip " + arguments + " >/dev/null 2>&1").c_str()) == 0; }
-
-// In the child: a fresh veth takes a moment to report carrier, so wait for the
-// kernel's own operational state (not the code under test) with a bound.
-bool WaitForOperStateUp(const std::string& name) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    std::string probe = "ip -o link show dev " + name + " 2>/dev/null | grep -q 'state UP'";
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (system(probe.c_str()) == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
+bool Ip(const std::string& arguments) { return RunQuietly("ip " + arguments); }
 
 // In the child: "name: result up|down" and then each log entry the query wrote.
 // `up` starts true so a failure has to clear it.
@@ -102,7 +43,7 @@ void Append(Lines& to, const Lines& from) { to.insert(to.end(), from.begin(), fr
 
 TEST(GenericInterfaceLinkIsUpTest, VethWithItsPeerUpIsUp) {
     TESSEL_NEED_NAMESPACES();
-    Lines report = InFreshNetworkNamespace([] {
+    Lines report = InNewNamespaces(CLONE_NEWNET, [] {
         if (!Ip("link add vup0 type veth peer name vup1") || !Ip("link set vup1 up") || !Ip("link set vup0 up")) {
             return Lines{"setup failed"};
         }
@@ -114,7 +55,7 @@ TEST(GenericInterfaceLinkIsUpTest, VethWithItsPeerUpIsUp) {
 
 TEST(GenericInterfaceLinkIsUpTest, AdministrativelyDownVethIsDown) {
     TESSEL_NEED_NAMESPACES();
-    Lines report = InFreshNetworkNamespace([] {
+    Lines report = InNewNamespaces(CLONE_NEWNET, [] {
         if (!Ip("link add vdn0 type veth peer name vdn1") || !Ip("link set vdn1 up")) return Lines{"setup failed"};
         return Query("vdn0");
     });
@@ -123,7 +64,7 @@ TEST(GenericInterfaceLinkIsUpTest, AdministrativelyDownVethIsDown) {
 
 TEST(GenericInterfaceLinkIsUpTest, UpWithoutCarrierIsDown) {
     TESSEL_NEED_NAMESPACES();
-    Lines report = InFreshNetworkNamespace([] {
+    Lines report = InNewNamespaces(CLONE_NEWNET, [] {
         // The peer stays down, so vnc0 is administratively up with no carrier.
         if (!Ip("link add vnc0 type veth peer name vnc1") || !Ip("link set vnc0 up")) return Lines{"setup failed"};
         Lines lines;
@@ -136,7 +77,7 @@ TEST(GenericInterfaceLinkIsUpTest, UpWithoutCarrierIsDown) {
 
 TEST(GenericInterfaceLinkIsUpTest, MissingInterfaceFailsAndNamesIt) {
     TESSEL_NEED_NAMESPACES();
-    Lines report = InFreshNetworkNamespace([] { return Query("nosuch0"); });
+    Lines report = InNewNamespaces(CLONE_NEWNET, [] { return Query("nosuch0"); });
     EXPECT_EQ(report, (Lines{
                           "nosuch0: -1 down",
                           "ERROR GenericInterfaceLinkIsUp: Unable to query link status for nosuch0 ioctl failed",
@@ -145,7 +86,7 @@ TEST(GenericInterfaceLinkIsUpTest, MissingInterfaceFailsAndNamesIt) {
 
 TEST(GenericInterfaceLinkIsUpTest, LoopbackIsDownInAFreshNamespaceAndUpOnceSetUp) {
     TESSEL_NEED_NAMESPACES();
-    Lines report = InFreshNetworkNamespace([] {
+    Lines report = InNewNamespaces(CLONE_NEWNET, [] {
         Lines lines = Query("lo");
         if (!Ip("link set lo up")) lines.push_back("setup failed");
         Append(lines, Query("lo"));
@@ -165,7 +106,7 @@ size_t OpenDescriptorCount() {
 
 TEST(GenericInterfaceLinkIsUpTest, ClosesItsSocketOnSuccessAndFailure) {
     TESSEL_NEED_NAMESPACES();
-    Lines report = InFreshNetworkNamespace([] {
+    Lines report = InNewNamespaces(CLONE_NEWNET, [] {
         if (!Ip("link set lo up")) return Lines{"setup failed"};
         LogCapture log;  // keeps the failure messages out of the test's output
         size_t before = OpenDescriptorCount();
