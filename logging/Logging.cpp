@@ -10,6 +10,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "util/Util.h"
+
 namespace Logging {
 
 namespace {
@@ -33,12 +35,12 @@ public:
     }
     void Text(const char* text) { Text(text, strlen(text)); }
     void Char(char c) { Text(&c, 1); }
-    void Number(long value, int width) {
+    void Number(long long value, int width) {
         char digits[24];
         int n = 0;
         bool negative = value < 0;
-        unsigned long magnitude =
-            negative ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
+        unsigned long long magnitude =
+            negative ? 0ULL - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
         do {
             digits[n++] = static_cast<char>('0' + magnitude % 10);
             magnitude /= 10;
@@ -56,31 +58,32 @@ private:
 };
 
 // Civil date from days since 1970-01-01 (proleptic Gregorian).
-void CivilFromDays(long days, long& year, int& month, int& day) {
+void CivilFromDays(long long days, long long& year, int& month, int& day) {
     days += 719468;
-    long era = (days >= 0 ? days : days - 146096) / 146097;
-    long doe = days - era * 146097;
-    long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-    long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-    long mp = (5 * doy + 2) / 153;
+    long long era = (days >= 0 ? days : days - 146096) / 146097;
+    long long doe = days - era * 146097;
+    long long yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    long long doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    long long mp = (5 * doy + 2) / 153;
     day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
     month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
     year = yoe + era * 400 + (month <= 2 ? 1 : 0);
 }
 
+// long long throughout: on the 32-bit device a long is 32 bits, and the
+// seconds since 1970 pass 2^31 in 2038.
 void AppendTimestamp(LineBuilder& line) {
-    struct timespec now {};
-    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec now = Util::RealTimeNow();
     struct tm local {};
-    long utcOffset = localtime_r(&now.tv_sec, &local) != nullptr ? local.tm_gmtoff : 0;
-    long seconds = static_cast<long>(now.tv_sec) + utcOffset;
-    long days = seconds / 86400;
-    long secondOfDay = seconds % 86400;
+    long long utcOffset = localtime_r(&now.tv_sec, &local) != nullptr ? local.tm_gmtoff : 0;
+    long long seconds = static_cast<long long>(now.tv_sec) + utcOffset;
+    long long days = seconds / 86400;
+    long long secondOfDay = seconds % 86400;
     if (secondOfDay < 0) {
         secondOfDay += 86400;
         days -= 1;
     }
-    long year = 0;
+    long long year = 0;
     int month = 0;
     int day = 0;
     CivilFromDays(days, year, month, day);

@@ -1,4 +1,4 @@
-#include <chrono>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -50,16 +50,30 @@ std::string FormatTimeDurAsDdHhMmSs(const unsigned int& seconds) {
 
 namespace {
 
+std::atomic<RealTimeClock> s_realTimeClock{nullptr};
+
 std::string FormatLocalNow(const char* format) {
-    auto nanoseconds =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch());
-    time_t seconds = static_cast<time_t>(nanoseconds.count() / 1000000000LL);
+    const timespec now = RealTimeNow();
+    const tm* local = localtime(&now.tv_sec);
+    if (local == nullptr) return "";
     char buffer[128] = {};
-    strftime(buffer, sizeof buffer, format, localtime(&seconds));
+    strftime(buffer, sizeof buffer, format, local);
     return std::string(buffer);
 }
 
 }  // namespace
+
+// clock_gettime, not std::chrono::system_clock: the device's C++ library reads
+// the clock with a 32-bit time_t, which the build's flags cannot change.
+timespec RealTimeNow() {
+    const RealTimeClock clock = s_realTimeClock.load();
+    if (clock != nullptr) return clock();
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now;
+}
+
+RealTimeClock SetRealTimeClock(RealTimeClock clock) { return s_realTimeClock.exchange(clock); }
 
 std::string GetSystemDate() { return FormatLocalNow("%D"); }
 

@@ -1,6 +1,7 @@
 // The utility library shared by the device's programs: namespace Util, and Elide.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -24,9 +25,20 @@ std::string Format(const S& format, Args... args) {
 // A duration as days:hours:minutes:seconds, each at least two digits ("01:01:01:01").
 std::string FormatTimeDurAsDdHhMmSs(const unsigned int& seconds);
 
-// Local date "MM/DD/YY" and time of day "HH:MM:SS".
+// Local date "MM/DD/YY" and time of day "HH:MM:SS" of RealTimeNow(); empty
+// when the C library cannot convert it.
 std::string GetSystemDate();
 std::string GetSystemTime();
+
+// The wall clock that the time texts and the log's time stamps read: the
+// system's real-time clock unless a test has set another. Safe in a signal
+// handler (when the clock set is).
+timespec RealTimeNow();
+
+// Sets the clock RealTimeNow reads and returns the one it replaces; nullptr
+// puts the system's back.
+using RealTimeClock = timespec (*)();
+RealTimeClock SetRealTimeClock(RealTimeClock clock);
 
 // --- String utilities ------------------------------------------------------
 // All of them work byte by byte with one delimiter or fill character.

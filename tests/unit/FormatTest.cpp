@@ -6,6 +6,7 @@
 #include <regex>
 #include <string>
 
+#include "tests/support/FixedClock.h"
 #include "util/Util.h"
 
 namespace {
@@ -127,6 +128,90 @@ TEST(GetSystemTimeTest, IsTheLocalTimeOfDay) {
     EXPECT_TRUE(timeOfDay == UtcText(before, kFiveHoursEast, "%H:%M:%S") ||
                 timeOfDay == UtcText(after, kFiveHoursEast, "%H:%M:%S"))
         << timeOfDay;
+}
+
+// Instants around and past the end of a 32-bit time_t, as seconds since 1970.
+constexpr long long kLastSecondOf32Bits = 2147483647LL;  // 2038-01-19 03:14:07 UTC
+constexpr long long kFirstSecondPast32Bits = kLastSecondOf32Bits + 1;
+constexpr long long kLeapDay2040 = 2214172799LL;     // 2040-02-29 23:59:59 UTC
+constexpr long long kSummer2040 = 2224756800LL;      // 2040-07-01 12:00:00 UTC
+constexpr long long kPastUnsigned32 = 4294967296LL;  // 2106-02-07 06:28:16 UTC
+
+// Zones written out as rules, so the texts do not depend on the time-zone files:
+// fixed offsets either side of UTC, and one with summer time.
+constexpr const char* kUtc = "UTC0";
+constexpr const char* kFiveAndAHalfEast = "XST-5:30";
+constexpr const char* kSevenWest = "YST+7";
+constexpr const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+struct TimeTexts {
+    long long seconds;
+    const char* zone;
+    const char* date;
+    const char* timeOfDay;
+};
+
+TEST(TimeTextsTest, ExactAroundAndPastTheEndOf32BitTime) {
+    const TimeTexts cases[] = {
+        {kLastSecondOf32Bits, kUtc, "01/19/38", "03:14:07"},
+        {kLastSecondOf32Bits, kFiveAndAHalfEast, "01/19/38", "08:44:07"},
+        {kLastSecondOf32Bits, kSevenWest, "01/18/38", "20:14:07"},
+        {kLastSecondOf32Bits, kCentralEurope, "01/19/38", "04:14:07"},
+        {kFirstSecondPast32Bits, kUtc, "01/19/38", "03:14:08"},
+        {kFirstSecondPast32Bits, kFiveAndAHalfEast, "01/19/38", "08:44:08"},
+        {kFirstSecondPast32Bits, kSevenWest, "01/18/38", "20:14:08"},
+        {kFirstSecondPast32Bits, kCentralEurope, "01/19/38", "04:14:08"},
+        {kLeapDay2040, kUtc, "02/29/40", "23:59:59"},
+        {kLeapDay2040, kFiveAndAHalfEast, "03/01/40", "05:29:59"},
+        {kLeapDay2040, kSevenWest, "02/29/40", "16:59:59"},
+        {kLeapDay2040, kCentralEurope, "03/01/40", "00:59:59"},
+        {kSummer2040, kUtc, "07/01/40", "12:00:00"},
+        {kSummer2040, kFiveAndAHalfEast, "07/01/40", "17:30:00"},
+        {kSummer2040, kSevenWest, "07/01/40", "05:00:00"},
+        {kSummer2040, kCentralEurope, "07/01/40", "14:00:00"},
+        {kPastUnsigned32, kUtc, "02/07/06", "06:28:16"},
+        {kPastUnsigned32, kFiveAndAHalfEast, "02/07/06", "11:58:16"},
+        {kPastUnsigned32, kSevenWest, "02/06/06", "23:28:16"},
+        {kPastUnsigned32, kCentralEurope, "02/07/06", "07:28:16"},
+    };
+    for (const TimeTexts& expected : cases) {
+        SCOPED_TRACE(std::to_string(expected.seconds) + " in " + expected.zone);
+        TimeZone zone(expected.zone);
+        FixedClock clock(expected.seconds, 999999999L);
+        EXPECT_EQ(Util::GetSystemDate(), expected.date);
+        EXPECT_EQ(Util::GetSystemTime(), expected.timeOfDay);
+    }
+}
+
+timespec SystemNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now;
+}
+
+bool NotAfter(const timespec& a, const timespec& b) {
+    return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec <= b.tv_nsec);
+}
+
+TEST(RealTimeNowTest, IsTheSystemClockUnlessSet) {
+    timespec before = SystemNow();
+    timespec now = Util::RealTimeNow();
+    timespec after = SystemNow();
+    EXPECT_TRUE(NotAfter(before, now) && NotAfter(now, after));
+}
+
+TEST(RealTimeNowTest, ASetClockIsReadUntilTheSystemsIsPutBack) {
+    {
+        FixedClock clock(kPastUnsigned32, 123456789L);
+        timespec now = Util::RealTimeNow();
+        EXPECT_EQ(static_cast<long long>(now.tv_sec), kPastUnsigned32);
+        EXPECT_EQ(now.tv_nsec, 123456789L);
+    }
+    timespec before = SystemNow();
+    timespec now = Util::RealTimeNow();
+    timespec after = SystemNow();
+    EXPECT_TRUE(NotAfter(before, now) && NotAfter(now, after));
+    EXPECT_EQ(Util::SetRealTimeClock(nullptr), nullptr);
 }
 
 TEST(GetSystemDateTest, MonthSlashDaySlashTwoDigitYear) {

@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/FixedClock.h"
+
 namespace {
 
 // Standard output goes to `fd` while in scope; Restore() ends it early so that
@@ -216,6 +218,56 @@ TEST_F(LoggingTest, LineHasLocalTimeLevelFileLineFunctionAndMessage) {
                   "INFO tests/unit/LoggingTest.cpp:" + std::to_string(g_helperLine) + " LogFromHelper: hello, world\n");
         EXPECT_LE(LocalStamp(before), stamp);
         EXPECT_GE(LocalStamp(after), stamp);
+    }
+}
+
+struct Stamped {
+    long long seconds;  // since 1970-01-01 00:00:00 UTC
+    long nanoseconds;
+    const char* zone;
+    const char* stamp;
+};
+
+// Around and past the end of a 32-bit time_t, in zones written out as rules (no
+// time-zone files needed): UTC, fixed offsets either side, one with summer time.
+TEST_F(LoggingTest, StampsAroundAndPastTheEndOf32BitTime) {
+    const char* utc = "UTC0";
+    const char* east = "XST-5:30";
+    const char* west = "YST+7";
+    const char* centralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
+    const Stamped cases[] = {
+        {2147483647LL, 999999999L, utc, "2038-01-19 03:14:07.999"},
+        {2147483647LL, 999999999L, east, "2038-01-19 08:44:07.999"},
+        {2147483647LL, 999999999L, west, "2038-01-18 20:14:07.999"},
+        {2147483647LL, 999999999L, centralEurope, "2038-01-19 04:14:07.999"},
+        {2147483648LL, 0L, utc, "2038-01-19 03:14:08.000"},
+        {2147483648LL, 0L, east, "2038-01-19 08:44:08.000"},
+        {2147483648LL, 0L, west, "2038-01-18 20:14:08.000"},
+        {2147483648LL, 0L, centralEurope, "2038-01-19 04:14:08.000"},
+        {2214172799LL, 123456789L, utc, "2040-02-29 23:59:59.123"},
+        {2214172799LL, 123456789L, east, "2040-03-01 05:29:59.123"},
+        {2214172799LL, 123456789L, west, "2040-02-29 16:59:59.123"},
+        {2214172799LL, 123456789L, centralEurope, "2040-03-01 00:59:59.123"},
+        {2224756800LL, 1000000L, utc, "2040-07-01 12:00:00.001"},
+        {2224756800LL, 1000000L, east, "2040-07-01 17:30:00.001"},
+        {2224756800LL, 1000000L, west, "2040-07-01 05:00:00.001"},
+        {2224756800LL, 1000000L, centralEurope, "2040-07-01 14:00:00.001"},
+        {4294967296LL, 500000000L, utc, "2106-02-07 06:28:16.500"},
+        {4294967296LL, 500000000L, east, "2106-02-07 11:58:16.500"},
+        {4294967296LL, 500000000L, west, "2106-02-06 23:28:16.500"},
+        {4294967296LL, 500000000L, centralEurope, "2106-02-07 07:28:16.500"},
+    };
+    for (const Stamped& expected : cases) {
+        SCOPED_TRACE(std::to_string(expected.seconds) + " in " + expected.zone);
+        UseZone(expected.zone);
+        FixedClock clock(expected.seconds, expected.nanoseconds);
+        Pipe pipe;
+        StdoutTo redirect(pipe.WriteEnd());
+        LogFromHelper("past 2038");
+        std::string text = pipe.ReadAvailable();
+        redirect.Restore();
+        EXPECT_EQ(text, std::string(expected.stamp) + " INFO tests/unit/LoggingTest.cpp:" +
+                            std::to_string(g_helperLine) + " LogFromHelper: past 2038\n");
     }
 }
 
