@@ -1,5 +1,6 @@
 """Command sequences that several system tests expect, as the stand-ins record them
 (with /proc/cmdline holding "mac=02:00:00:00:00:42"). Written out by hand, in run order."""
+from harness import device
 
 START_UP = [
     "ip link set dev lo up",
@@ -7,17 +8,8 @@ START_UP = [
     "ip link set dev eth1 up",
 ]
 
-# The eth0 link recovery's register writes.
-REGISTER_WRITES = [
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
-]
+# The eth0 link recovery's register writes (the toolkit's device facts).
+REGISTER_WRITES = device.REGISTER_SEQUENCE
 
 # br0 with eth0 as its only port (configuration word "eth0").
 BRIDGE_ETH0 = [

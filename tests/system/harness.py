@@ -27,27 +27,38 @@ ran in the namespace (stand-ins left running, for instance).
 The real network tools are never run in the test machine's own namespace: the
 daemon only finds stand-ins on its PATH, and Daemon.ns_run() refuses to run
 anything unless the daemon's network namespace differs from ours.
+
+The machinery shared with the lab tests and the tools (stand-ins, waiting,
+namespaces, log lines) is the toolkit's (tools/tesselkit).
 """
 
 import argparse
 import errno
 import os
-import re
 import shlex
 import shutil
 import signal
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
-from collections import namedtuple
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+
+from tesselkit import device, namespaces, standins, waiting
+from tesselkit.logs import LOG_LINE, LogEntry, parse_log_line
+from tesselkit.namespaces import real_tool
+
+__all__ = ["CMDLINE", "DAEMON_PATH", "DHCP_CLIENT_ARGS", "Daemon", "DaemonTestCase", "EMULATOR", "LINGER_SCRIPT",
+           "LOG_LINE", "LogEntry", "POLL_INTERVAL", "SETUP_FAILED", "STANDIN_SCRIPT", "STANDIN_TOOLS", "Sandbox",
+           "TIMEOUT", "main", "namespaces_unavailable_reason", "parse_log_line", "real_tool", "run_cycles_in_step",
+           "wait_until"]
 
 # Generous: the machine may be busy; a poll returns as soon as its condition holds.
 TIMEOUT = float(os.environ.get("TESSEL_TEST_TIMEOUT", "20"))
 POLL_INTERVAL = 0.02
 
-STANDIN_TOOLS = ("ip", "bridge", "arptables", "iptables", "devmem", "udhcpc")
+STANDIN_TOOLS = device.TOOLS
 CMDLINE = "console=ttyS0,115200 mac=02:00:00:00:00:42 rootwait\n"
 SETUP_FAILED = 97  # the init's own status when the namespace could not be prepared
 
@@ -57,103 +68,21 @@ DAEMON_PATH = os.environ.get("TESSEL_DAEMON")  # or --daemon on the test's comma
 # the stand-ins stay shell scripts of this machine.
 EMULATOR = shlex.split(os.environ.get("TESSEL_EMULATOR", ""))
 
-LogEntry = namedtuple("LogEntry", "stamp level file line function message")
-
-LOG_LINE = re.compile(
-    r"^(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3}) (EMERG|ALERT|CRIT|ERROR|WARN|NOTICE|INFO|DEBUG) "
-    r"([^ :]+):(\d+) ([A-Za-z_][A-Za-z0-9_]*): (.*)$"
-)
-
-
-def parse_log_line(line):
-    """A LogEntry for one line of the daemon's log, or None when it is not one."""
-    match = LOG_LINE.match(line)
-    if match is None:
-        return None
-    stamp, level, file, number, function, message = match.groups()
-    return LogEntry(stamp, level, file, int(number), function, message)
-
-
 def wait_until(condition, what, timeout=None):
     """Polls `condition` until it returns something true and returns that; fails after the timeout.
     `what` names the awaited state for the failure message; a callable is asked only then."""
-    deadline = time.monotonic() + (TIMEOUT if timeout is None else timeout)
-    while True:
-        result = condition()
-        if result:
-            return result
-        if time.monotonic() >= deadline:
-            raise AssertionError("timed out waiting for " + (what() if callable(what) else what))
-        time.sleep(POLL_INTERVAL)
-
-
-def real_tool(name):
-    """Absolute path of a real system tool, found outside the stand-ins."""
-    for directory in ("/usr/sbin", "/sbin", "/usr/bin", "/bin"):
-        path = os.path.join(directory, name)
-        if os.access(path, os.X_OK):
-            return path
-    raise RuntimeError("no " + name + " on this machine")
-
-
-_namespaces_reason = None
+    return waiting.wait_until(condition, what, TIMEOUT if timeout is None else timeout, POLL_INTERVAL)
 
 
 def namespaces_unavailable_reason():
     """Empty when this process can create the daemon's namespaces, else why not."""
-    global _namespaces_reason
-    if _namespaces_reason is None:
-        if os.geteuid() != 0:
-            _namespaces_reason = "needs root to create namespaces"
-        elif shutil.which("unshare") is None:
-            _namespaces_reason = "unshare (util-linux) is missing"
-        else:
-            probe = subprocess.run(
-                ["unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc", "true"],
-                stdout=subprocess.DEVNULL,
-                stderr=subprocess.PIPE,
-                text=True,
-            )
-            _namespaces_reason = (
-                "" if probe.returncode == 0 else "cannot create namespaces here: " + probe.stderr.strip()
-            )
-    return _namespaces_reason
+    return namespaces.unavailable_reason()
 
 
-# One script for every stand-in; it learns its tool's name from how it was called.
-# Files in the work directory steer it, so a test can change them while the daemon runs:
-#   delay/TOOL       seconds to sleep on every call (after recording it)
-#   delay/TOOL.once  seconds to sleep on the next call only
-#   output/TOOL      printed on standard output by every call
-#   status/TOOL      the exit status of every call (default 0)
-#   stamp/TOOL       every call also goes to times.log with the time it was made, in seconds
-#   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
-#                    as a daemonising client does) until SIGTERM, recorded in signals.log
-STANDIN_SCRIPT = r"""#!/bin/sh
-# Stand-in for one of the device's tools: records the call, then does what its
-# control files in the work directory say.
-work='@WORK@'
-tool=${0##*/}
-printf '%s\n' "$tool${*:+ $*}" >> "$work/commands.log"
-[ -f "$work/stamp/$tool" ] && printf '%s %s\n' "$(date +%s.%N)" "$tool${*:+ $*}" >> "$work/times.log"
-[ -f "$work/output/$tool" ] && cat "$work/output/$tool"
-if mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
-    sleep "$(cat "$work/delay/$tool.once.$$")"
-    rm -f "$work/delay/$tool.once.$$"
-fi
-[ -f "$work/delay/$tool" ] && sleep "$(cat "$work/delay/$tool")"
-if [ -f "$work/linger/$tool" ]; then
-    STANDIN_TOOL=$tool bash -c 'exec -a "$0" bash "$@"' "$tool" "$work/linger.sh" "$@" < /dev/null > /dev/null 2>&1 &
-fi
-[ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
-exit 0
-"""
-
-# What a lingering stand-in runs, as argv "TOOL .../linger.sh ARGS...".
-LINGER_SCRIPT = r"""# Waits for SIGTERM and records it.
-trap 'printf "%s\n" "TERM $STANDIN_TOOL $*" >> "@WORK@/signals.log"; exit 0' TERM
-while :; do sleep 0.2 & wait $!; done
-"""
+# The stand-ins of the device's tools, steered by files in the work directory
+# (tesselkit.standins.CONTROLLED tells which).
+STANDIN_SCRIPT = standins.CONTROLLED
+LINGER_SCRIPT = standins.LINGER
 
 # A DHCP client left over from an earlier run of the daemon. It lies in clients/ under the
 # name of its interface and is started from there as
@@ -184,7 +113,7 @@ while True:
     time.sleep(1)
 """
 
-DHCP_CLIENT_ARGS = "-b -R -s /usr/share/udhcpc/tessel.script"
+DHCP_CLIENT_ARGS = device.DHCP_CLIENT_ARGS
 
 # The namespace's init. Arguments: the daemon and its arguments.
 INIT_SCRIPT = r"""
@@ -226,10 +155,7 @@ class Sandbox:
         # A copy, so the daemon stays reachable whatever its build directory is.
         self.daemon_path = os.path.join(self.work, "tessel-networkd")
         shutil.copy2(daemon_path, self.daemon_path)
-        standin = STANDIN_SCRIPT.replace("@WORK@", self.work)
-        for tool in STANDIN_TOOLS:
-            self._write(os.path.join("bin", tool), standin, mode=0o755)
-        self._write("linger.sh", LINGER_SCRIPT.replace("@WORK@", self.work))
+        standins.install_controlled(self.work, STANDIN_TOOLS)
         self._write("cmdline", CMDLINE)
 
     def path(self, *parts):
@@ -303,12 +229,11 @@ class Sandbox:
 
     def timed_commands(self):
         """The timed calls so far, as (seconds since the epoch, "tool arg ...")."""
-        return [(float(stamp), command) for stamp, command in
-                (line.split(" ", 1) for line in self._lines("times.log"))]
+        return standins.recorded_times(self.path("times.log"))
 
     def commands(self):
         """Every stand-in call so far, in order, as "tool arg arg ..."."""
-        return self._lines("commands.log")
+        return standins.recorded(self.path("commands.log"))
 
     def clear_commands(self):
         """Forgets the calls recorded so far."""
@@ -405,8 +330,8 @@ class Sandbox:
         output = open(output_path, "wb")
         try:
             process = subprocess.Popen(
-                ["unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc", "--kill-child",
-                 "sh", "-c", script, "init"] + EMULATOR + [self.daemon_path] + list(args),
+                namespaces.UNSHARE + ["--kill-child", "sh", "-c", script, "init"] + EMULATOR + [self.daemon_path]
+                + list(args),
                 stdin=subprocess.DEVNULL,
                 stdout=output,
                 stderr=subprocess.STDOUT,
@@ -523,8 +448,8 @@ class Daemon:
     def _find_daemon(self):
         if self.process.poll() is not None:
             raise AssertionError("the daemon's namespace ended early; output:\n" + self.output())
-        init = _children(self.process.pid)
-        for child in _children(init[0]) if init else []:
+        init = namespaces.children(self.process.pid)
+        for child in namespaces.children(init[0]) if init else []:
             try:
                 if os.readlink("/proc/%d/exe" % child) == self.sandbox.daemon_path:
                     return child
@@ -542,19 +467,7 @@ class Daemon:
 
     def namespace_processes(self):
         """The command lines (argument lists) of the live processes in the daemon's pid namespace."""
-        theirs = os.readlink("/proc/%d/ns/pid" % self.pid)
-        found = []
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            try:
-                if os.readlink("/proc/%s/ns/pid" % pid) != theirs:
-                    continue
-                with open("/proc/%s/cmdline" % pid, "rb") as cmdline:
-                    args = cmdline.read()
-            except OSError:
-                continue
-            if args:  # a zombie has none
-                found.append([arg.decode() for arg in args.split(b"\0")[:-1]])
-        return found
+        return [args for _, _, args in namespaces.processes_in_pid_namespace_of(self.pid)]
 
     def send(self, sig):
         os.kill(self.pid, sig)
@@ -601,8 +514,8 @@ class Daemon:
         if self.process.poll() is not None:
             return
         try:
-            init = _children(self.process.pid)
-            for pid in (_children(init[0]) if init else []):
+            init = namespaces.children(self.process.pid)
+            for pid in (namespaces.children(init[0]) if init else []):
                 os.kill(pid, signal.SIGKILL)
         except OSError:
             pass
@@ -621,15 +534,6 @@ def run_cycles_in_step(runs, count=1):
             daemon.feed_config(text)
         for daemon, text in runs:
             daemon.wait_for_config_read()
-
-
-def _children(pid):
-    """Process ids whose parent is `pid`."""
-    try:
-        with open("/proc/%d/task/%d/children" % (pid, pid)) as children:
-            return [int(child) for child in children.read().split()]
-    except OSError:
-        return []
 
 
 class DaemonTestCase(unittest.TestCase):

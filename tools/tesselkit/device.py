@@ -1,0 +1,46 @@
+"""Facts of the device that tests and tools share (the daemon has its own copy
+in C++): the tools it calls, the eth0 register write sequence, the fixed
+addresses of the second internal network and the example configurations."""
+import os
+
+# The device's tools the daemon runs; tests and tools give it stand-ins for them.
+TOOLS = ("ip", "bridge", "arptables", "iptables", "devmem", "udhcpc")
+
+# The eth0 link recovery's register writes, in order, as devmem is called.
+REGISTER_SEQUENCE = [
+    "devmem 0xFF200088 32 0x3",
+    "devmem 0xFF200088 32 0x0",
+    "devmem 0xFF20008C 32 0x701",
+    "devmem 0xFF20008C 32 0x700",
+    "devmem 0xFF20008C 32 0x701",
+    "devmem 0xFF20008C 32 0x700",
+    "devmem 0xFF200088 32 0x2",
+    "devmem 0xFF200088 32 0x0",
+]
+
+# The second internal network, which the isolation rules keep off eth1 and veth0:
+# veth3 and the host on eth0's side.
+VETH3_ADDR = "10.253.254.253"
+VETH3_MAC = "02:23:02:00:00:00"
+INTERNAL_HOST_ADDR = "10.253.254.254"
+INTERNAL_HOST_MAC = "02:23:02:00:00:01"
+
+# How the daemon starts a DHCP client, after "udhcpc -i INTERFACE".
+DHCP_CLIENT_ARGS = "-b -R -s /usr/share/udhcpc/tessel.script"
+
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "examples")
+
+
+def example_path(name):
+    """Path of an example configuration (examples/NAME.conf)."""
+    return os.path.join(EXAMPLES, name + ".conf")
+
+
+def example(name):
+    with open(example_path(name)) as text:
+        return text.read()
+
+
+# Both ports bridged, veth1 by DHCP, veth3 static: what the demo and the lab tests run.
+# dist/etc/tessel-networkd.conf is the commented example that is installed.
+TWO_PORT_CONFIG = example("two-port")

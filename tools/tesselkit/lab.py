@@ -1,0 +1,215 @@
+"""The device lab (tools/lab) as a Python object. Its layout (state directory,
+namespace names, addresses, MACs, log files) comes from `tools/lab env`, so the
+lab's shell script stays the one place that decides it."""
+import os
+import re
+import shutil
+import subprocess
+
+from . import ROOT
+from .inotify import IN_OPEN, Watch
+from .namespaces import processes_in_pid_namespace_of
+from .netlink import Netlink
+from .standins import recorded_times
+from .waiting import wait_until
+
+LAB_TOOL = os.path.join(ROOT, "tools", "lab")
+DEFAULT_DAEMON = os.path.join(ROOT, "build", "tessel-networkd")
+# What the lab needs on this machine, besides root and network namespaces.
+LAB_TOOLS = ("ip", "nsenter", "dnsmasq", "udhcpc", "arptables-legacy", "iptables", "busybox")
+
+
+def layout(name):
+    """`tools/lab env` of the lab of this name: {KEY: VALUE}."""
+    out = subprocess.run([LAB_TOOL, "env"], capture_output=True, text=True, check=True,
+                         env=dict(os.environ, TESSEL_LAB=name)).stdout
+    return dict(line.split("=", 1) for line in out.splitlines() if "=" in line)
+
+
+def unavailable_reason(daemon):
+    """Empty when a lab can be built here and `daemon` run in it, else why not."""
+    if os.geteuid() != 0:
+        return "needs root to build the lab's namespaces"
+    if subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode != 0:
+        return "cannot create network namespaces here"
+    for tool in LAB_TOOLS:
+        if shutil.which(tool) is None:
+            return "missing %s (tools/test installs the lab's packages)" % tool
+    if not os.access(daemon, os.X_OK):
+        return "no daemon built at %s" % daemon
+    return ""
+
+
+def run(args, check=True, timeout=60):
+    result = subprocess.run(args, capture_output=True, text=True, timeout=timeout)
+    if check and result.returncode != 0:
+        raise AssertionError("%s failed (%d): %s%s" % (" ".join(args), result.returncode, result.stdout,
+                                                       result.stderr))
+    return result
+
+
+class Lab:
+    def __init__(self, name, daemon=DEFAULT_DAEMON):
+        self.name = name
+        self.daemon = daemon
+        self.env = layout(name)
+        self.state = self.env["STATE"]
+        self.dev = self.env["DEV_NS"]
+        self.net0 = self.env["NET0_NS"]
+        self.net1 = self.env["NET1_NS"]
+        self.start_mark = 0
+        self._netlink = None
+
+    def tool(self, *args, check=True, timeout=60):
+        env = dict(os.environ, TESSEL_LAB=self.name, TESSEL_LAB_DAEMON=self.daemon)
+        result = subprocess.run([LAB_TOOL] + list(args), capture_output=True, text=True, env=env, timeout=timeout)
+        if check and result.returncode != 0:
+            raise AssertionError("tools/lab %s failed (%d): %s%s" % (" ".join(args), result.returncode,
+                                                                     result.stdout, result.stderr))
+        return result
+
+    def up(self):
+        self.tool("down")  # leftovers of an interrupted run
+        self.tool("up")
+
+    def close(self):
+        """Closes the netlink socket, which would keep the device's namespace alive."""
+        if self._netlink is not None:
+            self._netlink.close()
+            self._netlink = None
+
+    def down(self):
+        self.close()
+        self.tool("down")
+
+    @property
+    def netlink(self):
+        """Netlink of the device's namespace, opened on first use."""
+        if self._netlink is None:
+            self._netlink = Netlink(self.dev)
+        return self._netlink
+
+    def _write_config(self, text):
+        path = os.path.join(self.state, "next.conf")
+        with open(path, "w") as f:
+            f.write(text)
+        return path
+
+    def start(self, config_text):
+        path = self._write_config(config_text)
+        self.start_mark = len(self.daemon_log()) if os.path.exists(self.env["DAEMON_LOG"]) else 0
+        self.tool("start", path)
+
+    def config(self, config_text):
+        self.tool("config", self._write_config(config_text))
+
+    def stop(self):
+        self.tool("stop")
+
+    def device(self, *cmd, check=True):
+        """Runs a command on the device (its network, mount and PID namespaces)."""
+        return self.tool("exec", *cmd, check=check)
+
+    # --- the daemon's cycles --------------------------------------------------
+
+    def wait_for_cycles(self, count, timeout=None):
+        """Waits until the daemon has begun `count` more cycles: each begins by
+        reading its configuration file, which the lab sees (inotify)."""
+        config = os.path.basename(self.env["CONFIG"])
+        with Watch(self.state, IN_OPEN) as watch:
+            wait_until(lambda: watch.count(IN_OPEN, config) >= count, "%d more cycles of the daemon" % count,
+                       timeout or 5 + 3 * count, interval=0.05)
+
+    def wait_for_first_cycle(self, timeout=20):
+        """Waits until the daemon's first usable cycle is over. It ends with the
+        PHY mode write (for which the lab has no driver file: its complaint
+        shows it) and a bounce of eth1; the next cycle's start is the end."""
+        wait_until(lambda: "/proc/marvell-phy-0-port" in self.daemon_log_since(self.start_mark),
+                   "the PHY mode write of the daemon's first cycle", timeout, interval=0.05)
+        self.wait_for_cycles(1)
+
+    # --- what the device looks like -------------------------------------------
+
+    def addresses(self, ifname):
+        """IPv4 addresses of a device interface as "a.b.c.d/len"."""
+        return self.netlink.addresses(ifname)
+
+    def lease_address(self):
+        """veth1's address when it is one of the DHCP server's, else None."""
+        first, last = (self.env[key].split(".") for key in ("DHCP_FIRST", "DHCP_LAST"))
+        for addr in self.addresses("veth1"):
+            ip, _, prefix = addr.partition("/")
+            parts = ip.split(".")
+            if prefix == self.env["PEER1_PREFIX"] and parts[:3] == first[:3] and \
+                    int(first[3]) <= int(parts[3]) <= int(last[3]):
+                return ip
+        return None
+
+    def wait_for_lease(self, timeout=20):
+        return wait_until(self.lease_address, "veth1 to get an address from the DHCP server", timeout, interval=0.05)
+
+    def default_routes(self):
+        """(gateway, device, metric) of every default route on the device."""
+        return self.netlink.default_routes()
+
+    def wait_for_routes(self, expected, timeout=5):
+        """The address comes a command before its route: waits for the routes."""
+        wait_until(lambda: self.default_routes() == expected, "default routes %s" % (expected,), timeout,
+                   interval=0.05)
+
+    def bridge_ports(self):
+        """Sorted ports of br0, None when there is no br0."""
+        return self.netlink.ports("br0")
+
+    def link(self, ifname):
+        return self.netlink.link(ifname)
+
+    def arp_rules(self):
+        """The ARP FORWARD rules in force: [(rule text, packet count)]."""
+        out = run(["ip", "netns", "exec", self.dev, "arptables-legacy", "-L", "FORWARD", "-n", "-v"]).stdout
+        return [(m.group(1).strip(), int(m.group(2))) for m in
+                (re.match(r"^(-j .*?) , pcnt=(\d+) -- bcnt=\d+", line.strip()) for line in out.splitlines()) if m]
+
+    def ip_rules(self):
+        """The IP filter rules in force: [("-A CHAIN ...", packet count)]."""
+        out = run(["ip", "netns", "exec", self.dev, "iptables-save", "-c", "-t", "filter"]).stdout
+        return [(m.group(2), int(m.group(1))) for m in
+                (re.match(r"^\[(\d+):\d+\] (-A .*)$", line) for line in out.splitlines()) if m]
+
+    def udhcpc_clients(self):
+        """{pid in the device: arguments} of the DHCP clients on the device (zombies excluded)."""
+        return {inside: args[1:] for _, inside, args in processes_in_pid_namespace_of(self.holder_pid())
+                if args[0] == "udhcpc"}
+
+    def holder_pid(self):
+        with open(self.env["HOLDER_PID_FILE"]) as f:
+            return int(f.read())
+
+    def device_file(self, path):
+        """Contents of a file as the device sees it (its own /tmp), or None."""
+        try:
+            with open("/proc/%d/root%s" % (self.holder_pid(), path)) as f:
+                return f.read()
+        except FileNotFoundError:
+            return None
+
+    def watch_tmp(self):
+        """A Watch on the device's /tmp, where the lease files appear."""
+        return Watch("/proc/%d/root/tmp" % self.holder_pid())
+
+    # --- logs -----------------------------------------------------------------
+
+    def daemon_log(self):
+        with open(self.env["DAEMON_LOG"]) as f:
+            return f.read()
+
+    def daemon_log_since(self, mark):
+        return self.daemon_log()[mark:]
+
+    def devmem_writes(self):
+        """[(time, "devmem ...")] as the stand-in recorded them."""
+        return recorded_times(self.env["DEVMEM_LOG"])
+
+    def dnsmasq_log(self):
+        with open(self.env["DNSMASQ_LOG"]) as f:
+            return f.read()
