@@ -1,5 +1,8 @@
 // The configuration file parser: the settings record and its interface lines.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -35,6 +38,39 @@ bool BridgeModeFromWord(const char* word, BRIDGE_MODE& mode) {
         }
     }
     return false;
+}
+
+// A configuration file is a few hundred bytes; nothing near this is one.
+constexpr off_t kConfigBytesMax = 65536;
+
+// The file as a stream when it is a regular file of a sane size. Opened without
+// blocking, so a FIFO or a device at the path never holds the cycle up.
+UniqueFile OpenConfigFile(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return nullptr;
+    struct stat status {};
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kConfigBytesMax) {
+        UniqueFile file(fdopen(fd, "r"));
+        if (file) return file;
+    }
+    close(fd);
+    return nullptr;
+}
+
+// fgets, counting what it reads into `total`: a file that grows while it is read
+// still ends the read at the bound. Reads at most size - 1 bytes, up to and
+// including a newline; false when nothing was read (end of file or error).
+bool ReadPiece(FILE* file, char* line, size_t size, off_t& total) {
+    size_t count = 0;
+    while (count + 1 < size) {
+        int c = getc_unlocked(file);
+        if (c == EOF) break;
+        line[count++] = static_cast<char>(c);
+        if (c == '\n') break;
+    }
+    line[count] = '\0';
+    total += static_cast<off_t>(count);
+    return count > 0 && ferror(file) == 0;
 }
 
 }  // namespace
@@ -99,7 +135,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // call and one allocation less in every cycle. Declared first, so it
     // outlives the stream.
     char streamBuffer[4096];
-    UniqueFile file(fopen(path.c_str(), "r"));
+    UniqueFile file = OpenConfigFile(path);
     if (file != nullptr) setvbuf(file.get(), streamBuffer, _IOFBF, sizeof streamBuffer);
     // 256 bytes for fgets: a longer line comes back in 255-character pieces, and
     // each piece is classified as a line of its own.
@@ -111,11 +147,12 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // Lines go into a copy that replaces the settings only once the whole file
     // was read, so a read that breaks off part-way leaves the last whole read.
     USER_SETTINGS read = settings;
+    off_t total = 0;
     for (;;) {
-        bool bGotLine = file != nullptr && fgets(line, sizeof line, file.get()) != nullptr;
-        // fgets also stops on a read error (a directory opens on Linux, then fails
-        // to read): only a stream without an error indicator has reached its end.
-        if (!bGotLine && (file == nullptr || ferror(file.get()) != 0)) {
+        bool bGotLine = file != nullptr && ReadPiece(file.get(), line, sizeof line, total);
+        // Reading also stops on a read error: only a stream without an error
+        // indicator, and within the bound, has reached its end.
+        if ((!bGotLine && (file == nullptr || ferror(file.get()) != 0)) || total > kConfigBytesMax) {
             LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read configuration file");
             // Before the first line nothing was touched; after it, this read vouches for nothing.
             if (bStarted) bSettingsValid = bVrx0Valid = bVrx1Valid = false;
