@@ -317,6 +317,7 @@ def lab_module(test_module_globals, start_config=None):
 # --- file events ----------------------------------------------------------------
 
 IN_OPEN = 0x20
+IN_MOVED_FROM = 0x40  # the daemon claims a lease file by renaming it away
 IN_MOVED_TO = 0x80
 IN_CREATE = 0x100
 IN_DELETE = 0x200
@@ -330,7 +331,7 @@ class DirWatch:
     milliseconds between the script's rename and the daemon's removal is still
     seen."""
 
-    def __init__(self, path, mask=IN_CREATE | IN_MOVED_TO | IN_DELETE):
+    def __init__(self, path, mask=IN_CREATE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE):
         self.fd = _libc.inotify_init1(_IN_NONBLOCK | _IN_CLOEXEC)
         if self.fd < 0:
             raise OSError(ctypes.get_errno(), "inotify_init1")
