@@ -2,6 +2,7 @@
 #include <cstdint>
 
 #include "logging/Logging.h"
+#include "src/InputText.h"
 #include "src/Network.h"
 
 namespace {
@@ -37,14 +38,18 @@ const char* const kEth1PortCommands[] = {
 };
 
 // The device's own stack reaches br0 through veth1/veth0: the kernel names the
-// peer veth0, which joins the bridge; veth1 takes the MAC from the kernel's
-// "mac=" parameter. Adding the pair fails harmlessly when it already exists.
+// peer veth0, which joins the bridge; veth1 then takes the MAC from the kernel's
+// "mac=" parameter (see SetupBridge). Adding the pair fails harmlessly when it
+// already exists.
 const char* const kFirstPairCommands[] = {
     "ip link add name veth1 type veth",
     "ip link set veth0 master br0",
     "ip link set veth0 up",
     "ip link set veth1 up",
-    "ip link set dev veth1 address $(cat /proc/cmdline | awk -Fmac= '{print $2}' | awk '{print $1}')",
+};
+
+// After veth1 has its address.
+const char* const kFirstPairQuietCommands[] = {
     "ip addr flush dev br0",
     "ip link set br0 arp off",
 };
@@ -127,6 +132,14 @@ void RunAll(const char* const (&commands)[N]) {
     for (const char* command : commands) RunCommand(command);
 }
 
+// A MAC address goes into a shell command only when it is one; anything else
+// (which could hold shell syntax) becomes the empty text, with a warning.
+bool UsableMac(const std::string& mac) { return mac.empty() || IsMacAddress(mac); }
+
+std::string MalformedMac(const std::string& mac, const std::string& source) {
+    return "Ignoring malformed MAC address \"" + EscapeControlCharacters(mac) + "\" from " + source;
+}
+
 }  // namespace
 
 // The mode is tested arithmetically, so values beyond the enum select neither
@@ -138,16 +151,38 @@ bool BridgesEth1(BRIDGE_MODE mode) { return static_cast<uint32_t>(mode) - 1U <= 
 void SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac) {
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Setting up bridge for control network");
 
+    std::string macs[] = {eth0Mac, eth1Mac};
+    const char* const sources[] = {"the caller for eth0", "the caller for eth1"};
+    for (size_t i = 0; i < 2; ++i) {
+        if (UsableMac(macs[i])) continue;
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, MalformedMac(macs[i], sources[i]));
+        macs[i].clear();
+    }
+
     RunAll(kCommonCommands);
     if (BridgesEth0(bridgeMode)) {
         RunAll(kEth0PortCommands);
-        if (!eth0Mac.empty()) RunCommand("ip link set dev eth0 address " + eth0Mac);
+        if (!macs[0].empty()) RunCommand("ip link set dev eth0 address " + macs[0]);
     }
     if (BridgesEth1(bridgeMode)) {
         RunAll(kEth1PortCommands);
-        if (!eth1Mac.empty()) RunCommand("ip link set dev eth1 address " + eth1Mac);
+        if (!macs[1].empty()) RunCommand("ip link set dev eth1 address " + macs[1]);
     }
     RunAll(kFirstPairCommands);
+    // Read here rather than by a shell substitution, so the kernel command line
+    // (which the boot loader's environment fills) never reaches the shell
+    // unchecked. Without a usable address the command keeps its old empty form,
+    // which ip rejects and which leaves veth1's address as it is.
+    const std::string& cmdlinePath = KernelCommandLinePath();
+    std::string cmdlineMac = KernelCommandLineMac(cmdlinePath);
+    if (cmdlineMac.empty()) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "No MAC address for veth1 in " + cmdlinePath);
+    } else if (!UsableMac(cmdlineMac)) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, MalformedMac(cmdlineMac, cmdlinePath));
+        cmdlineMac.clear();
+    }
+    RunCommand("ip link set dev veth1 address " + cmdlineMac);
+    RunAll(kFirstPairQuietCommands);
     if (BridgesEth0(bridgeMode)) RunCommand("ip link set eth0 arp off");
     if (BridgesEth1(bridgeMode)) RunCommand("ip link set eth1 arp off");
     // Only this mode flushes and installs the rules; leaving it keeps them, and

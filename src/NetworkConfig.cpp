@@ -1,13 +1,15 @@
 // The configuration file parser: the settings record and its interface lines.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
-#include "src/UniqueFile.h"
 
 namespace {
 
@@ -35,6 +37,63 @@ bool BridgeModeFromWord(const char* word, BRIDGE_MODE& mode) {
         }
     }
     return false;
+}
+
+// A configuration file is a few hundred bytes; nothing near this is one.
+constexpr size_t kConfigBytesMax = 65536;
+
+// The whole file, read at once: its bytes, then how the read ended. Handed out
+// in fgets' pieces, so a read error still comes where the stream would have met it.
+struct ConfigText {
+    char bytes[kConfigBytesMax + 1];
+    size_t size = 0;
+    size_t next = 0;
+    bool error = false;  // the read after the bytes failed (rather than ended)
+};
+
+// Reads the file when it is a regular file of at most kConfigBytesMax bytes;
+// false (with nothing read) otherwise. Opened without blocking, so a FIFO or a
+// device at the path never holds the cycle up, and checked before any read.
+bool ReadConfigFile(const std::string& path, ConfigText& text) {
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return false;
+    struct stat status {};
+    bool usable =
+        fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && static_cast<size_t>(status.st_size) <= kConfigBytesMax;
+    while (usable) {
+        size_t wanted = sizeof text.bytes - text.size;
+        ssize_t count = read(fd, text.bytes + text.size, wanted);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) {
+            text.error = true;
+            break;
+        }
+        text.size += static_cast<size_t>(count);
+        // One byte past the bound means the file grew beyond it.
+        if (text.size > kConfigBytesMax) usable = false;
+        // A short read of a regular file that got all its bytes is its end: the
+        // read that would return 0 is saved (files under /proc have no size and
+        // are read until it comes).
+        bool whole = status.st_size > 0 && text.size >= static_cast<size_t>(status.st_size);
+        if (count == 0 || (whole && static_cast<size_t>(count) < wanted)) break;
+    }
+    close(fd);
+    return usable;
+}
+
+// fgets on the text: at most size - 1 bytes, up to and including a newline.
+// False when nothing is left, and, as fgets, when the bytes ran out into a failed read.
+bool ReadPiece(ConfigText& text, char* line, size_t size) {
+    size_t count = 0;
+    while (count + 1 < size && text.next < text.size) {
+        char c = text.bytes[text.next++];
+        line[count++] = c;
+        if (c == '\n') break;
+    }
+    line[count] = '\0';
+    // Where fgets would have needed another read to finish the piece.
+    bool ranOut = text.next == text.size && count + 1 < size && (count == 0 || line[count - 1] != '\n');
+    return count > 0 && !(ranOut && text.error);
 }
 
 }  // namespace
@@ -94,15 +153,13 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // A phy line without a value has no message of its own and shares this one.
     static const char kNoValueWord[] = "Invalid bridge mode line in config file";
 
-    // The stream reads through this buffer rather than one the C library would
-    // allocate after asking the kernel for the file's block size: one system
-    // call and one allocation less in every cycle. Declared first, so it
-    // outlives the stream.
-    char streamBuffer[4096];
-    UniqueFile file(fopen(path.c_str(), "r"));
-    if (file != nullptr) setvbuf(file.get(), streamBuffer, _IOFBF, sizeof streamBuffer);
-    // 256 bytes for fgets: a longer line comes back in 255-character pieces, and
-    // each piece is classified as a line of its own.
+    // Read with as many system calls as opening, reading and closing it take
+    // (the size from fstat saves the read that finds the end) and no stream
+    // to allocate, then taken apart in memory.
+    ConfigText text;
+    bool bReadable = ReadConfigFile(path, text);
+    // 256 bytes as for fgets: a longer line comes back in 255-character pieces,
+    // and each piece is classified as a line of its own.
     char line[256];
     bool bStarted = false;  // the first read worked and the outputs were reset
     bool bBridgeSeen = false;
@@ -112,10 +169,10 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // was read, so a read that breaks off part-way leaves the last whole read.
     USER_SETTINGS read = settings;
     for (;;) {
-        bool bGotLine = file != nullptr && fgets(line, sizeof line, file.get()) != nullptr;
-        // fgets also stops on a read error (a directory opens on Linux, then fails
-        // to read): only a stream without an error indicator has reached its end.
-        if (!bGotLine && (file == nullptr || ferror(file.get()) != 0)) {
+        bool bGotLine = bReadable && ReadPiece(text, line, sizeof line);
+        // Reading also stops on a read error: only a read that met the file's
+        // end has read it whole.
+        if (!bGotLine && (!bReadable || text.error)) {
             LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read configuration file");
             // Before the first line nothing was touched; after it, this read vouches for nothing.
             if (bStarted) bSettingsValid = bVrx0Valid = bVrx1Valid = false;

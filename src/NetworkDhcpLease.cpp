@@ -1,14 +1,28 @@
 // Taking up the lease that the DHCP client's script reports through a one-shot
 // file: the daemon, not the client, programs the address and route.
+//
+// The file lies in /tmp, where every local user may put anything under its
+// name. So the file is first claimed (renamed to a name of the daemon's own, so
+// a newer lease written meanwhile lands at the path and waits for the next
+// cycle), then opened without following a link or blocking, and read only when
+// it is a regular file that this process's user alone could have written.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 
 #include "logging/Logging.h"
+#include "src/InputText.h"
 #include "src/Network.h"
 #include "src/UniqueFile.h"
+#include "util/Util.h"
 
 namespace {
 
@@ -24,13 +38,111 @@ bool ToAddress(const char* text, in_addr& address) {
     return true;
 }
 
+// A name beside the lease file that no other user can guess in advance: the
+// clocks' nanoseconds (read without a system call) mixed with the attempt.
+std::string ClaimName(const std::string& path, unsigned int attempt) {
+    timespec monotonic{};
+    timespec realtime{};
+    clock_gettime(CLOCK_MONOTONIC, &monotonic);
+    clock_gettime(CLOCK_REALTIME, &realtime);
+    uint64_t mix = static_cast<uint64_t>(monotonic.tv_nsec) * 0x9E3779B97F4A7C15ULL ^
+                   static_cast<uint64_t>(realtime.tv_sec) * 0xC2B2AE3D27D4EB4FULL ^
+                   static_cast<uint64_t>(realtime.tv_nsec) ^ (static_cast<uint64_t>(attempt) << 56U);
+    mix ^= mix >> 29U;
+    return path + ".taken-" + Util::Format("%016llx", static_cast<unsigned long long>(mix));
+}
+
+// Whatever was moved to the claimed name, removed on every path out of the
+// reader: a lease once claimed is read at most once. A directory goes only when
+// empty; one that is not stays under the claimed name, out of the script's way.
+class ClaimedEntry {
+public:
+    ClaimedEntry() = default;
+    ~ClaimedEntry() {
+        if (m_path.empty()) return;
+        if (unlink(m_path.c_str()) != 0 && (errno == EISDIR || errno == EPERM)) rmdir(m_path.c_str());
+    }
+    ClaimedEntry(const ClaimedEntry&) = delete;
+    ClaimedEntry& operator=(const ClaimedEntry&) = delete;
+
+    // Renames `path` to a fresh name of its own, never replacing anything.
+    // Returns 0 when claimed, else the errno of the last attempt (ENOENT: no file).
+    int Claim(const std::string& path) {
+        int error = EEXIST;
+        for (unsigned int attempt = 0; attempt < 4 && error == EEXIST; ++attempt) {
+            std::string name = ClaimName(path, attempt);
+            if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) {
+                m_path = name;
+                return 0;
+            }
+            error = errno;
+        }
+        return error;
+    }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+const char* KindOf(mode_t mode) {
+    if (S_ISDIR(mode)) return "a directory";
+    if (S_ISFIFO(mode)) return "a FIFO";
+    if (S_ISCHR(mode) || S_ISBLK(mode)) return "a device";
+    if (S_ISSOCK(mode)) return "a socket";
+    return "not a regular file";
+}
+
+// Opens the claimed entry as a stream when it can be trusted; otherwise returns
+// nothing and says in `why` why not.
+UniqueFile OpenTrusted(const std::string& claimed, std::string& why) {
+    int fd = open(claimed.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    struct stat status {};
+    if (fd < 0) {
+        // O_NOFOLLOW ends in ELOOP on a link; a socket cannot be opened at all.
+        why = errno == ELOOP ? "a symbolic link" : errno == ENXIO ? "a socket" : strerror(errno);
+    } else if (fstat(fd, &status) != 0) {
+        why = strerror(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        why = KindOf(status.st_mode);
+    } else if (status.st_uid != geteuid()) {
+        why = Util::Format("owned by user %u", static_cast<unsigned int>(status.st_uid));
+    } else if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        why = Util::Format("writable by group or others (mode %03o)", static_cast<unsigned int>(status.st_mode & 0777));
+    } else if (status.st_nlink != 1) {
+        // Another name of the same file, maybe one another user may not read.
+        why = "a file with other links";
+    }
+    if (why.empty()) {
+        UniqueFile file(fdopen(fd, "r"));
+        if (file) return file;
+        why = strerror(errno);
+    }
+    if (fd >= 0) close(fd);
+    return nullptr;
+}
+
 }  // namespace
 
 void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState) {
     const std::string path = "/tmp/dhcp_" + interfaceName + ".txt";
-    UniqueFile file(fopen(path.c_str(), "r"));
+    // Declared first, so the claimed entry goes only after the stream is closed.
+    ClaimedEntry claimed;
+    int error = claimed.Claim(path);
     // No file is the usual case: the script writes one only when something changed.
-    if (!file) return;
+    if (error == ENOENT) return;
+    std::string why;
+    UniqueFile file;
+    if (error != 0) {
+        why = std::string("cannot be claimed (") + strerror(error) + ")";
+    } else {
+        file = OpenTrusted(claimed.Path(), why);
+    }
+    if (!file) {
+        // Something untrusted is removed unread, and the lease in force stays in force.
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Ignoring DHCP lease file " + path + ": " + why);
+        return;
+    }
 
     // Line 1: "name address mask"; line 2: "gateway", left out when the server gave none.
     // A line longer than the buffer is read in pieces, the next piece as the next line.
@@ -58,7 +170,8 @@ void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
         // A missing or bad gateway only means no default route, never no lease.
         candidate.m_bLeaseValid = true;
         if (fgets(line, sizeof line, file.get()) == nullptr) {
-            LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "DHCP did not provide gateway for " + std::string(name));
+            LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
+                      "DHCP did not provide gateway for " + EscapeControlCharacters(name));
         } else if (sscanf(line, "%15s", gateway) != 1) {
             LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
                       "Unable to parse DHCP lease file for " + interfaceName + " invalid second line");
@@ -82,7 +195,6 @@ void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     }
     dhcpState = candidate;
 
-    // Every file that could be opened is a message taken; delete it, malformed or not.
-    file.reset();
-    RunCommand("rm -f " + path);
+    // Every file that could be read is a message taken: the claimed entry is
+    // removed on the way out, malformed or not, and a newer file stays.
 }

@@ -3,7 +3,9 @@
 # network, mount and PID namespaces, with recording stand-ins for the network
 # tools first on PATH: "start" runs the daemon with its configuration path,
 # a killed daemon is started again, "stop" ends it with SIGTERM (exit code 0)
-# and leaves nothing running.
+# and leaves nothing running. The daemon has a mount namespace (and /tmp) of
+# its own; a second start is refused while one is under way; a pid file naming
+# another process never gets it signalled; HUP and INT stop the supervisor too.
 #   init-script.sh BUILD_DIR [SHELL]     SHELL runs the script (default sh)
 set -uo pipefail
 
@@ -22,7 +24,8 @@ if [ "${TESSEL_IN_NAMESPACE:-}" != 1 ]; then
     TESSEL_IN_NAMESPACE=1 exec unshare --net --mount --pid --fork --mount-proc bash "$0" "$@"
 fi
 
-work=$(mktemp -d /tmp/tessel-init.XXXXXX)
+# Not under /tmp: the daemon's /tmp is its own.
+work=$(mktemp -d /var/tmp/tessel-init.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/bin"
 for tool in ip bridge arptables iptables devmem udhcpc; do
@@ -64,6 +67,23 @@ first=$(daemon_child "$supervisor") || fail "no daemon running with its configur
 out=$($init status 2>&1) || fail "status while running: exit $?"
 [ "$out" = "tessel-networkd running (pid $supervisor)" ] || fail "status said: $out"
 
+# The daemon's /tmp is not ours: a file there is not seen here.
+if [ -n "$first" ]; then
+    [ "$(readlink "/proc/$first/ns/mnt")" != "$(readlink /proc/self/ns/mnt)" ] || fail "daemon shares our mount namespace"
+    touch /tmp/tessel-init-probe.$$
+    nsenter --target "$first" --mount test -e /tmp/tessel-init-probe.$$ && fail "daemon sees our /tmp"
+    rm -f /tmp/tessel-init-probe.$$
+fi
+
+# A start while another is under way is refused and changes nothing.
+mkdir "$PIDFILE.lock"
+out=$($init start 2>&1) && fail "start during another start succeeded ($out)"
+case $out in *"another start is under way"*) ;; *) fail "refused start said: $out" ;; esac
+rmdir "$PIDFILE.lock"
+[ "$(cat "$PIDFILE")" = "$supervisor" ] || fail "refused start changed the pid file"
+out=$($init start 2>&1) || fail "second start: exit $?"
+[ "$out" = "tessel-networkd already running (pid $supervisor)" ] || fail "second start said: $out"
+
 # A daemon that dies is started again.
 kill -KILL "$first" 2>/dev/null
 sleep 0.2
@@ -82,6 +102,32 @@ grep -q 'SigHandler: Caught signal: 15, shutting down' "$LOGFILE" || fail "daemo
 
 out=$($init status 2>&1); status=$?
 [ $status -eq 3 ] && [ "$out" = "tessel-networkd not running" ] || fail "status after stop: exit $status ($out)"
+
+# A stale pid file whose pid another process has since taken: that process is
+# neither counted as the daemon nor signalled.
+sleep 30 &
+stranger=$!
+echo "$stranger" >"$PIDFILE"
+out=$($init stop 2>&1) || fail "stop with a stale pid file: exit $?"
+[ "$out" = "tessel-networkd not running" ] || fail "stop with a stale pid file said: $out"
+kill -0 "$stranger" 2>/dev/null || fail "stop signalled a process that is not the supervisor"
+kill "$stranger" 2>/dev/null
+wait "$stranger" 2>/dev/null
+
+# HUP and INT stop the supervisor as TERM does: the daemon ends, nothing is restarted.
+for sig in HUP INT; do
+    out=$($init start 2>&1) || fail "start before $sig: exit $? ($out)"
+    supervisor=$(cat "$PIDFILE" 2>/dev/null)
+    daemon=$(daemon_child "$supervisor") || fail "no daemon before $sig"
+    kill -"$sig" "$supervisor"
+    tries=50
+    while { kill -0 "$supervisor" || kill -0 "$daemon"; } 2>/dev/null && [ $tries -gt 0 ]; do
+        sleep 0.1; tries=$((tries - 1))
+    done
+    kill -0 "$supervisor" 2>/dev/null && fail "supervisor still running after $sig"
+    [ -n "$daemon" ] && kill -0 "$daemon" 2>/dev/null && fail "daemon still running after $sig"
+    [ -e "$PIDFILE" ] && fail "pid file left behind after $sig"
+done
 
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
 echo "init script under $shell: OK"

@@ -17,12 +17,12 @@ from tesselkit import ROOT, lab
 from tesselkit.device import REGISTER_SEQUENCE, TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
 from tesselkit.frames import (BROADCAST, Port, arp_frame, arp_match, icmp_echo_frame, marker_match,
                               parse_arp, settle)
-from tesselkit.inotify import IN_CREATE, IN_DELETE, IN_MOVED_TO, IN_OPEN, Watch as DirWatch
+from tesselkit.inotify import IN_CREATE, IN_DELETE, IN_MOVED_FROM, IN_MOVED_TO, IN_OPEN, Watch as DirWatch
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
 # What the test files use, the toolkit's names included.
-__all__ = ["BROADCAST", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "DirWatch", "IN_CREATE", "IN_DELETE", "IN_MOVED_TO",
+__all__ = ["BROADCAST", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "DirWatch", "IN_CREATE", "IN_DELETE", "IN_MOVED_FROM", "IN_MOVED_TO",
            "IN_OPEN", "LAB_NAME", "Lab", "LabTestCase", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Port",
            "REGISTER_SEQUENCE", "ROOT", "TWO_PORT_CONFIG", "VETH3_ADDR", "VETH3_MAC", "arp_frame", "arp_match",
            "icmp_echo_frame", "lab_module", "main", "marker_match", "parse_arp", "run", "settle",

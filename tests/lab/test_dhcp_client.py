@@ -6,7 +6,7 @@ import re
 import subprocess
 import time
 
-from labtest import (IN_MOVED_TO, IN_DELETE, PEER1_ADDR, TWO_PORT_CONFIG, LabTestCase, main, wait_for)
+from labtest import (IN_MOVED_FROM, IN_MOVED_TO, PEER1_ADDR, TWO_PORT_CONFIG, LabTestCase, main, wait_for)
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.50 255.255.255.0 192.168.77.1")
 LEASE_FILE = "dhcp_veth1.txt"
@@ -51,8 +51,9 @@ class DhcpClientTest(LabTestCase):
             self.lab.start(TWO_PORT_CONFIG)
             # udhcpc writes a file on its start (no lease), then the lease's.
             lease, written, seen = self.lease_file_to_address(watch, "veth1's lease")
-            wait_for(lambda: watch.events(IN_DELETE, LEASE_FILE) and watch.events(IN_DELETE, LEASE_FILE)[-1] >= written,
-                     5, "the daemon to delete the lease file")
+            # The daemon claims the file (renames it away) to read it, then deletes it.
+            wait_for(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE) and
+                     watch.events(IN_MOVED_FROM, LEASE_FILE)[-1] >= written, 5, "the daemon to take the lease file")
         print("timing: daemon start to lease file %.2f s, lease file to address %.2f s" %
               (written - started, seen - written))
         self.assertLess(written - started, 15)
@@ -72,7 +73,7 @@ class DhcpClientTest(LabTestCase):
             self.lab.device("kill", "-USR1", str(client))
             wait_for(lambda: self.acks() > acks, 10, "the server to acknowledge the renewal")
             wait_for(lambda: watch.events(IN_MOVED_TO, LEASE_FILE), 10, "the script to report the renewal")
-            wait_for(lambda: watch.events(IN_DELETE, LEASE_FILE), 5, "the daemon to read the renewal")
+            wait_for(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), 5, "the daemon to read the renewal")
         monitor.terminate()
         events = monitor.communicate(timeout=10)[0]
         self.assertEqual([], [line for line in events.splitlines() if "veth1" in line])

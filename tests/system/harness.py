@@ -11,9 +11,11 @@ Each test gets a Sandbox: a work directory holding
   clients/        DHCP clients left over from an earlier run (Sandbox.leftover_clients) and their
                   record clients.log
 
-The configuration file may be a named pipe (Sandbox.use_config_pipe): the daemon's
-read of it then waits until the test hands it a text (Daemon.run_cycle), so a test
-knows where each cycle begins and ends, without timing.
+The configuration file may be gated (Sandbox.use_config_pipe): it stays a regular
+file, but each open of it by the daemon waits, through a fanotify permission
+event, until the test hands it a text (Daemon.run_cycle), so a test knows where
+each cycle begins and ends, without timing. (The daemon reads nothing but a
+regular file, and never waits on one, so a named pipe cannot do this.)
 
 Sandbox.start() runs the daemon under
   unshare --net --mount --pid --fork --mount-proc
@@ -33,14 +35,18 @@ namespaces, log lines) is the toolkit's (tools/tesselkit).
 """
 
 import argparse
-import errno
+import ctypes
 import os
+import queue
+import select
 import shlex
 import shutil
 import signal
 import subprocess
+import struct
 import sys
 import tempfile
+import threading
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
@@ -92,7 +98,6 @@ LINGER_SCRIPT = standins.LINGER
 # namespace numbers it) in clients.log when ready and when SIGTERM arrives.
 LEFTOVER_CLIENT = r"""import os
 import signal
-import time
 
 record = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.log")
 
@@ -130,6 +135,78 @@ exit "$status"
 """
 
 
+class ConfigGate:
+    """Holds every open of one file by another process until the test answers it
+    (a fanotify permission event). The opened file comes with the event, read and
+    write, so the text the opener will read can be put into it first."""
+
+    FAN_CLOEXEC = 0x01
+    FAN_CLASS_CONTENT = 0x04
+    FAN_OPEN_PERM = 0x00010000
+    FAN_MARK_ADD = 0x01
+    FAN_ALLOW = 0x01
+    EVENT = struct.Struct("IBBHQii")  # struct fanotify_event_metadata
+    RESPONSE = struct.Struct("iI")  # struct fanotify_response
+
+    def __init__(self, path):
+        libc = ctypes.CDLL(None, use_errno=True)
+        libc.fanotify_mark.argtypes = [ctypes.c_int, ctypes.c_uint, ctypes.c_uint64, ctypes.c_int, ctypes.c_char_p]
+        self._fd = libc.fanotify_init(self.FAN_CLOEXEC | self.FAN_CLASS_CONTENT, os.O_RDWR | os.O_LARGEFILE)
+        if self._fd < 0:
+            raise OSError(ctypes.get_errno(), "fanotify_init: " + os.strerror(ctypes.get_errno()))
+        if libc.fanotify_mark(self._fd, self.FAN_MARK_ADD, self.FAN_OPEN_PERM, -100, path.encode()) != 0:
+            error = ctypes.get_errno()
+            os.close(self._fd)
+            raise OSError(error, "fanotify_mark %s: %s" % (path, os.strerror(error)))
+        self._held = queue.Queue()
+        self._lock = threading.Lock()
+        self._stop = threading.Event()
+        self._listener = threading.Thread(target=self._listen, daemon=True)
+        self._listener.start()
+
+    def _listen(self):
+        while not self._stop.is_set():
+            if not select.select([self._fd], [], [], 0.1)[0]:
+                continue
+            data = os.read(self._fd, 4096)
+            offset = 0
+            while offset + self.EVENT.size <= len(data):
+                length, _, _, _, _, fd, pid = self.EVENT.unpack_from(data, offset)
+                offset += length
+                if pid == os.getpid():
+                    self.allow(fd)  # the test's own opens never wait
+                else:
+                    self._held.put(fd)
+
+    def next_open(self):
+        """The file of the oldest held open, or None when none is held."""
+        try:
+            return self._held.get_nowait()
+        except queue.Empty:
+            return None
+
+    def allow(self, fd):
+        """Lets the open whose file is `fd` go on; closes `fd`."""
+        with self._lock:
+            try:
+                os.write(self._fd, self.RESPONSE.pack(fd, self.FAN_ALLOW))
+            except OSError:
+                pass
+        os.close(fd)
+
+    def close(self):
+        """Lets every open go on, held or later."""
+        self._stop.set()
+        self._listener.join()
+        while True:
+            fd = self.next_open()
+            if fd is None:
+                break
+            self.allow(fd)
+        with self._lock:
+            os.close(self._fd)
+
+
 class Sandbox:
     """The work directory of one test and the daemons started from it."""
 
@@ -141,6 +218,7 @@ class Sandbox:
             raise RuntimeError("TESSEL_SYSTEM_TEST_DIR must not lie under /tmp")
         self.work = tempfile.mkdtemp(prefix="tessel-system-", dir=base)
         self.config_path = os.path.join(self.work, "tessel-networkd.conf")
+        self.config_gate = None
         self.daemons = []
         try:
             self._populate(daemon_path)
@@ -179,11 +257,13 @@ class Sandbox:
         os.replace(temporary, self.config_path)
 
     def use_config_pipe(self):
-        """Makes the configuration file a named pipe: each read of it by the daemon waits until
-        the test hands it a text (Daemon.run_cycle), so cycles begin where the test says."""
-        if os.path.lexists(self.config_path):
-            os.remove(self.config_path)
-        os.mkfifo(self.config_path)
+        """Gates the configuration file: each open of it by the daemon waits until the test
+        hands it a text (Daemon.run_cycle), so cycles begin where the test says. The file
+        stays in place from then on (write_config would replace it and end the gate)."""
+        if self.config_gate is None:
+            with open(self.config_path, "w"):
+                pass
+            self.config_gate = ConfigGate(self.config_path)
 
     def write_lease(self, interface, text):
         """Writes /tmp/dhcp_INTERFACE.txt as the DHCP client's script would: complete, in one step."""
@@ -347,6 +427,8 @@ class Sandbox:
     def cleanup(self):
         for daemon in self.daemons:
             daemon.kill()
+        if self.config_gate is not None:
+            self.config_gate.close()
         if os.environ.get("TESSEL_KEEP_WORK") == "1":
             sys.stderr.write("kept " + self.work + "\n")
         else:
@@ -362,7 +444,7 @@ class Daemon:
         self.output_path = output_path
         self.status_path = status_path
         self._pid = None
-        self._config_fd = None  # write end of the configuration pipe, once the daemon reads it
+        self._config_fd = None  # the configuration file of the daemon's held open, once it opens it
 
     # --- output -----------------------------------------------------------------------
 
@@ -393,42 +475,35 @@ class Daemon:
             seen, lambda: "%d x %r in the log; output so far:\n%s" % (count, message, self.output()), timeout
         )
 
-    # --- cycles, with the configuration file a named pipe (Sandbox.use_config_pipe) -----
+    # --- cycles, with the configuration file gated (Sandbox.use_config_pipe) -----------
 
     def wait_for_config_read(self, timeout=None):
-        """Waits until the daemon opens the configuration pipe for a cycle's read. Everything
+        """Waits until the daemon opens the configuration file for a cycle's read. Everything
         the cycles before did is over then, and it waits for the text to read."""
         if self._config_fd is not None:
             return
+        gate = self.sandbox.config_gate
 
-        def reader_waits():
+        def opened():
             if not self.running():
                 raise AssertionError("the daemon ended; output:\n" + self.output())
-            try:
-                return [os.open(self.sandbox.config_path, os.O_WRONLY | os.O_NONBLOCK)]
-            except OSError as error:
-                if error.errno == errno.ENXIO:  # nobody has the pipe open for reading yet
-                    return None
-                raise
+            fd = gate.next_open()
+            return None if fd is None else [fd]
 
         self._config_fd = wait_until(
-            reader_waits, lambda: "the daemon to read its configuration; output so far:\n" + self.output(), timeout
+            opened, lambda: "the daemon to read its configuration; output so far:\n" + self.output(), timeout
         )[0]
-        os.set_blocking(self._config_fd, True)
 
     def feed_config(self, text, timeout=None):
         """Hands the daemon the configuration text of its next cycle, once it reads."""
         self.wait_for_config_read(timeout)
         fd, self._config_fd = self._config_fd, None
+        # The held open has the file already: what is in it when the open goes on is read.
         try:
-            os.write(fd, text.encode())
-            # A fresh pipe takes the path before this read can end, so that the next open
-            # that succeeds here is the daemon's next read, never this one still draining.
-            fresh = self.sandbox.config_path + ".fresh"
-            os.mkfifo(fresh)
-            os.replace(fresh, self.sandbox.config_path)
+            os.ftruncate(fd, 0)
+            os.pwrite(fd, text.encode(), 0)
         finally:
-            os.close(fd)
+            self.sandbox.config_gate.allow(fd)
 
     def run_cycle(self, text, count=1, timeout=None):
         """Runs `count` cycles on the configuration text; returns when the last one is over."""
@@ -509,7 +584,7 @@ class Daemon:
     def kill(self):
         """Ends the daemon at once if it still runs (its namespace goes with it)."""
         if self._config_fd is not None:
-            os.close(self._config_fd)
+            self.sandbox.config_gate.allow(self._config_fd)
             self._config_fd = None
         if self.process.poll() is not None:
             return

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -536,18 +537,18 @@ TEST_F(ParseConfigFileTest, LineLongerThan255CharactersIsSeveralLines) {
     EXPECT_EQ(log.Messages(), Lines{});
 }
 
-TEST_F(ParseConfigFileTest, HundredKilobyteLineIsReadIn255CharacterPieces) {
-    std::vector<std::string> pieces(401, std::string(255, 'x'));
+TEST_F(ParseConfigFileTest, SixtyKilobyteLineIsReadIn255CharacterPieces) {
+    std::vector<std::string> pieces(241, std::string(255, 'x'));
     pieces[0] = Pad("veth1 static 10.0.0.2 255.255.255.0 10.0.0.1", 255);
     pieces[100] = Pad("bridge eth0eth1", 255);
-    pieces[200] = Pad("#bridge eth1", 255);
-    pieces[250] = Pad("phy", 255);
-    pieces[299] = std::string(253, 'x') + "ve";  // "veth3 dhcp" across two pieces: no keyword in either
-    pieces[300] = Pad("th3 dhcp", 255);
+    pieces[150] = Pad("#bridge eth1", 255);
+    pieces[180] = Pad("phy", 255);
+    pieces[219] = std::string(253, 'x') + "ve";  // "veth3 dhcp" across two pieces: no keyword in either
+    pieces[220] = Pad("th3 dhcp", 255);
     std::string line;
     for (const std::string& piece : pieces) line += piece;
     line += "vrx0 dhcp\n";
-    ASSERT_GE(line.size(), 100000u);
+    ASSERT_GE(line.size(), 60000u);
     EXPECT_EQ(ParseText(line), 0);
     USER_SETTINGS expected = before;
     expected.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
@@ -556,6 +557,105 @@ TEST_F(ParseConfigFileTest, HundredKilobyteLineIsReadIn255CharacterPieces) {
     EXPECT_EQ(settings, expected);
     EXPECT_EQ(Outputs(), (Flags{false, true, false}));
     EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Invalid bridge mode line in config file"}));
+}
+
+// The example padded with comment lines to exactly `size` bytes.
+std::string ExamplePaddedTo(size_t size) {
+    std::string text = kExampleFile;
+    while (text.size() + 200 < size) text += "#" + std::string(198, '-') + "\n";
+    text += "#" + std::string(size - text.size() - 2, '-') + "\n";
+    return text;
+}
+
+TEST_F(ParseConfigFileTest, FileOfSixtyFourKilobytesIsRead) {
+    std::string text = ExamplePaddedTo(65536);
+    ASSERT_EQ(text.size(), 65536u);
+    EXPECT_EQ(ParseText(text), 0);
+    EXPECT_EQ(settings, ExampleSettings());
+    EXPECT_EQ(Outputs(), (Flags{true, true, true}));
+    EXPECT_EQ(log.Messages(), Lines{});
+}
+
+TEST_F(ParseConfigFileTest, FileOfMoreThanSixtyFourKilobytesIsUnreadableAndTouchesNothing) {
+    EXPECT_EQ(ParseText(ExamplePaddedTo(65537)), -1);
+    EXPECT_EQ(Outputs(), (Flags{true, true, true}));
+    EXPECT_EQ(settings, before);
+    EXPECT_EQ(log.Messages(), (Lines{"ERROR ParseConfigFile: Unable to read configuration file"}));
+}
+
+// The parse in a child, so a parse that blocks fails the test instead of hanging it.
+// Returns what the child saw: the result, or "blocked" after two seconds.
+std::string ParseInChild(const std::string& path) {
+    int fds[2];
+    if (pipe(fds) != 0) return "no pipe";
+    pid_t child = fork();
+    if (child == 0) {
+        close(fds[0]);
+        USER_SETTINGS settings = Sentinels();
+        bool a = true;
+        bool b = true;
+        bool c = true;
+        int result = ParseConfigFile(path, settings, a, b, c);
+        bool untouched = settings == Sentinels() && a && b && c;
+        std::string said = std::to_string(result) + (untouched ? " untouched" : " touched");
+        ssize_t written = write(fds[1], said.data(), said.size());
+        _exit(written == static_cast<ssize_t>(said.size()) ? 0 : 1);
+    }
+    close(fds[1]);
+    std::string said = "blocked";
+    for (int waited = 0; waited < 200; ++waited) {
+        int status = 0;
+        if (waitpid(child, &status, WNOHANG) == child) {
+            char bytes[64];
+            ssize_t count = read(fds[0], bytes, sizeof bytes);
+            said = count > 0 ? std::string(bytes, static_cast<size_t>(count)) : "nothing";
+            child = -1;
+            break;
+        }
+        usleep(10000);
+    }
+    if (child > 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    close(fds[0]);
+    return said;
+}
+
+TEST_F(ParseConfigFileTest, FifoNeverBlocksAndIsUnreadable) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(ParseInChild(path), "-1 untouched");
+    // Also with a writer that keeps it open and never writes.
+    int writer = open(path.c_str(), O_RDWR | O_NONBLOCK);
+    ASSERT_GE(writer, 0);
+    EXPECT_EQ(ParseInChild(path), "-1 untouched");
+    close(writer);
+}
+
+TEST_F(ParseConfigFileTest, EndlessDeviceIsUnreadable) {
+    EXPECT_EQ(ParseInChild("/dev/zero"), "-1 untouched");
+    EXPECT_EQ(ParseInChild("/dev/urandom"), "-1 untouched");
+    path = "/dev/zero";
+    EXPECT_EQ(Parse(), -1);
+    // The children log into the same capture: one message each.
+    const std::string unreadable = "ERROR ParseConfigFile: Unable to read configuration file";
+    EXPECT_EQ(log.Messages(), (Lines{unreadable, unreadable, unreadable}));
+}
+
+TEST_F(ParseConfigFileTest, LinkToARegularFileIsFollowed) {
+    Write(kExampleFile);
+    std::string link = dir + "/link.conf";
+    ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+    path = link;
+    EXPECT_EQ(Parse(), 0);
+    EXPECT_EQ(settings, ExampleSettings());
+}
+
+TEST_F(ParseConfigFileTest, LinkToAFifoIsUnreadable) {
+    std::string fifo = dir + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_EQ(symlink(fifo.c_str(), path.c_str()), 0);
+    EXPECT_EQ(ParseInChild(path), "-1 untouched");
 }
 
 TEST_F(ParseConfigFileTest, MessagesAreErrorsFromThisFileAndStayOutOfTheSystemLog) {

@@ -1,9 +1,16 @@
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
+#include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "src/Network.h"
@@ -22,19 +29,53 @@ std::string UniqueName() {
     return "tl" + std::to_string(getpid()) + "x" + std::to_string(++counter);
 }
 
-// The lease file of an interface of the test's own. The code's removal command is
-// only recorded, so the file is removed here.
+// Every entry of /tmp whose name begins with `prefix`.
+std::vector<std::string> EntriesStartingWith(const std::string& prefix) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+        std::string name = entry.path().filename().string();
+        if (name.compare(0, prefix.size(), prefix) == 0) names.push_back(name);
+    }
+    return names;
+}
+
+// Writes a lease file as the script does: mode 0600, whatever the umask.
+void WriteLease(const std::string& path, const std::string& text, mode_t mode = 0600) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << path;
+    ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    ASSERT_EQ(fchmod(fd, mode), 0);
+    close(fd);
+}
+
+std::string ReadWhole(const std::string& path) {
+    std::string text;
+    FILE* file = fopen(path.c_str(), "r");
+    if (file == nullptr) return "(none)";
+    char bytes[512];
+    size_t count = 0;
+    while ((count = fread(bytes, 1, sizeof bytes, file)) > 0) text.append(bytes, count);
+    fclose(file);
+    return text;
+}
+
+// The lease file of an interface of the test's own; whatever the reader left
+// under its name or a name beginning with it is removed here.
 class LeaseFile {
 public:
     LeaseFile() : m_name(UniqueName()), m_path("/tmp/dhcp_" + m_name + ".txt") {}
-    ~LeaseFile() { std::remove(m_path.c_str()); }
+    ~LeaseFile() {
+        for (const std::string& name : EntriesStartingWith("dhcp_" + m_name + ".txt")) {
+            std::error_code ignored;
+            std::filesystem::remove_all("/tmp/" + name, ignored);
+        }
+    }
     LeaseFile(const LeaseFile&) = delete;
     LeaseFile& operator=(const LeaseFile&) = delete;
 
-    void Write(const std::string& text) const {
-        std::ofstream out(m_path, std::ios::binary | std::ios::trunc);
-        out << text;
-    }
+    void Write(const std::string& text, mode_t mode = 0600) const { WriteLease(m_path, text, mode); }
+    // What is left in /tmp of this file: its own name and any claimed name.
+    std::vector<std::string> Left() const { return EntriesStartingWith("dhcp_" + m_name + ".txt"); }
     const std::string& Name() const { return m_name; }
     const std::string& Path() const { return m_path; }
 
@@ -51,6 +92,8 @@ protected:
         LogCapture log;
         CommandRecorder commands;
         CheckForNewDhcpAddress(m_file.Name(), metric, state);
+        // Every file that is read is gone afterwards, malformed or not.
+        EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
         return log.Timeline();
     }
 
@@ -78,16 +121,15 @@ TEST_F(CheckForNewDhcpAddressTest, NewLeaseWithGatewayIsProgrammedAndRecorded) {
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
                   "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
 }
 
-TEST_F(CheckForNewDhcpAddressTest, SameLeaseAgainOnlyRemovesTheFile) {
+TEST_F(CheckForNewDhcpAddressTest, SameLeaseAgainChangesNothing) {
     DHCP_STATE state{};
     const std::string text = N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n";
     Check(text, state, 100);
-    EXPECT_EQ(Check(text, state, 100), Lines{"$ rm -f /tmp/dhcp_" + N() + ".txt"});
+    EXPECT_EQ(Check(text, state, 100), Lines{});
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
 }
 
@@ -102,7 +144,6 @@ TEST_F(CheckForNewDhcpAddressTest, CallersMetricAndFurtherLinesIgnored) {
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
                   "$ ip route add default via 10.0.0.1 dev " + N() + " metric 100",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -123,7 +164,6 @@ TEST_F(CheckForNewDhcpAddressTest, ChangedLeaseReplacesTheOldOne) {
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Adding default gateway 10.0.0.254 for " + N(),
                   "$ ip route add default via 10.0.0.254 dev " + N() + " metric 10",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.254");
 }
@@ -139,7 +179,6 @@ TEST_F(CheckForNewDhcpAddressTest, FirstLineOnlyNamesTheFilesNameInTheGatewayMes
                   "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Not adding default gateway for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 0.0.0.0");
 }
@@ -160,7 +199,6 @@ TEST_F(CheckForNewDhcpAddressTest, ZeroLeaseWhileALeaseIsInForceSaysSoTwiceAndFl
                   "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
                   "$ ip route flush dev " + N(),
                   "$ ip addr flush dev " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -169,7 +207,6 @@ TEST_F(CheckForNewDhcpAddressTest, ZeroLeaseWithNoLeaseInForceSaysSoOnce) {
     DHCP_STATE state{};
     EXPECT_EQ(Check(N() + " 0.0.0.0 0.0.0.0\n", state), (Lines{
                                                             "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
-                                                            "$ rm -f /tmp/dhcp_" + N() + ".txt",
                                                         }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -188,7 +225,6 @@ TEST_F(CheckForNewDhcpAddressTest, BadMaskKeepsTheAddressAndFlushesEvenWithoutAL
                   "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
                   "$ ip route flush dev " + N(),
                   "$ ip addr flush dev " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "invalid 10.0.0.5 0.0.0.0 0.0.0.0");
 }
@@ -198,7 +234,6 @@ TEST_F(CheckForNewDhcpAddressTest, BadAddressWithNoLeaseInForceChangesNothing) {
     EXPECT_EQ(Check(N() + " 10.0.0.300 255.255.255.0\n10.0.0.1\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Invalid DHCP IP address for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -211,7 +246,6 @@ TEST_F(CheckForNewDhcpAddressTest, BadAddressTakesALeaseInForceOff) {
                   "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
                   "$ ip route flush dev " + N(),
                   "$ ip addr flush dev " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -227,7 +261,6 @@ TEST_F(CheckForNewDhcpAddressTest, BadGatewayKeepsTheLeaseWithoutRoute) {
                   "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Not adding default gateway for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 0.0.0.0");
 }
@@ -243,7 +276,6 @@ TEST_F(CheckForNewDhcpAddressTest, BlankSecondLineIsUnparsable) {
                   "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Not adding default gateway for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 0.0.0.0");
 }
@@ -253,7 +285,6 @@ TEST_F(CheckForNewDhcpAddressTest, EmptySecondLineIsUnparsableNotMissing) {
     EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0\n\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Unable to parse DHCP lease file for " + N() + " invalid second line",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -261,7 +292,6 @@ TEST_F(CheckForNewDhcpAddressTest, EmptyFileIsUnreadable) {
     DHCP_STATE state{};
     EXPECT_EQ(Check("", state), (Lines{
                                     "ERROR CheckForNewDhcpAddress: Unable to read DHCP lease file for " + N(),
-                                    "$ rm -f /tmp/dhcp_" + N() + ".txt",
                                 }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -273,7 +303,6 @@ TEST_F(CheckForNewDhcpAddressTest, EmptyFileTakesALeaseInForceOff) {
                                     "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
                                     "$ ip route flush dev " + N(),
                                     "$ ip addr flush dev " + N(),
-                                    "$ rm -f /tmp/dhcp_" + N() + ".txt",
                                 }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -286,7 +315,6 @@ TEST_F(CheckForNewDhcpAddressTest, FirstLineWithTwoFieldsIsUnparsable) {
                   "INFO CheckForNewDhcpAddress: No DHCP lease for " + N(),
                   "$ ip route flush dev " + N(),
                   "$ ip addr flush dev " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "invalid 0.0.0.0 0.0.0.0 0.0.0.0");
 }
@@ -296,7 +324,6 @@ TEST_F(CheckForNewDhcpAddressTest, BlankFirstLineIsUnparsable) {
     EXPECT_EQ(Check("\n" + N() + " 10.0.0.5 255.255.255.0\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Unable to parse DHCP lease file for " + N() + " invalid first line",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -315,7 +342,6 @@ TEST_F(CheckForNewDhcpAddressTest, LongerNameSpillsIntoTheAddress) {
     EXPECT_EQ(Check("abcdefghijklmnopq 10.0.0.5 255.255.255.0\n10.0.0.1\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Invalid DHCP IP address for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -332,7 +358,6 @@ TEST_F(CheckForNewDhcpAddressTest, LongerNameWhoseRestConvertsShiftsEveryField) 
                   "$ ip addr add 0.0.0.7/10.0.0.5 dev " + N(),
                   "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
                   "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
     EXPECT_EQ(Describe(state), "valid 0.0.0.7 10.0.0.5 10.0.0.1");
 }
@@ -372,7 +397,6 @@ TEST_F(CheckForNewDhcpAddressTest, LongFirstLineWithBlanksAfterThePieceHasAnUnpa
                   "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Not adding default gateway for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -382,7 +406,6 @@ TEST_F(CheckForNewDhcpAddressTest, FieldsBeyondTheFirstPieceAreNotSeen) {
     EXPECT_EQ(Check(std::string(255, ' ') + N() + " 10.0.0.5 255.255.255.0\n", state),
               (Lines{
                   "ERROR CheckForNewDhcpAddress: Unable to parse DHCP lease file for " + N() + " invalid first line",
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -407,7 +430,6 @@ TEST_F(CheckForNewDhcpAddressTest, LineOf255CharactersLeavesItsNewlineAsAnEmptyS
                   "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
                   "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                   "INFO SetAddrAndRouting: Not adding default gateway for " + N(),
-                  "$ rm -f /tmp/dhcp_" + N() + ".txt",
               }));
 }
 
@@ -415,6 +437,193 @@ TEST_F(CheckForNewDhcpAddressTest, LongGatewayLineIsCutToItsFirstPiece) {
     DHCP_STATE state{};
     Check(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1" + std::string(300, ' ') + "junk\n", state);
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
+// --- What another local user can put at the path ---------------------------
+
+class UntrustedLeaseTest : public CheckForNewDhcpAddressTest {
+protected:
+    // One call with a lease in force: nothing may be run and the lease stays.
+    Lines CheckUntrusted() {
+        DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+        LogCapture log;
+        CommandRecorder commands;
+        CheckForNewDhcpAddress(N(), 10, state);
+        EXPECT_EQ(commands.Commands(), std::vector<std::string>{});
+        EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+        return log.Timeline();
+    }
+    std::string Warning(const std::string& why) const {
+        return "WARN CheckForNewDhcpAddress: Ignoring DHCP lease file " + m_file.Path() + ": " + why;
+    }
+    static bool IsRoot() { return geteuid() == 0; }
+};
+
+TEST_F(UntrustedLeaseTest, SymbolicLinkIsNotFollowedAndRemoved) {
+    std::string target = m_file.Path() + "-target";
+    WriteLease(target, N() + " 10.9.9.9 255.0.0.0\n10.9.9.1\n");
+    ASSERT_EQ(symlink(target.c_str(), m_file.Path().c_str()), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a symbolic link")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{"dhcp_" + N() + ".txt-target"});
+    EXPECT_EQ(ReadWhole(target), N() + " 10.9.9.9 255.0.0.0\n10.9.9.1\n");
+}
+
+TEST_F(UntrustedLeaseTest, DanglingLinkIsRemoved) {
+    ASSERT_EQ(symlink("/nonexistent/shadow", m_file.Path().c_str()), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a symbolic link")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(UntrustedLeaseTest, FifoNeitherBlocksNorIsRead) {
+    ASSERT_EQ(mkfifo(m_file.Path().c_str(), 0600), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a FIFO")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(UntrustedLeaseTest, EmptyDirectoryIsRemoved) {
+    ASSERT_EQ(mkdir(m_file.Path().c_str(), 0755), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a directory")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(UntrustedLeaseTest, DirectoryWithContentIsMovedOutOfThePath) {
+    ASSERT_EQ(mkdir(m_file.Path().c_str(), 0755), 0);
+    WriteLease(m_file.Path() + "/inside", "x\n");
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a directory")});
+    // It stays under the claimed name, so the path is free for the script.
+    struct stat status {};
+    EXPECT_NE(lstat(m_file.Path().c_str(), &status), 0);
+    ASSERT_EQ(m_file.Left().size(), 1u);
+    EXPECT_EQ(m_file.Left()[0].rfind("dhcp_" + N() + ".txt.taken-", 0), 0u) << m_file.Left()[0];
+    // The next lease is taken up as usual.
+    DHCP_STATE state{};
+    m_file.Write(N() + " 10.0.0.5 255.255.255.0\n");
+    {
+        LogCapture log;
+        CommandRecorder commands;
+        CheckForNewDhcpAddress(N(), 10, state);
+    }
+    EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 0.0.0.0");
+    EXPECT_EQ(m_file.Left().size(), 1u);
+}
+
+TEST_F(UntrustedLeaseTest, SocketIsRemoved) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, m_file.Path().c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a socket")});
+    close(fd);
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(UntrustedLeaseTest, DeviceNodeIsNotOpenedForReading) {
+    if (!IsRoot()) GTEST_SKIP() << "needs root to create a device node";
+    // /dev/zero's numbers: read, it would never end.
+    ASSERT_EQ(mknod(m_file.Path().c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a device")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(UntrustedLeaseTest, FileOfAnotherUserIsRemovedUnread) {
+    if (!IsRoot()) GTEST_SKIP() << "needs root to give a file to another user";
+    m_file.Write(N() + " 10.9.9.9 255.0.0.0\n10.9.9.1\n");
+    ASSERT_EQ(chown(m_file.Path().c_str(), 65534, 65534), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("owned by user 65534")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(UntrustedLeaseTest, GroupOrOtherWritableFileIsRemovedUnread) {
+    for (mode_t mode : {0620, 0602, 0666}) {
+        m_file.Write(N() + " 10.9.9.9 255.0.0.0\n10.9.9.1\n", mode);
+        char octal[8];
+        snprintf(octal, sizeof octal, "%03o", static_cast<unsigned int>(mode));
+        EXPECT_EQ(CheckUntrusted(), Lines{Warning(std::string("writable by group or others (mode ") + octal + ")")});
+        EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+    }
+}
+
+TEST_F(UntrustedLeaseTest, ReadOnlyModesOfTheOwnerAreTrusted) {
+    for (mode_t mode : {0400, 0644, 0444}) {
+        DHCP_STATE state{};
+        m_file.Write(N() + " 10.0.0.5 255.255.255.0\n", mode);
+        LogCapture log;
+        CommandRecorder commands;
+        CheckForNewDhcpAddress(N(), 10, state);
+        EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 0.0.0.0") << mode;
+        EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+    }
+}
+
+TEST_F(UntrustedLeaseTest, FileWithASecondNameIsRemovedUnread) {
+    std::string other = m_file.Path() + "-other";
+    WriteLease(other, N() + " 10.9.9.9 255.0.0.0\n");
+    ASSERT_EQ(link(other.c_str(), m_file.Path().c_str()), 0);
+    EXPECT_EQ(CheckUntrusted(), Lines{Warning("a file with other links")});
+    // Only the name at the lease path goes; the other name keeps its file.
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{"dhcp_" + N() + ".txt-other"});
+    EXPECT_EQ(ReadWhole(other), N() + " 10.9.9.9 255.0.0.0\n");
+}
+
+// --- No lease is lost ---------------------------------------------------------
+
+TEST_F(CheckForNewDhcpAddressTest, LeaseWrittenWhileTheLastIsTakenUpWaitsForTheNextCycle) {
+    DHCP_STATE state{};
+    m_file.Write(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+    const std::string newer = N() + " 10.0.0.6 255.255.255.0\n10.0.0.1\n";
+    {
+        // The script renames the next lease into place while the daemon programs
+        // the first one.
+        CommandRecorder commands;
+        CommandRunner recorder = SetCommandRunner([&](const std::string& command) {
+            if (command.rfind("ip addr add", 0) == 0) {
+                WriteLease(m_file.Path() + ".tmp", newer);
+                ASSERT_EQ(rename((m_file.Path() + ".tmp").c_str(), m_file.Path().c_str()), 0);
+            }
+        });
+        CheckForNewDhcpAddress(N(), 10, state);
+        SetCommandRunner(recorder);
+    }
+    EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+    EXPECT_EQ(ReadWhole(m_file.Path()), newer);
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{"dhcp_" + N() + ".txt"});
+
+    LogCapture log;
+    CommandRecorder commands;
+    CheckForNewDhcpAddress(N(), 10, state);
+    EXPECT_EQ(Describe(state), "valid 10.0.0.6 255.255.255.0 10.0.0.1");
+    Lines messages = log.Messages();
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(messages[0], "INFO CheckForNewDhcpAddress: New DHCP lease for " + N());
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+}
+
+TEST_F(CheckForNewDhcpAddressTest, FileWrittenInPlaceDuringTheReadIsNotTheOneDeleted) {
+    // A writer that opens the path itself (not through a rename) while the reader
+    // has claimed the last file creates a new file, which stays.
+    DHCP_STATE state{};
+    m_file.Write(N() + " 0.0.0.0 0.0.0.0\n");
+    {
+        CommandRecorder commands;
+        CheckForNewDhcpAddress(N(), 10, state);
+    }
+    m_file.Write(N() + " 10.0.0.7 255.255.255.0\n");
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{"dhcp_" + N() + ".txt"});
+    CommandRecorder commands;
+    LogCapture log;
+    CheckForNewDhcpAddress(N(), 10, state);
+    EXPECT_EQ(Describe(state), "valid 10.0.0.7 255.255.255.0 0.0.0.0");
+}
+
+// --- File text in the log -----------------------------------------------------
+
+TEST_F(CheckForNewDhcpAddressTest, NameFromTheFileHasItsControlCharactersEscaped) {
+    DHCP_STATE state{};
+    Lines timeline = Check("eth\x1b[2J\a\\ 10.0.0.5 255.255.255.0\n", state);
+    ASSERT_FALSE(timeline.empty());
+    EXPECT_EQ(timeline[0], "INFO CheckForNewDhcpAddress: DHCP did not provide gateway for eth\\x1b[2J\\x07\\\\");
 }
 
 }  // namespace

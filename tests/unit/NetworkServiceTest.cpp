@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -46,9 +47,13 @@ public:
     FakeShell(const FakeShell&) = delete;
     FakeShell& operator=(const FakeShell&) = delete;
 
+    // Mode 0600 whatever the umask, as the script writes it.
     void WriteLease(const std::string& text) const {
-        std::ofstream out(m_path, std::ios::binary | std::ios::trunc);
-        out << text;
+        {
+            std::ofstream out(m_path, std::ios::binary | std::ios::trunc);
+            out << text;
+        }
+        chmod(m_path.c_str(), 0600);
     }
     void LeaseOnClientStart(const std::string& text) { m_leaseOnStart = text; }
     const std::string& LeasePath() const { return m_path; }
@@ -127,7 +132,6 @@ TEST_F(ServiceVethXTest, LeaseReadyInTheCycleTheClientStartsIsTakenUpAsNew) {
                            "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                            "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
                            "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
-                           "$ rm -f /tmp/dhcp_" + N() + ".txt",
                        }));
     EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
 }
@@ -279,8 +283,6 @@ TEST_F(ServiceVethXTest, UnchangedDhcpOnlyChecksForALeaseEachCycle) {
                             "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
                             "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
                             "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
-                            "$ rm -f /tmp/dhcp_" + N() + ".txt",
-                            "$ rm -f /tmp/dhcp_" + N() + ".txt",
                         }));
     EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
 }

@@ -6,6 +6,7 @@ import struct
 import time
 
 IN_OPEN = 0x20
+IN_MOVED_FROM = 0x40  # the daemon claims a lease file by renaming it away
 IN_MOVED_TO = 0x80
 IN_CREATE = 0x100
 IN_DELETE = 0x200
@@ -18,7 +19,7 @@ class Watch:
     """The events of one directory (with the names of its entries) or one file
     (name ""), from the moment it is made."""
 
-    def __init__(self, path, mask=IN_CREATE | IN_MOVED_TO | IN_DELETE):
+    def __init__(self, path, mask=IN_CREATE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE):
         self.fd = _libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
         if self.fd < 0:
             raise OSError(ctypes.get_errno(), "inotify_init1")
