@@ -98,6 +98,7 @@ LINGER_SCRIPT = standins.LINGER
 # namespace numbers it) in clients.log when ready and when SIGTERM arrives.
 LEFTOVER_CLIENT = r"""import os
 import signal
+import time
 
 record = os.path.join(os.path.dirname(os.path.abspath(__file__)), "clients.log")
 
