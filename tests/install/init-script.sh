@@ -39,8 +39,11 @@ veth3 static 10.0.1.2 255.255.255.0 0.0.0.0
 CONF
 
 export PATH=$work/bin:$PATH
-export DAEMON=$build/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
-init="$shell $build/dist/tessel-networkd.init"
+# The daemon and the script run from here too: the private /tmp covers a build
+# that lives under /tmp (a clone there), as it would any file the device keeps there.
+cp "$build/tessel-networkd" "$build/dist/tessel-networkd.init" "$work/"
+export DAEMON=$work/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
+init="$shell $work/tessel-networkd.init"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
