@@ -2,6 +2,8 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/types.h>
+#include <time.h>
 
 #include <cstdint>
 #include <functional>
@@ -67,19 +69,76 @@ inline bool operator!=(const USER_SETTINGS& a, const USER_SETTINGS& b) { return 
 
 // --- Shell commands -------------------------------------------------------
 
-// Runs one command line through /bin/sh -c and waits for it; its exit status is
-// ignored. Every shell command of the daemon goes through here.
-void RunCommand(const std::string& command);
+// How one command ended. A default record is a command that ran and exited 0.
+struct COMMAND_OUTCOME {
+    bool m_bStarted = true;    // false: no process ran; m_nError says why
+    int m_nError = 0;          // the errno of a start that failed
+    bool m_bExited = true;     // ended by exit (m_nStatus is its status), not by a signal
+    int m_nStatus = 0;         // the exit status, or the signal that ended it
+    bool m_bTimedOut = false;  // ran past its deadline and was ended by the runner
+
+    bool Succeeded() const { return m_bStarted && !m_bTimedOut && m_bExited && m_nStatus == 0; }
+};
+
+inline bool operator==(const COMMAND_OUTCOME& a, const COMMAND_OUTCOME& b) {
+    return a.m_bStarted == b.m_bStarted && a.m_nError == b.m_nError && a.m_bExited == b.m_bExited &&
+           a.m_nStatus == b.m_nStatus && a.m_bTimedOut == b.m_bTimedOut;
+}
+inline bool operator!=(const COMMAND_OUTCOME& a, const COMMAND_OUTCOME& b) { return !(a == b); }
+
+// The outcome in words: "exit status 2", "ended by signal 9", "not started (...)",
+// "ended after its deadline".
+std::string DescribeOutcome(const COMMAND_OUTCOME& outcome);
+
+// How long a command may run before the runner ends it, and how long it has
+// after SIGTERM before SIGKILL.
+constexpr unsigned int kCommandDeadlineMs = 20000;
+constexpr unsigned int kCommandKillGraceMs = 2000;
+
+// Runs one command line through /bin/sh -c and waits for it. Every shell command
+// of the daemon goes through here.
+COMMAND_OUTCOME RunCommand(const std::string& command);
 
 // The function RunCommand hands its text to. Tests put a recorder here; an empty
 // function puts the real runner back. Returns the one it replaced.
-using CommandRunner = std::function<void(const std::string& command)>;
+using CommandRunner = std::function<COMMAND_OUTCOME(const std::string& command)>;
 CommandRunner SetCommandRunner(CommandRunner runner);
 
-// The real runner: starts the shell with default signal dispositions and an empty
-// signal mask, and lets the daemon's stop signals in while it waits, so a stop
-// requested during a command is neither lost nor delayed past the cycle.
-void RunShellCommand(const std::string& command);
+// The real runner: starts the shell in a process group of its own, with default
+// signal dispositions and an empty signal mask, and lets the daemon's stop
+// signals in while it waits, so a stop requested during a command is neither
+// lost nor delayed past the cycle. A command still running at its deadline is
+// ended, group and all (SIGTERM, then SIGKILL), with an ERROR entry.
+COMMAND_OUTCOME RunShellCommand(const std::string& command);
+
+// Called from the stop signals' handler (async-signal-safe). From then on the
+// daemon has a short grace to finish what it is doing: commands still running
+// after it are ended, none is started, and pauses end, so a stop never waits
+// on a command that hangs.
+void RequestStop();
+bool StopRequested();
+// Whether the grace after a stop request has run out.
+bool StopGraceOver();
+// Forgets a stop request (for tests that request one).
+void ClearStopRequest();
+
+// One step of a piece of work: a command and whether the work needs it to
+// succeed. Steps that only clear what may not exist may fail.
+struct SHELL_STEP {
+    const char* m_szCommand;
+    bool m_bMustSucceed;
+};
+
+// Why a piece of work stopped short: the step that failed, and how.
+struct WORK_FAILURE {
+    std::string m_command;
+    COMMAND_OUTCOME m_outcome;
+};
+
+// Runs one step. Returns false, with `failure` filled in and an ERROR entry, when
+// the work cannot go on: a step that must succeed failed, or any step could not
+// be started or ran past its deadline.
+bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure);
 
 // Waits `milliseconds`; every pause of the daemon (the loop's second, the register
 // pulses) goes through here, so tests can record pauses beside the commands.
@@ -109,24 +168,56 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config);
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
                     bool& bVrx1Valid);
 
+// --- Retried work ---------------------------------------------------------
+
+// The health of one piece of work that must succeed (the bridge build, one
+// interface's addressing): after a failure it is tried again on a later cycle,
+// waiting 1, 2, 4 ... up to 60 seconds between attempts.
+struct WORK_HEALTH {
+    unsigned int m_nFailures = 0;  // failed attempts since the last success; 0: healthy
+    int64_t m_nRetryAtMs = 0;      // monotonic time before which it is not tried again
+    WORK_FAILURE m_lastFailure;    // the last failure, kept after recovery for the record
+    timespec m_failedAt{};         // real time of the last failure; zero: never failed
+    timespec m_recoveredAt{};      // real time of the success after it; zero: not yet
+};
+
+// The longest wait between two attempts of failing work.
+constexpr unsigned int kRetryMaxDelayMs = 60000;
+
+// Milliseconds of the monotonic clock the retries and client checks go by.
+int64_t MonotonicMs();
+// Sets the clock MonotonicMs reads (tests); nullptr puts the system's back.
+using MonotonicClock = int64_t (*)();
+MonotonicClock SetMonotonicClock(MonotonicClock clock);
+
+// Whether the work is healthy or its wait after the last failure is over.
+bool WorkDue(const WORK_HEALTH& health);
+// Notes a failed attempt of the work named `work` and when to try it again.
+void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure);
+// Notes a successful attempt; after failures, a NOTICE entry says it recovered.
+void NoteWorkDone(WORK_HEALTH& health, const std::string& work);
+
 // --- Bridge, addresses, links ---------------------------------------------
 
 // Rebuilds br0, its ports and the veth pairs for the mode; in BRIDGE_MODE_ETH0ETH1
 // also the second pair and the ARP/IP isolation rules. An empty MAC text leaves
-// that port's address alone.
-void SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac);
+// that port's address alone. Returns false, stopping at the step that failed
+// (noted in `failure` when given), when a step the build needs failed.
+bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
+                 WORK_FAILURE* failure = nullptr);
 
 // Whether the mode makes eth0 (modes 0 and 2) or eth1 (modes 1 and 2) a port of br0.
 bool BridgesEth0(BRIDGE_MODE mode);
 bool BridgesEth1(BRIDGE_MODE mode);
 
-// Removes every route, then every address, of the interface.
-void FlushAddrAndRouting(const std::string& interfaceName);
+// Removes every route, then every address, of the interface. Nothing to remove
+// is no failure; false only when a command could not be run to its end.
+bool FlushAddrAndRouting(const std::string& interfaceName, WORK_FAILURE* failure = nullptr);
 
 // Adds the address with its dotted mask and, unless the gateway is 0.0.0.0, a
-// default route with the metric. Removes nothing first.
-void SetAddrAndRouting(const std::string& interfaceName, unsigned int metric, in_addr address, in_addr mask,
-                       in_addr gateway);
+// default route with the metric. Removes nothing first. False when either failed.
+bool SetAddrAndRouting(const std::string& interfaceName, unsigned int metric, in_addr address, in_addr mask,
+                       in_addr gateway, WORK_FAILURE* failure = nullptr);
 
 // 0 and `up` set when the query worked (up = administratively up and running);
 // -1 and `up` false when it failed.
@@ -137,17 +228,62 @@ void SetEthernetPhyMode(const std::string& path, PHY_MODE mode);
 
 // --- DHCP and interface servicing -----------------------------------------
 
+// One served interface (veth1, veth3): what was applied, the lease, its client.
+struct INTERFACE_STATE {
+    // Set up again on the next servicing, changed or not (at first, after a
+    // bridge build, after a failure, when its DHCP client is gone).
+    bool m_bReconfigure = true;
+    // The addressing last applied.
+    IP_CONFIG m_applied{};
+    // The lease in force, or to be put in force when m_bLeasePending; zero-filled is none.
+    DHCP_STATE m_dhcp{};
+    // The lease in m_dhcp was read but could not be put in force yet.
+    bool m_bLeasePending = false;
+    // Real time the lease in m_dhcp was taken up; zero when none was.
+    timespec m_leaseAt{};
+    // The DHCP client serving the interface, 0 when none is known, and how many
+    // clients the daemon started for it.
+    pid_t m_clientPid = 0;
+    unsigned int m_nClientStarts = 0;
+    // Monotonic time of the next check that the client still runs.
+    int64_t m_nClientCheckAtMs = 0;
+    // Setting up the interface and putting its leases in force.
+    WORK_HEALTH m_health;
+};
+
+// How often a DHCP client is looked for; a dead one is replaced at the next
+// cycle after the check.
+constexpr unsigned int kClientCheckIntervalMs = 5000;
+
 // Signals every udhcpc process serving the interface and removes its lease file.
 void StopDhcp(const std::string& interfaceName, unsigned int metric);
 
-// Reads /tmp/dhcp_<interface>.txt if present, puts a new lease into effect (or
-// flushes a lost one), records it in `dhcpState` and deletes the file.
-void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState);
+// The pid of a udhcpc process serving the interface, 0 when there is none.
+pid_t FindDhcpClient(const std::string& interfaceName);
 
-// Configures the interface statically or starts a fresh DHCP client.
-void SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState);
+// Whether `pid` is still a udhcpc process serving the interface (one read of its
+// command line; a process that has ended, zombie or gone, is not).
+bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName);
+
+// Reads /tmp/dhcp_<interface>.txt if present, puts a new lease into effect (or
+// flushes a lost one), records it in `dhcpState` and deletes the file. Returns
+// false when a lease was read but putting it in force failed (it is recorded
+// all the same, for the caller to try again).
+bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState,
+                            WORK_FAILURE* failure = nullptr);
+
+// Puts the lease (or, when not valid, no address) in force: flush, then address
+// and route. False when a step failed.
+bool ApplyDhcpLease(const std::string& interfaceName, unsigned int metric, const DHCP_STATE& lease,
+                    WORK_FAILURE* failure = nullptr);
+
+// Configures the interface statically or starts a fresh DHCP client. False when
+// a step it needs failed.
+bool SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState,
+                    WORK_FAILURE* failure = nullptr);
 
 // Once per cycle: re-applies a changed or forced configuration, then in DHCP mode
-// looks for a new lease.
-void ServiceVethX(const std::string& interfaceName, unsigned int metric, bool& bReconfigure, IP_CONFIG& appliedConfig,
-                  IP_CONFIG& wantedConfig, DHCP_STATE& dhcpState);
+// looks for a new lease and checks that the client still runs. Failed work is
+// retried with growing waits.
+void ServiceVethX(const std::string& interfaceName, unsigned int metric, const IP_CONFIG& wantedConfig,
+                  INTERFACE_STATE& iface);

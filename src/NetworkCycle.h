@@ -2,6 +2,8 @@
 // bridge, links, addresses and PHY mode, against what earlier passes applied.
 #pragma once
 
+#include <time.h>
+
 #include <string>
 
 #include "src/Network.h"
@@ -12,29 +14,36 @@ struct CYCLE_STATE {
     // The settings, refilled from the file by every pass (a field changes only
     // when a line for it is read).
     USER_SETTINGS m_settings{};
-    // br0 is to be built on the next usable pass, whatever the mode.
+    // br0 is to be built on the next usable pass, whatever the mode (at first,
+    // and again after a build that failed).
     bool m_bBridgeSetupPending = true;
     // The mode br0 was last built for; compared only once a build has happened.
     BRIDGE_MODE m_eLastBridgeMode = BRIDGE_MODE_ETH0;
-    // The interface is to be set up again on its next servicing, changed or not
-    // (after a bridge build, and at first).
-    bool m_bVeth1Reconfigure = true;
-    bool m_bVeth3Reconfigure = true;
     // The PHY mode is to be written on the next usable pass, whatever the mode.
     bool m_bPhyModePending = true;
     // The PHY mode last written (or attempted: a failed write is not retried).
     PHY_MODE m_eLastPhyMode = PHY_MODE_COPPER;
     // eth0's link as last queried; false when the query failed.
     bool m_bEth0LinkUp = false;
+    // How often eth0 was found down and recovered, and when last (real time).
+    unsigned int m_nEth0Recoveries = 0;
+    timespec m_eth0RecoveredAt{};
     // No pass has found the configuration usable yet: the register writes are due.
     bool m_bFirstCycle = true;
-    // The addressing last applied to each interface.
-    IP_CONFIG m_veth1Applied{};
-    IP_CONFIG m_veth3Applied{};
-    // The lease in force on each interface; zero-filled is none.
-    DHCP_STATE m_veth1Dhcp{};
-    DHCP_STATE m_veth3Dhcp{};
+    // The start-up commands are to be run (again) at the start of the next pass.
+    bool m_bStartupPending = false;
+    // The start-up commands and the bridge build, as retried work.
+    WORK_HEALTH m_startupHealth;
+    WORK_HEALTH m_bridgeHealth;
+    // The two served interfaces.
+    INTERFACE_STATE m_veth1;
+    INTERFACE_STATE m_veth3;
 };
+
+// The start-up commands (loopback up, eth1 bounced), run once before the first
+// pass; when one that must succeed fails, they are run again at the start of
+// later passes until they do.
+void RunStartupCommands(CYCLE_STATE& state);
 
 // One pass: reads the file at `configPath` into `state` and, when it is usable,
 // rebuilds, recovers and re-applies what the state says is due or changed. An
