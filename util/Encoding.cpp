@@ -112,6 +112,95 @@ std::string DashboardToJson(const std::string& text) {
     return escaped;
 }
 
+namespace {
+
+// The length of the valid UTF-8 sequence at text[i] (1 to 4), 0 when the byte
+// there starts none: no overlong forms, no surrogates, nothing past U+10FFFF.
+size_t Utf8SequenceLength(const std::string& text, size_t i) {
+    const auto byte = [&text](size_t at) { return static_cast<unsigned char>(text[at]); };
+    const unsigned char lead = byte(i);
+    if (lead < 0x80) return 1;
+    size_t length = 0;
+    unsigned char low = 0x80;  // the range of the second byte, which rules out the bad forms
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return 0;
+    }
+    if (i + length > text.size()) return 0;
+    if (byte(i + 1) < low || byte(i + 1) > high) return 0;
+    for (size_t k = 2; k < length; ++k) {
+        if (byte(i + k) < 0x80 || byte(i + k) > 0xBF) return 0;
+    }
+    return length;
+}
+
+}  // namespace
+
+std::string JsonString(const std::string& text) {
+    static const char kHex[] = "0123456789abcdef";
+    std::string value;
+    value.reserve(text.size() + 2);
+    value += '"';
+    for (size_t i = 0; i < text.size();) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const size_t length = Utf8SequenceLength(text, i);
+        if (length == 0) {
+            value += "\\ufffd";
+            ++i;
+            continue;
+        }
+        if (length > 1) {
+            value.append(text, i, length);
+            i += length;
+            continue;
+        }
+        ++i;
+        switch (c) {
+            case '"':
+                value += "\\\"";
+                break;
+            case '\\':
+                value += "\\\\";
+                break;
+            case '\b':
+                value += "\\b";
+                break;
+            case '\f':
+                value += "\\f";
+                break;
+            case '\n':
+                value += "\\n";
+                break;
+            case '\r':
+                value += "\\r";
+                break;
+            case '\t':
+                value += "\\t";
+                break;
+            default:
+                if (c < 0x20 || c == 0x7F) {
+                    value += "\\u00";
+                    value += kHex[c >> 4];
+                    value += kHex[c & 0xF];
+                } else {
+                    value += static_cast<char>(c);
+                }
+        }
+    }
+    value += '"';
+    return value;
+}
+
 std::string EscapeForXml(const std::string& text) {
     std::string escaped;
     for (const char c : text) {

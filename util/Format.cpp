@@ -79,4 +79,15 @@ std::string GetSystemDate() { return FormatLocalNow("%D"); }
 
 std::string GetSystemTime() { return FormatLocalNow("%H:%M:%S"); }
 
+std::string FormatIsoTime(const timespec& instant) {
+    tm local{};
+    if (localtime_r(&instant.tv_sec, &local) == nullptr) return "";
+    char text[64] = {};
+    if (strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local) == 0) return "";
+    // The offset with a colon (+01:00): strftime's %z has none.
+    const long offset = local.tm_gmtoff;
+    const long minutes = (offset < 0 ? -offset : offset) / 60;
+    return Format("%s%c%02ld:%02ld", text, offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
+}
+
 }  // namespace Util

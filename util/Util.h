@@ -30,6 +30,11 @@ std::string FormatTimeDurAsDdHhMmSs(const unsigned int& seconds);
 std::string GetSystemDate();
 std::string GetSystemTime();
 
+// An instant as ISO 8601 local time with its zone's offset,
+// "2026-11-23T16:17:36+01:00" (whole seconds); empty when the C library cannot
+// convert it.
+std::string FormatIsoTime(const timespec& instant);
+
 // The wall clock that the time texts and the log's time stamps read: the
 // system's real-time clock unless a test has set another. Safe in a signal
 // handler (when the clock set is).
@@ -85,6 +90,12 @@ std::string EscapeForJson(const std::string& text, bool splitLines);
 // Dashboard text into a JSON string value: CR dropped, tab to four blanks,
 // line feed to \n, quote and backslash escaped.
 std::string DashboardToJson(const std::string& text);
+
+// A complete JSON string value, quotes included: quote, backslash and every
+// control character escaped (\n, \t, ... or \u00XX), DEL as \u007f, and each
+// byte that is not part of valid UTF-8 replaced by U+FFFD, so that any text
+// gives a value every JSON parser takes.
+std::string JsonString(const std::string& text);
 
 // The five XML special characters as entities.
 std::string EscapeForXml(const std::string& text);

@@ -203,4 +203,32 @@ TEST(EscapeForXmlTest, OtherBytesCopied) {
     EXPECT_EQ(Util::EscapeForXml(""), "");
 }
 
+TEST(JsonStringTest, QuotesAndEscapesQuoteAndBackslash) {
+    EXPECT_EQ(Util::JsonString(""), "\"\"");
+    EXPECT_EQ(Util::JsonString("plain text"), "\"plain text\"");
+    EXPECT_EQ(Util::JsonString("say \"hi\" \\ bye"), "\"say \\\"hi\\\" \\\\ bye\"");
+    EXPECT_EQ(Util::JsonString("/etc/x.conf"), "\"/etc/x.conf\"");
+}
+
+TEST(JsonStringTest, EveryControlCharacterIsEscaped) {
+    EXPECT_EQ(Util::JsonString("a\nb\tc\rd\be\ff"), "\"a\\nb\\tc\\rd\\be\\ff\"");
+    EXPECT_EQ(Util::JsonString(std::string("\0\x01\x1f\x7f", 4)), "\"\\u0000\\u0001\\u001f\\u007f\"");
+    for (int c = 0; c < 0x20; ++c) {
+        std::string value = Util::JsonString(std::string(1, static_cast<char>(c)));
+        for (char out : value) EXPECT_GE(static_cast<unsigned char>(out), 0x20) << c;
+    }
+}
+
+TEST(JsonStringTest, ValidUtf8StaysAndInvalidBytesBecomeReplacementCharacters) {
+    EXPECT_EQ(Util::JsonString("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"),
+              "\"gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80\"");
+    // A lone continuation byte, a cut sequence, an overlong slash, a surrogate,
+    // a lead byte past U+10FFFF.
+    EXPECT_EQ(Util::JsonString("a\x80z"), "\"a\\ufffdz\"");
+    EXPECT_EQ(Util::JsonString("a\xe2\x82"), "\"a\\ufffd\\ufffd\"");
+    EXPECT_EQ(Util::JsonString("\xc0\xaf"), "\"\\ufffd\\ufffd\"");
+    EXPECT_EQ(Util::JsonString("\xed\xa0\x80"), "\"\\ufffd\\ufffd\\ufffd\"");
+    EXPECT_EQ(Util::JsonString("\xf5\x80\x80\x80"), "\"\\ufffd\\ufffd\\ufffd\\ufffd\"");
+}
+
 }  // namespace

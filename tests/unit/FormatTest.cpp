@@ -183,6 +183,27 @@ TEST(TimeTextsTest, ExactAroundAndPastTheEndOf32BitTime) {
     }
 }
 
+TEST(FormatIsoTimeTest, LocalTimeWithTheZonesOffset) {
+    const struct {
+        long long seconds;
+        const char* zone;
+        const char* text;
+    } cases[] = {
+        {kLastSecondOf32Bits, kUtc, "2038-01-19T03:14:07+00:00"},
+        {kFirstSecondPast32Bits, kFiveAndAHalfEast, "2038-01-19T08:44:08+05:30"},
+        {kFirstSecondPast32Bits, kSevenWest, "2038-01-18T20:14:08-07:00"},
+        {kLeapDay2040, kCentralEurope, "2040-03-01T00:59:59+01:00"},
+        {kSummer2040, kCentralEurope, "2040-07-01T14:00:00+02:00"},
+        {kPastUnsigned32, kUtc, "2106-02-07T06:28:16+00:00"},
+    };
+    for (const auto& expected : cases) {
+        SCOPED_TRACE(std::to_string(expected.seconds) + " in " + expected.zone);
+        TimeZone zone(expected.zone);
+        // Whole seconds: the fraction is dropped, never rounded up.
+        EXPECT_EQ(Util::FormatIsoTime({static_cast<time_t>(expected.seconds), 999999999L}), expected.text);
+    }
+}
+
 timespec SystemNow() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
