@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 // Which physical ports join br0. Kept as arithmetic on the value: bit 1 cleared
 // gives 0 for the modes with eth0, value - 1 (unsigned) <= 1 for the modes with eth1.
@@ -165,8 +166,11 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config);
 // read, with `settings` as it was (the outputs too, unless the read failed after
 // its first line: then all three are false).
 // bSettingsValid: a valid bridge line, and the last veth1 and veth3 lines valid.
+// `problems`, when given, gets (appended) each message the read logs and, for a
+// file read to its end that is not usable, each missing line that makes it so
+// ("No veth1 line in config file"), which is not logged.
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
-                    bool& bVrx1Valid);
+                    bool& bVrx1Valid, std::vector<std::string>* problems = nullptr);
 
 // --- Retried work ---------------------------------------------------------
 

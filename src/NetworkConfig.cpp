@@ -7,11 +7,38 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
 
+// An ERROR entry about the file, also noted for a caller that collects them; a
+// macro, so the entry names the function and line that found the problem.
+#define CONFIG_ERROR(message)                               \
+    do {                                                    \
+        const std::string problem_ = (message);             \
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, problem_); \
+        NoteProblem(problem_);                              \
+    } while (false)
+
 namespace {
+
+// Where the read in progress notes the problems it logs, when its caller asked.
+std::vector<std::string>* s_problems = nullptr;
+
+void NoteProblem(const std::string& message) {
+    if (s_problems != nullptr) s_problems->push_back(message);
+}
+
+// Sets where problems are noted for one read, and clears it on every way out.
+class ProblemNotes {
+public:
+    explicit ProblemNotes(std::vector<std::string>* problems) { s_problems = problems; }
+    ~ProblemNotes() { s_problems = nullptr; }
+    ProblemNotes(const ProblemNotes&) = delete;
+    ProblemNotes& operator=(const ProblemNotes&) = delete;
+};
 
 // Line kinds in the order their keywords are looked for: the first keyword that
 // occurs anywhere in the line decides, so "bridge" beats everything else.
@@ -107,15 +134,14 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
     char gateway[16];
     int words = sscanf(line, "%*s %6s %15s %15s %15s", mode, address, mask, gateway);
     if (words < 1) {
-        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Invalid syntax for " + name + " entry in config file");
+        CONFIG_ERROR("Invalid syntax for " + name + " entry in config file");
         return -1;
     }
     // Three addresses always demand "static"; fewer words allow only "dhcp".
     bool isStatic = words == 4 && strcmp(mode, "static") == 0;
     bool isDhcp = words < 4 && strcmp(mode, "dhcp") == 0;
     if (!isStatic && !isDhcp) {
-        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
-                  "Invalid syntax or address mode for " + name + " expected dhcp|static");
+        CONFIG_ERROR("Invalid syntax or address mode for " + name + " expected dhcp|static");
         return -1;
     }
     if (isDhcp) {
@@ -140,7 +166,7 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
     for (const StaticPart& part : parts) {
         in_addr value{};
         if (inet_aton(part.word, &value) == 0) {
-            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, part.fault + name);
+            CONFIG_ERROR(part.fault + name);
             return -1;
         }
         config.*part.field = value;
@@ -149,7 +175,8 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
 }
 
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
-                    bool& bVrx1Valid) {
+                    bool& bVrx1Valid, std::vector<std::string>* problems) {
+    ProblemNotes notes(problems);
     // A phy line without a value has no message of its own and shares this one.
     static const char kNoValueWord[] = "Invalid bridge mode line in config file";
 
@@ -165,6 +192,10 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     bool bBridgeSeen = false;
     bool bVeth1Valid = false;
     bool bVeth3Valid = false;
+    // Whether any line of the kind came at all, good or bad: a bad one has its message.
+    bool bBridgeLine = false;
+    bool bVeth1Line = false;
+    bool bVeth3Line = false;
     // Lines go into a copy that replaces the settings only once the whole file
     // was read, so a read that breaks off part-way leaves the last whole read.
     USER_SETTINGS read = settings;
@@ -173,7 +204,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
         // Reading also stops on a read error: only a read that met the file's
         // end has read it whole.
         if (!bGotLine && (!bReadable || text.error)) {
-            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read configuration file");
+            CONFIG_ERROR("Unable to read configuration file");
             // Before the first line nothing was touched; after it, this read vouches for nothing.
             if (bStarted) bSettingsValid = bVrx0Valid = bVrx1Valid = false;
             return -1;
@@ -189,12 +220,13 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
         // The value is always the second word; the first is skipped unread.
         switch (FindLineKind(line)) {
             case LINE_BRIDGE: {
+                bBridgeLine = true;
                 char word[9];
                 BRIDGE_MODE mode;
                 if (sscanf(line, "%*s %8s", word) != 1) {
-                    LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, kNoValueWord);
+                    CONFIG_ERROR(kNoValueWord);
                 } else if (!BridgeModeFromWord(word, mode)) {
-                    LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Invalid bridge mode entry, expected eth0|eth1|eth0eth1");
+                    CONFIG_ERROR("Invalid bridge mode entry, expected eth0|eth1|eth0eth1");
                 } else {
                     read.m_eBridgeMode = mode;
                     bBridgeSeen = true;  // only ever set: a later bad line does not undo a good one
@@ -204,7 +236,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             case LINE_PHY: {
                 char word[6];
                 if (sscanf(line, "%*s %5s", word) != 1) {
-                    LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, kNoValueWord);
+                    CONFIG_ERROR(kNoValueWord);
                 } else {
                     // Every word but "frame" means copper, without complaint.
                     read.m_ePhyMode = strcmp(word, "frame") == 0 ? PHY_MODE_SGMII : PHY_MODE_COPPER;
@@ -213,9 +245,11 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             }
             // The last line of each interface decides its flag.
             case LINE_VETH1:
+                bVeth1Line = true;
                 bVeth1Valid = ParseInterfaceLine("veth1", line, read.m_veth1Config) == 0;
                 break;
             case LINE_VETH3:
+                bVeth3Line = true;
                 bVeth3Valid = ParseInterfaceLine("veth3", line, read.m_veth3Config) == 0;
                 break;
             case LINE_VRX0:
@@ -230,5 +264,9 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     }
     settings = read;
     bSettingsValid = bBridgeSeen && bVeth1Valid && bVeth3Valid;
+    // Not logged (the daemon never has), but the reason the file is not used.
+    if (!bBridgeLine) NoteProblem("No bridge line in config file");
+    if (!bVeth1Line) NoteProblem("No veth1 line in config file");
+    if (!bVeth3Line) NoteProblem("No veth3 line in config file");
     return 0;
 }
