@@ -5,8 +5,13 @@
 #include <time.h>
 
 #include <string>
+#include <vector>
 
 #include "src/Network.h"
+
+// The route metrics of the served interfaces: veth1's default route is preferred.
+constexpr unsigned int kVeth1Metric = 10;
+constexpr unsigned int kVeth3Metric = 100;
 
 // What the cycle remembers from one pass to the next. A new record is the state
 // before the first pass: everything is due, no lease is in force.
@@ -14,6 +19,12 @@ struct CYCLE_STATE {
     // The settings, refilled from the file by every pass (a field changes only
     // when a line for it is read).
     USER_SETTINGS m_settings{};
+    // The last read of the file: whether one was made, whether the file was
+    // usable, and what was wrong with it, in the log's words (ParseConfigFile's
+    // problems), in the order found.
+    bool m_bConfigRead = false;
+    bool m_bConfigUsable = false;
+    std::vector<std::string> m_configProblems;
     // br0 is to be built on the next usable pass, whatever the mode (at first,
     // and again after a build that failed).
     bool m_bBridgeSetupPending = true;

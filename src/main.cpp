@@ -11,6 +11,7 @@
 #include "logging/Logging.h"
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkStatus.h"
 #include "util/Util.h"
 
 namespace {
@@ -67,6 +68,8 @@ int main(int argc, char** argv) {
     CliProcessing cli;
     cli.AddParam("00help", "--help", "-h", PARAM_OVERRIDE, true, "Shows this help", "");
     cli.AddParam("01cfg-file", "--config", "-c", PARAM_MANDATORY, false, "Path to config file", "");
+    cli.AddParam("02status-dir", "--status-dir", "-s", PARAM_OPTIONAL, false,
+                 "Directory of the status document (default /run/tessel-networkd)", "");
     if (cli.ProcessCmdLine(argc, argv) != 0) {
         ShowUsage(cli);
         exit(1);
@@ -86,8 +89,13 @@ int main(int argc, char** argv) {
 
     // The path cannot change after parsing; looked up once.
     const std::string configPath = cli["01cfg-file"];
+    // The status document follows each pass; it is written only when what it shows changed.
+    STATUS_WRITER status;
+    StartStatus(status, cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"], configPath);
+    UpdateStatus(status, state);
     do {
         RunSupervisionCycle(configPath, state);
+        UpdateStatus(status, state);
         Pause(1000);
     } while (m_bMainRunning);
 

@@ -1,0 +1,296 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "src/NetworkCycle.h"
+#include "src/NetworkStatus.h"
+#include "tests/support/FixedClock.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/NetworkRecords.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+using nlohmann::json;
+
+constexpr long long kInstant = 2147483647LL;  // 2038-01-19T03:14:07Z
+
+// Runs the test in UTC, and puts the zone back.
+class Utc {
+public:
+    Utc() {
+        const char* old = getenv("TZ");
+        m_bHad = old != nullptr;
+        if (m_bHad) m_old = old;
+        setenv("TZ", "UTC0", 1);
+        tzset();
+    }
+    ~Utc() {
+        if (m_bHad) {
+            setenv("TZ", m_old.c_str(), 1);
+        } else {
+            unsetenv("TZ");
+        }
+        tzset();
+    }
+    Utc(const Utc&) = delete;
+    Utc& operator=(const Utc&) = delete;
+
+private:
+    bool m_bHad = false;
+    std::string m_old;
+};
+
+STATUS_DAEMON Daemon() {
+    STATUS_DAEMON daemon;
+    daemon.m_version = "1.2.3";
+    daemon.m_pid = 4321;
+    daemon.m_startedAt = {kInstant, 0};
+    daemon.m_configPath = "/etc/tessel-networkd.conf";
+    return daemon;
+}
+
+// The state after usable passes in the two-port mode: veth1 with a lease, veth3 static.
+CYCLE_STATE TwoPortState() {
+    CYCLE_STATE state;
+    state.m_bConfigRead = true;
+    state.m_bConfigUsable = true;
+    state.m_settings.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    state.m_settings.m_ePhyMode = PHY_MODE_SGMII;
+    state.m_settings.m_veth1Config = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    state.m_settings.m_veth3Config = IpConfig(false, "10.253.254.253", "255.255.255.0", "0.0.0.0");
+    state.m_bBridgeSetupPending = false;
+    state.m_eLastBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    state.m_bPhyModePending = false;
+    state.m_eLastPhyMode = PHY_MODE_SGMII;
+    state.m_bEth0LinkUp = true;
+    state.m_bFirstCycle = false;
+    state.m_veth1.m_bReconfigure = false;
+    state.m_veth1.m_applied = state.m_settings.m_veth1Config;
+    state.m_veth1.m_dhcp = LeaseState(true, "192.168.77.100", "255.255.255.0", "192.168.77.1");
+    state.m_veth1.m_leaseAt = {kInstant + 5, 0};
+    state.m_veth1.m_clientPid = 77;
+    state.m_veth1.m_nClientStarts = 1;
+    state.m_veth3.m_bReconfigure = false;
+    state.m_veth3.m_applied = state.m_settings.m_veth3Config;
+    return state;
+}
+
+json Document(const CYCLE_STATE& state) {
+    STATUS_SNAPSHOT snapshot;
+    TakeStatusSnapshot(state, snapshot);
+    return json::parse(StatusJson(Daemon(), snapshot));
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+ino_t Inode(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+mode_t Mode(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 ? (status.st_mode & 07777) : 0;
+}
+
+TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
+    Utc utc;
+    const json doc = Document(TwoPortState());
+    EXPECT_EQ(doc["schema"], 1);
+    EXPECT_EQ(doc["daemon"], json::parse(R"({"version": "1.2.3", "pid": 4321,
+                                             "started": "2038-01-19T03:14:07+00:00"})"));
+    EXPECT_EQ(doc["configuration"], json::parse(R"({"path": "/etc/tessel-networkd.conf", "read": true,
+                                                    "usable": true, "problems": [], "bridge_mode": "eth0eth1",
+                                                    "phy_mode": "frame"})"));
+    EXPECT_EQ(doc["bridge_mode"], "eth0eth1");
+    EXPECT_EQ(doc["phy_mode"], "frame");
+    EXPECT_EQ(doc["eth0"], json::parse(R"({"used": true, "link": "up", "recoveries": 0, "last_recovery": null})"));
+    ASSERT_EQ(doc["interfaces"].size(), 2U);
+    EXPECT_EQ(doc["interfaces"][0], json::parse(R"({"name": "veth1", "addressing": "dhcp", "requested": null,
+        "address": "192.168.77.100", "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10,
+        "from_dhcp": true, "lease_at": "2038-01-19T03:14:12+00:00", "dhcp_client": {"pid": 77, "starts": 1},
+        "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}})"));
+    EXPECT_EQ(doc["interfaces"][1], json::parse(R"({"name": "veth3", "addressing": "static",
+        "requested": {"address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null},
+        "address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null, "metric": 100,
+        "from_dhcp": false, "lease_at": null, "dhcp_client": {"pid": null, "starts": 0},
+        "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}})"));
+    EXPECT_EQ(doc["work"]["bridge"], json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
+                                                     "recovered_at": null})"));
+}
+
+TEST(StatusJsonTest, BeforeTheFirstReadNothingIsInForce) {
+    const json doc = Document(CYCLE_STATE{});
+    EXPECT_EQ(doc["configuration"]["read"], false);
+    EXPECT_EQ(doc["configuration"]["bridge_mode"], nullptr);
+    EXPECT_EQ(doc["bridge_mode"], nullptr);
+    EXPECT_EQ(doc["phy_mode"], nullptr);
+    EXPECT_EQ(doc["eth0"]["used"], false);
+    EXPECT_EQ(doc["eth0"]["link"], nullptr);
+    ASSERT_EQ(doc["interfaces"].size(), 1U);
+    EXPECT_EQ(doc["interfaces"][0]["addressing"], nullptr);
+    EXPECT_EQ(doc["interfaces"][0]["address"], nullptr);
+}
+
+TEST(StatusJsonTest, AnUnusableFileShowsItsProblemsAndKeepsWhatIsInForce) {
+    CYCLE_STATE state = TwoPortState();
+    state.m_bConfigUsable = false;
+    state.m_configProblems = {"Invalid static subnet mask veth3", "No veth1 line in config file"};
+    const json doc = Document(state);
+    EXPECT_EQ(doc["configuration"]["usable"], false);
+    EXPECT_EQ(doc["configuration"]["problems"],
+              json::parse(R"(["Invalid static subnet mask veth3", "No veth1 line in config file"])"));
+    EXPECT_EQ(doc["configuration"]["bridge_mode"], nullptr);
+    EXPECT_EQ(doc["bridge_mode"], "eth0eth1");
+    EXPECT_EQ(doc["interfaces"][1]["address"], "10.253.254.253");
+}
+
+TEST(StatusJsonTest, AFailureNotYetRecoveredAndOneThatRecovered) {
+    Utc utc;
+    CYCLE_STATE state = TwoPortState();
+    state.m_bridgeHealth.m_nFailures = 3;
+    state.m_bridgeHealth.m_lastFailure.m_command = "ip link add name br0 type bridge";
+    state.m_bridgeHealth.m_lastFailure.m_outcome.m_nStatus = 2;
+    state.m_bridgeHealth.m_failedAt = {kInstant + 60, 0};
+    state.m_veth3.m_health.m_lastFailure.m_command = "ip addr add 10.253.254.253/255.255.255.0 dev veth3";
+    state.m_veth3.m_health.m_lastFailure.m_outcome.m_nStatus = 1;
+    state.m_veth3.m_health.m_failedAt = {kInstant + 1, 0};
+    state.m_veth3.m_health.m_recoveredAt = {kInstant + 2, 0};
+    const json doc = Document(state);
+    EXPECT_EQ(doc["work"]["bridge"], json::parse(R"({"failing": true, "failures": 3, "last_failure":
+        {"command": "ip link add name br0 type bridge", "outcome": ")" +
+                                                 DescribeOutcome(state.m_bridgeHealth.m_lastFailure.m_outcome) +
+                                                 R"(", "at": "2038-01-19T03:15:07+00:00"}, "recovered_at": null})"));
+    EXPECT_EQ(doc["work"]["veth3"]["failing"], false);
+    EXPECT_EQ(doc["work"]["veth3"]["recovered_at"], "2038-01-19T03:14:09+00:00");
+    EXPECT_EQ(doc["work"]["veth3"]["last_failure"]["command"], "ip addr add 10.253.254.253/255.255.255.0 dev veth3");
+}
+
+TEST(StatusJsonTest, EscapesWhatItQuotes) {
+    STATUS_DAEMON daemon = Daemon();
+    daemon.m_configPath = "/etc/odd \"name\"\n\x01\xff.conf";
+    STATUS_SNAPSHOT snapshot;
+    TakeStatusSnapshot(TwoPortState(), snapshot);
+    const json doc = json::parse(StatusJson(daemon, snapshot));
+    EXPECT_EQ(doc["configuration"]["path"], "/etc/odd \"name\"\n\x01\xef\xbf\xbd.conf");
+}
+
+TEST(StatusSnapshotTest, EqualUntilAFieldTheDocumentShowsChanges) {
+    const CYCLE_STATE state = TwoPortState();
+    STATUS_SNAPSHOT a;
+    STATUS_SNAPSHOT b;
+    TakeStatusSnapshot(state, a);
+    TakeStatusSnapshot(state, b);
+    EXPECT_TRUE(a == b);
+    CYCLE_STATE changed = state;
+    changed.m_veth1.m_nClientStarts = 2;
+    TakeStatusSnapshot(changed, b);
+    EXPECT_TRUE(a != b);
+    changed = state;
+    changed.m_configProblems.push_back("Unable to read configuration file");
+    TakeStatusSnapshot(changed, b);
+    EXPECT_TRUE(a != b);
+    changed = state;
+    changed.m_eth0RecoveredAt = {kInstant, 1};
+    TakeStatusSnapshot(changed, b);
+    EXPECT_TRUE(a != b);
+    // What the document does not show changes nothing: the client check's next time.
+    changed = state;
+    changed.m_veth1.m_nClientCheckAtMs = 123456;
+    TakeStatusSnapshot(changed, b);
+    EXPECT_TRUE(a == b);
+}
+
+TEST(WriteStatusFileTest, CreatesTheDirectoryAndTheFileWithTheirModesWhateverTheUmask) {
+    TempDir dir;
+    const std::string status = dir.Path("run");
+    const mode_t old = umask(077);
+    std::string error;
+    const bool bWritten = WriteStatusFile(status, "{}\n", error);
+    umask(old);
+    ASSERT_TRUE(bWritten) << error;
+    EXPECT_EQ(Mode(status), 0755U);
+    EXPECT_EQ(Mode(status + "/status.json"), 0644U);
+    EXPECT_EQ(ReadFile(status + "/status.json"), "{}\n");
+    // Replaced, not rewritten: a reader holding the old file keeps it whole.
+    const ino_t first = Inode(status + "/status.json");
+    ASSERT_TRUE(WriteStatusFile(status, "{\"a\": 1}\n", error)) << error;
+    EXPECT_NE(Inode(status + "/status.json"), first);
+    EXPECT_EQ(ReadFile(status + "/status.json"), "{\"a\": 1}\n");
+    // Nothing else is left in the directory.
+    EXPECT_EQ(access((status + "/.status.json.new").c_str(), F_OK), -1);
+}
+
+TEST(WriteStatusFileTest, RefusesASymbolicLinkAndADirectoryOthersCanWrite) {
+    TempDir dir;
+    ASSERT_EQ(mkdir(dir.Path("elsewhere").c_str(), 0755), 0);
+    ASSERT_EQ(symlink(dir.Path("elsewhere").c_str(), dir.Path("run").c_str()), 0);
+    std::string error;
+    EXPECT_FALSE(WriteStatusFile(dir.Path("run"), "{}\n", error));
+    EXPECT_NE(error.find("not a directory"), std::string::npos) << error;
+    EXPECT_EQ(access(dir.Path("elsewhere/status.json").c_str(), F_OK), -1);
+
+    ASSERT_EQ(mkdir(dir.Path("open").c_str(), 0755), 0);
+    ASSERT_EQ(chmod(dir.Path("open").c_str(), 0777), 0);
+    EXPECT_FALSE(WriteStatusFile(dir.Path("open"), "{}\n", error));
+    EXPECT_NE(error.find("writable by others"), std::string::npos) << error;
+}
+
+TEST(WriteStatusFileTest, ALeftoverTemporaryFileIsReplaced) {
+    TempDir dir;
+    ASSERT_EQ(mkdir(dir.Path("run").c_str(), 0755), 0);
+    std::ofstream(dir.Path("run/.status.json.new")) << "half a document";
+    std::string error;
+    ASSERT_TRUE(WriteStatusFile(dir.Path("run"), "{}\n", error)) << error;
+    EXPECT_EQ(ReadFile(dir.Path("run/status.json")), "{}\n");
+}
+
+TEST(UpdateStatusTest, WritesOnlyWhenWhatItShowsChanged) {
+    TempDir dir;
+    STATUS_WRITER writer;
+    StartStatus(writer, dir.Path("run"), "/etc/x.conf");
+    CYCLE_STATE state = TwoPortState();
+    UpdateStatus(writer, state);
+    const std::string path = dir.Path("run/status.json");
+    const ino_t first = Inode(path);
+    ASSERT_NE(first, 0U);
+    EXPECT_EQ(json::parse(ReadFile(path))["daemon"]["pid"], getpid());
+    for (int pass = 0; pass < 5; ++pass) UpdateStatus(writer, state);
+    EXPECT_EQ(Inode(path), first);
+    state.m_bEth0LinkUp = false;
+    UpdateStatus(writer, state);
+    EXPECT_NE(Inode(path), first);
+    EXPECT_EQ(json::parse(ReadFile(path))["eth0"]["link"], "down");
+}
+
+TEST(UpdateStatusTest, AFailedWriteIsLoggedOnceAndTriedAgainAfterTheNextPass) {
+    TempDir dir;
+    // A file where the directory should be: every write fails until it is gone.
+    std::ofstream(dir.Path("run")) << "in the way";
+    STATUS_WRITER writer;
+    StartStatus(writer, dir.Path("run"), "/etc/x.conf");
+    const CYCLE_STATE state = TwoPortState();
+    LogCapture log;
+    for (int pass = 0; pass < 3; ++pass) UpdateStatus(writer, state);
+    const std::vector<std::string> messages = log.Messages();
+    ASSERT_EQ(messages.size(), 1U);
+    EXPECT_EQ(messages[0].rfind("Unable to write status file " + dir.Path("run") + "/status.json: ", 0), 0U)
+        << messages[0];
+    ASSERT_EQ(unlink(dir.Path("run").c_str()), 0);
+    // Nothing changed in the state, yet the document is written.
+    UpdateStatus(writer, state);
+    EXPECT_EQ(json::parse(ReadFile(dir.Path("run/status.json")))["schema"], 1);
+    EXPECT_EQ(log.Messages().back(), "Status file " + dir.Path("run") + "/status.json written again");
+}
+
+}  // namespace
