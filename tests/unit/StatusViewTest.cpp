@@ -1,0 +1,133 @@
+#include "tools/networkctl/StatusView.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/support/TempDir.h"
+
+namespace {
+
+using nlohmann::json;
+
+const char kHealthy[] = R"({
+  "schema": 1,
+  "daemon": {"version": "1.0.0", "pid": 42, "started": "2026-11-23T16:17:36+00:00"},
+  "configuration": {"path": "/etc/tessel-networkd.conf", "read": true, "usable": true, "problems": [],
+                    "bridge_mode": "eth0eth1", "phy_mode": "frame"},
+  "bridge_mode": "eth0eth1",
+  "phy_mode": "frame",
+  "eth0": {"used": true, "link": "up", "recoveries": 2, "last_recovery": "2026-11-23T16:20:00+00:00"},
+  "interfaces": [
+    {"name": "veth1", "addressing": "dhcp", "requested": null, "address": "192.168.77.100",
+     "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10, "from_dhcp": true,
+     "lease_at": "2026-11-23T16:17:40+00:00", "dhcp_client": {"pid": 51, "starts": 1},
+     "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}},
+    {"name": "veth3", "addressing": "static",
+     "requested": {"address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null},
+     "address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null, "metric": 100, "from_dhcp": false,
+     "lease_at": null, "dhcp_client": {"pid": null, "starts": 0},
+     "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}}
+  ],
+  "work": {
+    "startup": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
+    "bridge": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
+    "veth1": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
+    "veth3": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}
+  }
+})";
+
+void WriteText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+
+// A process directory as /proc has it: state, name and arguments.
+void FakeProcess(const TempDir& proc, long pid, char state, const std::string& comm, const std::string& cmdline) {
+    const std::string dir = proc.Path(std::to_string(pid));
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    WriteText(dir + "/stat", std::to_string(pid) + " (" + comm + ") " + state + " 1 1 1 0 -1\n");
+    WriteText(dir + "/comm", comm + "\n");
+    WriteText(dir + "/cmdline", cmdline);
+}
+
+TEST(DegradationsTest, NoneWhenEverythingConfiguredIsInForce) {
+    EXPECT_TRUE(Degradations(json::parse(kHealthy)).empty());
+}
+
+TEST(DegradationsTest, FailingWorkAMissingAddressEth0DownAndAnUnusableFile) {
+    json doc = json::parse(kHealthy);
+    doc["work"]["bridge"]["failing"] = true;
+    doc["work"]["bridge"]["last_failure"] = {
+        {"command", "ip link add name br0 type bridge"}, {"outcome", "exit status 1"}, {"at", "x"}};
+    doc["interfaces"][0]["address"] = nullptr;
+    doc["eth0"]["link"] = "down";
+    doc["configuration"]["usable"] = false;
+    const std::vector<std::string> expected = {
+        "configuration file /etc/tessel-networkd.conf is not usable",
+        "bridge build failing (ip link add name br0 type bridge: exit status 1)",
+        "veth1 has no address in force",
+        "eth0's link is down",
+    };
+    EXPECT_EQ(Degradations(doc), expected);
+}
+
+TEST(DegradationsTest, Eth0DownCountsOnlyInAModeThatBridgesIt) {
+    json doc = json::parse(kHealthy);
+    doc["eth0"] = {{"used", false}, {"link", nullptr}, {"recoveries", 0}, {"last_recovery", nullptr}};
+    EXPECT_TRUE(Degradations(doc).empty());
+}
+
+TEST(DegradationsTest, ADocumentOfAnotherShapeIsReadWithoutACrash) {
+    EXPECT_NO_THROW(Degradations(json::parse(R"({"schema": 2, "work": [1, 2], "interfaces": {"a": 1}})")));
+    EXPECT_NO_THROW(StatusTable(json::parse(R"({"schema": 2, "eth0": 3, "interfaces": [1, "x"]})"), true, {}, false));
+}
+
+TEST(DaemonRunningTest, ByNameOrByAnArgumentAndNeverAZombie) {
+    TempDir proc;
+    FakeProcess(proc, 10, 'S', "tessel-networkd", std::string("tessel-networkd\0--config\0/x\0", 29));
+    FakeProcess(proc, 11, 'S', "qemu-arm",
+                std::string("/usr/bin/qemu-arm\0-L\0/usr/arm-linux-gnueabihf\0/work/tessel-networkd\0", 67));
+    FakeProcess(proc, 12, 'Z', "tessel-networkd", "");
+    FakeProcess(proc, 13, 'S', "sleep", std::string("sleep\0tessel-networkd\0", 22));
+    FakeProcess(proc, 14, 'S', "bash", std::string("bash\0-c\0x\0y\0/tessel-networkd\0", 28));
+    EXPECT_TRUE(DaemonRunning(10, proc.Path()));
+    EXPECT_TRUE(DaemonRunning(11, proc.Path()));
+    EXPECT_FALSE(DaemonRunning(12, proc.Path()));
+    // Among the first arguments, as an emulator runs it; further on it does not count.
+    EXPECT_TRUE(DaemonRunning(13, proc.Path()));
+    EXPECT_FALSE(DaemonRunning(14, proc.Path()));
+    EXPECT_FALSE(DaemonRunning(15, proc.Path()));
+    EXPECT_FALSE(DaemonRunning(0, proc.Path()));
+}
+
+TEST(DaemonRunningTest, ThisProcessIsNoDaemon) { EXPECT_FALSE(DaemonRunning(getpid())); }
+
+TEST(StatusTableTest, NamesEveryInterfaceWithWhatIsInForce) {
+    const json doc = json::parse(kHealthy);
+    const std::string table = StatusTable(doc, true, Degradations(doc), false);
+    EXPECT_NE(table.find("State:          healthy"), std::string::npos) << table;
+    EXPECT_NE(table.find("/etc/tessel-networkd.conf (usable)"), std::string::npos) << table;
+    EXPECT_NE(table.find("eth0:           up, 2 recoveries, last 2026-11-23T16:20:00+00:00"), std::string::npos)
+        << table;
+    EXPECT_NE(table.find("veth1      dhcp"), std::string::npos) << table;
+    EXPECT_NE(table.find("192.168.77.100"), std::string::npos) << table;
+    EXPECT_NE(table.find("lease 2026-11-23T16:17:40+00:00"), std::string::npos) << table;
+    EXPECT_NE(table.find("pid 51, 1 started"), std::string::npos) << table;
+    EXPECT_NE(table.find("static 10.253.254.253/255.255.255.0"), std::string::npos) << table;
+    EXPECT_EQ(table.find('\033'), std::string::npos) << "colour without a terminal";
+    EXPECT_NE(StatusTable(doc, true, {}, true).find("\033[32mhealthy\033[0m"), std::string::npos);
+}
+
+TEST(StatusTableTest, ANotRunningDaemonAndControlCharactersFromTheDocument) {
+    json doc = json::parse(kHealthy);
+    doc["configuration"]["path"] = "/etc/\033[2Jx.conf";
+    const std::string table = StatusTable(doc, false, {}, false);
+    EXPECT_NE(table.find("State:          not running"), std::string::npos) << table;
+    EXPECT_NE(table.find("/etc/?[2Jx.conf"), std::string::npos) << table;
+    EXPECT_EQ(table.find('\033'), std::string::npos);
+}
+
+}  // namespace

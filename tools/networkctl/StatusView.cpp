@@ -1,0 +1,249 @@
+// The status document read for people and for the exit status.
+#include "tools/networkctl/StatusView.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using nlohmann::json;
+
+namespace {
+
+const char kDaemonName[] = "tessel-networkd";
+
+// A member of an object, null when the value is no object or has no such member:
+// a document of another schema shows as unknown fields, never as a crash.
+const json& At(const json& value, const char* key) {
+    static const json kNull;
+    if (!value.is_object()) return kNull;
+    const auto found = value.find(key);
+    return found == value.end() ? kNull : *found;
+}
+
+bool Flag(const json& value) { return value.is_boolean() && value.get<bool>(); }
+
+long long Number(const json& value) { return value.is_number_integer() ? value.get<long long>() : 0; }
+
+// Text for a terminal: control characters from the document never reach it.
+std::string Printable(const std::string& text) {
+    std::string printable = text;
+    std::replace_if(
+        printable.begin(), printable.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; },
+        '?');
+    return printable;
+}
+
+// A string or number as text, `none` for anything else (null, missing).
+std::string Text(const json& value, const char* none = "-") {
+    if (value.is_string()) return Printable(value.get<std::string>());
+    if (value.is_number()) return value.dump();
+    return none;
+}
+
+std::string ReadFirstLine(const std::string& path) {
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+std::string BaseName(const std::string& path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+struct Colours {
+    bool on;
+    std::string Paint(const std::string& text, const char* code) const {
+        return on ? std::string("\033[") + code + "m" + text + "\033[0m" : text;
+    }
+    std::string Good(const std::string& text) const { return Paint(text, "32"); }
+    std::string Warn(const std::string& text) const { return Paint(text, "33"); }
+    std::string Bad(const std::string& text) const { return Paint(text, "31"); }
+    std::string Bold(const std::string& text) const { return Paint(text, "1"); }
+};
+
+// Rows of cells printed in columns, two blanks apart; the colour codes of a cell
+// do not count towards its width.
+class Table {
+public:
+    void Row(std::vector<std::string> cells, std::vector<std::string> shown = {}) {
+        if (shown.empty()) shown = cells;
+        m_widths.resize(std::max(m_widths.size(), cells.size()), 0);
+        for (size_t i = 0; i < cells.size(); ++i) m_widths[i] = std::max(m_widths[i], cells[i].size());
+        m_rows.push_back({std::move(cells), std::move(shown)});
+    }
+    std::string Text() const {
+        std::string text;
+        for (const auto& row : m_rows) {
+            std::string line;
+            for (size_t i = 0; i < row.first.size(); ++i) {
+                line += row.second[i];
+                if (i + 1 < row.first.size()) line += std::string(m_widths[i] - row.first[i].size() + 2, ' ');
+            }
+            text += line + "\n";
+        }
+        return text;
+    }
+
+private:
+    std::vector<size_t> m_widths;
+    std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> m_rows;
+};
+
+const char* const kWorkNames[] = {"startup", "bridge", "veth1", "veth3"};
+
+std::string WorkTitle(const std::string& name) {
+    if (name == "startup") return "start-up commands";
+    if (name == "bridge") return "bridge build";
+    return "addressing of " + name;
+}
+
+std::string FailureText(const json& failure) {
+    return Text(At(failure, "command")) + ": " + Text(At(failure, "outcome"));
+}
+
+}  // namespace
+
+bool DaemonRunning(long pid, const std::string& procRoot) {
+    if (pid <= 0) return false;
+    const std::string dir = procRoot + "/" + std::to_string(pid);
+    // The state is the field after the name in parentheses, which may hold blanks.
+    const std::string stat = ReadFirstLine(dir + "/stat");
+    const auto close = stat.rfind(')');
+    if (close == std::string::npos || close + 2 >= stat.size()) return false;
+    if (stat[close + 2] == 'Z' || stat[close + 2] == 'X') return false;
+    if (ReadFirstLine(dir + "/comm") == kDaemonName) return true;
+    // Run through an emulator (qemu-arm -L ROOT tessel-networkd) or an interpreter.
+    std::ifstream in(dir + "/cmdline", std::ios::binary);
+    const std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream args(cmdline);
+    std::string arg;
+    for (int i = 0; i < 4 && std::getline(args, arg, '\0'); ++i) {
+        if (BaseName(arg) == kDaemonName) return true;
+    }
+    return false;
+}
+
+std::vector<std::string> Degradations(const json& document) {
+    std::vector<std::string> reasons;
+    const json& configuration = At(document, "configuration");
+    if (Flag(At(configuration, "read")) && !Flag(At(configuration, "usable"))) {
+        reasons.push_back("configuration file " + Text(At(configuration, "path")) + " is not usable");
+    }
+    const json& work = At(document, "work");
+    for (const char* name : kWorkNames) {
+        const json& health = At(work, name);
+        if (Flag(At(health, "failing"))) {
+            reasons.push_back(WorkTitle(name) + " failing (" + FailureText(At(health, "last_failure")) + ")");
+        }
+    }
+    const json& interfaces = At(document, "interfaces");
+    if (interfaces.is_array()) {
+        for (const json& iface : interfaces) {
+            if (At(iface, "address").is_null()) reasons.push_back(Text(At(iface, "name")) + " has no address in force");
+        }
+    }
+    const json& eth0 = At(document, "eth0");
+    if (Flag(At(eth0, "used")) && Text(At(eth0, "link")) == "down") reasons.push_back("eth0's link is down");
+    return reasons;
+}
+
+std::string StatusTable(const json& document, bool running, const std::vector<std::string>& reasons, bool colour) {
+    const Colours c{colour};
+    std::string text;
+    const json& daemon = At(document, "daemon");
+    text += c.Bold(kDaemonName) + " " + Text(At(daemon, "version"), "?") + ", pid " + Text(At(daemon, "pid"), "?") +
+            ", started " + Text(At(daemon, "started"), "?") + "\n";
+    std::string state;
+    if (!running) {
+        state = c.Bad("not running") + " (what it last reported follows)";
+    } else if (reasons.empty()) {
+        state = c.Good("healthy");
+    } else {
+        state = c.Warn("degraded");
+    }
+    Table head;
+    head.Row({"State:", state});
+    for (const std::string& reason : reasons) head.Row({"", Printable(reason)});
+
+    const json& configuration = At(document, "configuration");
+    std::string read = !Flag(At(configuration, "read")) ? "not read yet"
+                       : Flag(At(configuration, "usable"))
+                           ? "usable"
+                           : c.Bad("not usable") + ", the last usable one stays in force";
+    head.Row({"Configuration:", Text(At(configuration, "path")) + " (" + read + ")"});
+    const json& problems = At(configuration, "problems");
+    if (problems.is_array()) {
+        for (const json& problem : problems) head.Row({"", Text(problem)});
+    }
+    head.Row({"Bridge mode:", Text(At(document, "bridge_mode"), "none") + " (configured " +
+                                  Text(At(configuration, "bridge_mode"), "-") + ")"});
+    head.Row({"PHY mode:", Text(At(document, "phy_mode"), "none") + " (configured " +
+                               Text(At(configuration, "phy_mode"), "-") + ")"});
+    const json& eth0 = At(document, "eth0");
+    std::string link = "not bridged";
+    if (Flag(At(eth0, "used"))) link = Text(At(eth0, "link")) == "up" ? c.Good("up") : c.Bad("down");
+    link += ", " + std::to_string(Number(At(eth0, "recoveries"))) + " recoveries";
+    if (!At(eth0, "last_recovery").is_null()) link += ", last " + Text(At(eth0, "last_recovery"));
+    head.Row({"eth0:", link});
+    text += head.Text() + "\n";
+
+    Table ifaces;
+    ifaces.Row({"INTERFACE", "ADDRESSING", "ADDRESS", "MASK", "GATEWAY", "METRIC", "SOURCE", "DHCP CLIENT"});
+    const json& interfaces = At(document, "interfaces");
+    if (interfaces.is_array()) {
+        for (const json& iface : interfaces) {
+            std::string addressing = Text(At(iface, "addressing"));
+            const json& requested = At(iface, "requested");
+            if (requested.is_object()) {
+                addressing += " " + Text(At(requested, "address")) + "/" + Text(At(requested, "mask"));
+            }
+            const bool bHas = !At(iface, "address").is_null();
+            std::string source = !bHas                          ? "none"
+                                 : Flag(At(iface, "from_dhcp")) ? "lease " + Text(At(iface, "lease_at"))
+                                                                : "static";
+            const json& client = At(iface, "dhcp_client");
+            std::string clientText = "-";
+            if (!At(client, "pid").is_null() || Number(At(client, "starts")) != 0) {
+                clientText =
+                    "pid " + Text(At(client, "pid")) + ", " + std::to_string(Number(At(client, "starts"))) + " started";
+            }
+            std::vector<std::string> cells = {Text(At(iface, "name")),
+                                              addressing,
+                                              Text(At(iface, "address"), "none"),
+                                              Text(At(iface, "mask")),
+                                              Text(At(iface, "gateway")),
+                                              Text(At(iface, "metric")),
+                                              source,
+                                              clientText};
+            std::vector<std::string> shown = cells;
+            shown[2] = bHas ? cells[2] : c.Bad(cells[2]);
+            ifaces.Row(cells, shown);
+        }
+    }
+    text += ifaces.Text() + "\n";
+
+    Table work;
+    work.Row({"WORK", "STATE", "FAILURES", "LAST FAILURE", "RECOVERED"});
+    for (const char* name : kWorkNames) {
+        const json& health = At(At(document, "work"), name);
+        if (!health.is_object()) continue;
+        const json& failure = At(health, "last_failure");
+        const bool bFailing = Flag(At(health, "failing"));
+        std::string stateText = bFailing ? "failing" : failure.is_null() ? "ok" : "recovered";
+        std::string shownState = bFailing ? c.Bad(stateText) : c.Good(stateText);
+        std::string last = failure.is_null() ? "-" : Text(At(failure, "at")) + " " + FailureText(failure);
+        std::vector<std::string> cells = {name, stateText, Text(At(health, "failures")), last,
+                                          Text(At(health, "recovered_at"))};
+        std::vector<std::string> shown = cells;
+        shown[1] = shownState;
+        work.Row(cells, shown);
+    }
+    text += work.Text();
+    return text;
+}

@@ -1,0 +1,109 @@
+// tessel-networkctl: the operator's view of tessel-networkd.
+//   tessel-networkctl status [--json] [--status-dir DIR]   what is configured, in force and wrong
+//   tessel-networkctl check FILE                          a configuration file, as the daemon reads it
+// Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or
+// its document is stale; of check: 0 usable, 1 not usable, 2 unreadable; 2 for
+// a wrong command line.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "src/NetworkStatus.h"
+#include "tools/netcheck/ConfigCheck.h"
+#include "tools/networkctl/StatusView.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: tessel-networkctl COMMAND\n"
+    "Commands:\n"
+    "  status [--json] [--status-dir DIR]  what tessel-networkd has configured, what is in force\n"
+    "                                      and what went wrong; --json prints its status document\n"
+    "  check FILE                          reads a configuration file as the daemon would\n"
+    "  help                                this text\n"
+    "Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or its status is\n"
+    "stale; of check: 0 usable, 1 not usable, 2 the file cannot be read; 2 for a wrong command line.\n";
+
+int Usage(FILE* out, int status) {
+    fputs(kUsage, out);
+    return status;
+}
+
+bool UseColour() {
+    const char* term = getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && getenv("NO_COLOR") == nullptr && term != nullptr && strcmp(term, "dumb") != 0;
+}
+
+int Status(const std::vector<std::string>& args) {
+    bool bJson = false;
+    std::string directory = kStatusDirectory;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--json") {
+            bJson = true;
+        } else if (args[i] == "--status-dir" && i + 1 < args.size()) {
+            directory = args[++i];
+        } else {
+            return Usage(stderr, 2);
+        }
+    }
+    const std::string path = directory + "/" + kStatusFileName;
+    std::ifstream in(path, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // The daemon replaces the document in one step: what is read is one whole document.
+    const nlohmann::json document =
+        in ? nlohmann::json::parse(text, nullptr, false) : nlohmann::json(nlohmann::json::value_t::discarded);
+    if (document.is_discarded() || !document.is_object()) {
+        if (bJson) puts("null");
+        if (!in) {
+            printf("tessel-networkd is not running: no status document at %s\n", path.c_str());
+            return STATUS_NOT_RUNNING;
+        }
+        fprintf(stderr, "tessel-networkctl: %s is not a status document\n", path.c_str());
+        return STATUS_NOT_RUNNING;
+    }
+    const auto& schema = document.find("schema");
+    if (schema == document.end() || *schema != kStatusSchema) {
+        fprintf(stderr, "tessel-networkctl: %s has schema %s, this command knows %d\n", path.c_str(),
+                schema == document.end() ? "none" : schema->dump().c_str(), kStatusSchema);
+    }
+    long pid = 0;
+    const auto daemon = document.find("daemon");
+    if (daemon != document.end() && daemon->is_object()) {
+        const auto found = daemon->find("pid");
+        if (found != daemon->end() && found->is_number_integer()) pid = found->get<long>();
+    }
+    const bool bRunning = DaemonRunning(pid);
+    const std::vector<std::string> reasons = Degradations(document);
+    if (bJson) {
+        // As the daemon wrote it.
+        fwrite(text.data(), 1, text.size(), stdout);
+    } else {
+        fputs(StatusTable(document, bRunning, reasons, UseColour()).c_str(), stdout);
+    }
+    if (!bRunning) return STATUS_NOT_RUNNING;
+    return reasons.empty() ? STATUS_HEALTHY : STATUS_DEGRADED;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
+    if (args.empty()) return Usage(stderr, 2);
+    const std::string& command = args[0];
+    const std::vector<std::string> rest(args.begin() + 1, args.end());
+    if (command == "help" || command == "-h" || command == "--help") return Usage(stdout, 0);
+    if (command == "status") return Status(rest);
+    if (command == "check") {
+        if (rest.size() != 1 || rest[0].empty() || rest[0][0] == '-') return Usage(stderr, 2);
+        return CheckConfigFile(rest[0]);
+    }
+    fprintf(stderr, "tessel-networkctl: unknown command %s\n", command.c_str());
+    return Usage(stderr, 2);
+}
