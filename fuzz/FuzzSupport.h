@@ -27,7 +27,10 @@ inline void SilenceLogging() {
 class RecordingRunner {
 public:
     RecordingRunner()
-        : m_previous(SetCommandRunner([this](const std::string& command) { m_commands.push_back(command); })) {}
+        : m_previous(SetCommandRunner([this](const std::string& command) {
+              m_commands.push_back(command);
+              return COMMAND_OUTCOME{};
+          })) {}
     ~RecordingRunner() { SetCommandRunner(std::move(m_previous)); }
     RecordingRunner(const RecordingRunner&) = delete;
     RecordingRunner& operator=(const RecordingRunner&) = delete;

@@ -11,23 +11,29 @@ std::string DottedQuad(in_addr address) { return std::string(inet_ntoa(address))
 
 }  // namespace
 
-void FlushAddrAndRouting(const std::string& interfaceName) {
-    RunCommand("ip route flush dev " + interfaceName);
-    RunCommand("ip addr flush dev " + interfaceName);
+bool FlushAddrAndRouting(const std::string& interfaceName, WORK_FAILURE* failure) {
+    WORK_FAILURE ignored;
+    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
+    // Nothing to flush is no failure, so either may fail.
+    return RunStep("ip route flush dev " + interfaceName, false, noted) &&
+           RunStep("ip addr flush dev " + interfaceName, false, noted);
 }
 
-void SetAddrAndRouting(const std::string& interfaceName, unsigned int metric, in_addr address, in_addr mask,
-                       in_addr gateway) {
+bool SetAddrAndRouting(const std::string& interfaceName, unsigned int metric, in_addr address, in_addr mask,
+                       in_addr gateway, WORK_FAILURE* failure) {
+    WORK_FAILURE ignored;
+    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
     std::string addressWithMask = DottedQuad(address) + "/" + DottedQuad(mask);
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring " + interfaceName + " for " + addressWithMask);
-    RunCommand("ip addr add " + addressWithMask + " dev " + interfaceName);
+    if (!RunStep("ip addr add " + addressWithMask + " dev " + interfaceName, true, noted)) return false;
 
     if (gateway.s_addr != 0) {
         std::string via = DottedQuad(gateway);
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Adding default gateway " + via + " for " + interfaceName);
-        RunCommand("ip route add default via " + via + " dev " + interfaceName + " metric " +
-                   Util::Format("%u", metric));
-    } else {
-        LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Not adding default gateway for " + interfaceName);
+        return RunStep("ip route add default via " + via + " dev " + interfaceName + " metric " +
+                           Util::Format("%u", metric),
+                       true, noted);
     }
+    LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Not adding default gateway for " + interfaceName);
+    return true;
 }

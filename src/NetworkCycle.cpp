@@ -5,16 +5,16 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "util/Util.h"
 
 namespace {
 
 const char* const kPhyModeFile = "/proc/marvell-phy-0-port";
-const unsigned int kVeth1Metric = 10;
-const unsigned int kVeth3Metric = 100;
 
 // Register writes that recover the eth0 link, in run order, each with the pause
 // that follows it; the 0x701/0x700 pulse is written twice on purpose, each pair
 // back to back.
+// None has to succeed: the sequence is run again whenever the link is found down.
 struct REGISTER_WRITE {
     const char* m_szCommand;
     unsigned int m_nPauseAfterMs;
@@ -32,56 +32,114 @@ const REGISTER_WRITE kRegisterWriteSequence[] = {
 };
 // clang-format on
 
+// Loopback up, and eth1 bounced; only the loopback is needed by later work.
+// clang-format off
+const SHELL_STEP kStartupSteps[] = {
+    {"ip link set dev lo up",     true},
+    {"ip link set dev eth1 down", false},
+    {"ip link set dev eth1 up",   false},
+};
+// clang-format on
+
+// eth0 found down is bounced (the register writes follow); found up, it is put
+// back into br0 in case anything detached it. Both are repeated every pass the
+// link is in that state, so none has to succeed.
+const SHELL_STEP kEth0DownSteps[] = {
+    {"ip link set eth0 down > /dev/null 2>&1", false},
+    {"ip link set eth0 up > /dev/null 2>&1", false},
+};
+const SHELL_STEP kEth0UpSteps[] = {
+    {"ip link set eth0 master br0 > /dev/null 2>&1", false},
+};
+// After the PHY mode is written, eth1 is bounced to take it up.
+const SHELL_STEP kPhyModeSteps[] = {
+    {"ip link set dev eth1 down", false},
+    {"ip link set dev eth1 up", false},
+};
+
+// Runs the steps in order, stopping at the first the work cannot go on after.
+template <size_t N>
+bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
+    for (const SHELL_STEP& step : steps) {
+        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
+    }
+    return true;
+}
+
 void RunRegisterWriteSequence() {
+    WORK_FAILURE failure;
     for (const REGISTER_WRITE& write : kRegisterWriteSequence) {
-        RunCommand(write.m_szCommand);
+        if (!RunStep(write.m_szCommand, false, failure)) return;
         if (write.m_nPauseAfterMs != 0) Pause(write.m_nPauseAfterMs);
     }
 }
 
 }  // namespace
 
+void RunStartupCommands(CYCLE_STATE& state) {
+    WORK_FAILURE failure;
+    if (RunSteps(kStartupSteps, failure)) {
+        state.m_bStartupPending = false;
+        NoteWorkDone(state.m_startupHealth, "start-up commands");
+    } else {
+        state.m_bStartupPending = true;
+        NoteWorkFailed(state.m_startupHealth, "start-up commands", failure);
+    }
+}
+
 void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
+    if (state.m_bStartupPending && WorkDue(state.m_startupHealth)) RunStartupCommands(state);
+
     bool bSettingsValid = false;
     bool bVrx0Valid = false;
     bool bVrx1Valid = false;
-    if (ParseConfigFile(configPath, state.m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid) != 0 || !bSettingsValid) {
-        return;
-    }
+    // The read and its problems are kept for the status document.
+    state.m_configProblems.clear();
+    const bool bRead = ParseConfigFile(configPath, state.m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid,
+                                       &state.m_configProblems) == 0;
+    state.m_bConfigRead = true;
+    state.m_bConfigUsable = bRead && bSettingsValid;
+    if (!state.m_bConfigUsable) return;
     USER_SETTINGS& settings = state.m_settings;
     const BRIDGE_MODE bridgeMode = settings.m_eBridgeMode;
 
-    if (state.m_bBridgeSetupPending || bridgeMode != state.m_eLastBridgeMode) {
-        SetupBridge(bridgeMode, "", "");
+    // A new mode is new work, built at once; a build that failed is tried again
+    // when its wait is over.
+    const bool modeChanged = bridgeMode != state.m_eLastBridgeMode;
+    if (modeChanged || (state.m_bBridgeSetupPending && WorkDue(state.m_bridgeHealth))) {
+        WORK_FAILURE failure;
+        const bool built = SetupBridge(bridgeMode, "", "", &failure);
         state.m_eLastBridgeMode = bridgeMode;
-        state.m_bBridgeSetupPending = false;
+        state.m_bBridgeSetupPending = !built;
         // Both interfaces are set up again on the rebuilt bridge, in this pass.
-        state.m_bVeth1Reconfigure = true;
-        state.m_bVeth3Reconfigure = true;
+        state.m_veth1.m_bReconfigure = true;
+        state.m_veth3.m_bReconfigure = true;
+        if (built) {
+            NoteWorkDone(state.m_bridgeHealth, "bridge setup");
+        } else {
+            NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
+        }
     }
 
     bool bRegisterWritesDue = state.m_bFirstCycle;
     if (BridgesEth0(bridgeMode)) {
+        WORK_FAILURE failure;
         if (GenericInterfaceLinkIsUp("eth0", state.m_bEth0LinkUp) != 0) {
             LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Unable to get link status for bridge physical interface eth0");
             state.m_bEth0LinkUp = false;
         } else if (state.m_bEth0LinkUp) {
-            // Every pass while up, in case anything detached the port.
-            RunCommand("ip link set eth0 master br0 > /dev/null 2>&1");
+            RunSteps(kEth0UpSteps, failure);
         } else {
-            RunCommand("ip link set eth0 down > /dev/null 2>&1");
-            RunCommand("ip link set eth0 up > /dev/null 2>&1");
+            RunSteps(kEth0DownSteps, failure);
+            ++state.m_nEth0Recoveries;
+            state.m_eth0RecoveredAt = Util::RealTimeNow();
             bRegisterWritesDue = true;
         }
     }
     if (bRegisterWritesDue) RunRegisterWriteSequence();
 
-    ServiceVethX("veth1", kVeth1Metric, state.m_bVeth1Reconfigure, state.m_veth1Applied, settings.m_veth1Config,
-                 state.m_veth1Dhcp);
-    if (bridgeMode == BRIDGE_MODE_ETH0ETH1) {
-        ServiceVethX("veth3", kVeth3Metric, state.m_bVeth3Reconfigure, state.m_veth3Applied, settings.m_veth3Config,
-                     state.m_veth3Dhcp);
-    }
+    ServiceVethX("veth1", kVeth1Metric, settings.m_veth1Config, state.m_veth1);
+    if (bridgeMode == BRIDGE_MODE_ETH0ETH1) ServiceVethX("veth3", kVeth3Metric, settings.m_veth3Config, state.m_veth3);
 
     if (state.m_bPhyModePending || settings.m_ePhyMode != state.m_eLastPhyMode) {
         // Recorded as applied whatever the write does: a missing driver file is
@@ -89,8 +147,8 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         state.m_eLastPhyMode = settings.m_ePhyMode;
         state.m_bPhyModePending = false;
         SetEthernetPhyMode(kPhyModeFile, state.m_eLastPhyMode);
-        RunCommand("ip link set dev eth1 down");
-        RunCommand("ip link set dev eth1 up");
+        WORK_FAILURE failure;
+        RunSteps(kPhyModeSteps, failure);
     }
     state.m_bFirstCycle = false;
 }

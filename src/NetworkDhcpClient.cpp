@@ -57,28 +57,55 @@ std::vector<std::string> ReadUdhcpcArguments(const std::string& entryName) {
     return UdhcpcArguments(bytes, count);
 }
 
+// Whether the arguments of a udhcpc process name the interface; the name may
+// stand anywhere on the command line, but only as a whole argument: a client of
+// veth1 is not one of veth10.
+bool Serves(const std::vector<std::string>& arguments, const std::string& interfaceName) {
+    for (const std::string& argument : arguments) {
+        if (argument == interfaceName) return true;
+    }
+    return false;
+}
+
+// Calls `found` with the pid of each udhcpc process serving the interface; false
+// when /proc cannot be read.
+template <typename Found>
+bool ForEachClient(const std::string& interfaceName, Found found) {
+    std::unique_ptr<DIR, DirectoryCloser> proc(opendir("/proc"));
+    if (!proc) return false;
+    while (const dirent* entry = readdir(proc.get())) {
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        if (Serves(ReadUdhcpcArguments(entry->d_name), interfaceName)) {
+            found(static_cast<pid_t>(strtol(entry->d_name, nullptr, 10)));
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int metric) {
-    std::unique_ptr<DIR, DirectoryCloser> proc(opendir("/proc"));
-    if (!proc) {
+    std::vector<pid_t> clients;
+    if (!ForEachClient(interfaceName, [&clients](pid_t pid) { clients.push_back(pid); })) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to open /proc to stop udhcpc");
-    } else {
-        while (const dirent* entry = readdir(proc.get())) {
-            if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-            long pid = strtol(entry->d_name, nullptr, 10);
-            // The name may stand anywhere on the command line, but only as a whole
-            // argument: a client of veth1 is not one of veth10.
-            for (const std::string& argument : ReadUdhcpcArguments(entry->d_name)) {
-                if (argument != interfaceName) continue;
-                LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
-                          "Killing udhcpc pid " + Util::Format("%ld", pid) + " for interface " + interfaceName);
-                kill(static_cast<pid_t>(pid), SIGTERM);
-                break;
-            }
-        }
-        proc.reset();
+    }
+    for (pid_t pid : clients) {
+        LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
+                  "Killing udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " +
+                      interfaceName);
+        kill(pid, SIGTERM);
     }
     // A lease the old client left behind must never be taken up by the next check.
     RunCommand("rm -f /tmp/dhcp_" + interfaceName + ".txt > /dev/null 2>&1");
+}
+
+pid_t FindDhcpClient(const std::string& interfaceName) {
+    pid_t client = 0;
+    ForEachClient(interfaceName, [&client](pid_t pid) { client = pid; });
+    return client;
+}
+
+bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName) {
+    if (pid <= 0) return false;
+    return Serves(ReadUdhcpcArguments(Util::Format("%ld", static_cast<long>(pid))), interfaceName);
 }

@@ -124,13 +124,21 @@ UniqueFile OpenTrusted(const std::string& claimed, std::string& why) {
 
 }  // namespace
 
-void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState) {
+bool ApplyDhcpLease(const std::string& interfaceName, unsigned int metric, const DHCP_STATE& lease,
+                    WORK_FAILURE* failure) {
+    if (!FlushAddrAndRouting(interfaceName, failure)) return false;
+    if (!lease.m_bLeaseValid) return true;
+    return SetAddrAndRouting(interfaceName, metric, lease.m_ipAddress, lease.m_subnetMask, lease.m_gateway, failure);
+}
+
+bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState,
+                            WORK_FAILURE* failure) {
     const std::string path = "/tmp/dhcp_" + interfaceName + ".txt";
     // Declared first, so the claimed entry goes only after the stream is closed.
     ClaimedEntry claimed;
     int error = claimed.Claim(path);
     // No file is the usual case: the script writes one only when something changed.
-    if (error == ENOENT) return;
+    if (error == ENOENT) return true;
     std::string why;
     UniqueFile file;
     if (error != 0) {
@@ -141,7 +149,7 @@ void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     if (!file) {
         // Something untrusted is removed unread, and the lease in force stays in force.
         LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Ignoring DHCP lease file " + path + ": " + why);
-        return;
+        return true;
     }
 
     // Line 1: "name address mask"; line 2: "gateway", left out when the server gave none.
@@ -182,19 +190,19 @@ void CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
 
     // A renewal repeats the lease in force and changes nothing. A malformed file
     // counts as no lease, so an address in force is taken off until a good one comes.
+    bool applied = true;
     if (candidate != dhcpState) {
         if (candidate.m_bLeaseValid) {
             LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "New DHCP lease for " + interfaceName);
-            FlushAddrAndRouting(interfaceName);
-            SetAddrAndRouting(interfaceName, metric, candidate.m_ipAddress, candidate.m_subnetMask,
-                              candidate.m_gateway);
         } else {
             LOG_ENTRY(LOGGING_SEVERITY_INFO, false, kNoLease + interfaceName);
-            FlushAddrAndRouting(interfaceName);
         }
+        applied = ApplyDhcpLease(interfaceName, metric, candidate, failure);
     }
+    // Recorded even when it could not be put in force, for the caller to retry.
     dhcpState = candidate;
 
     // Every file that could be read is a message taken: the claimed entry is
     // removed on the way out, malformed or not, and a newer file stays.
+    return applied;
 }

@@ -3,11 +3,15 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "util/Util.h"
 
-void SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState) {
+bool SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState,
+                    WORK_FAILURE* failure) {
+    WORK_FAILURE ignored;
+    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
     if (config.m_bDhcp) {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring interface " + interfaceName + " for DHCP");
-        FlushAddrAndRouting(interfaceName);
+        if (!FlushAddrAndRouting(interfaceName, &noted)) return false;
         // At most one client per interface, and nothing an earlier one learnt is kept:
         // the fresh client's first lease always counts as new.
         StopDhcp(interfaceName, metric);
@@ -15,22 +19,71 @@ void SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CO
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Starting DHCP for interface " + interfaceName);
         // -b: go on in the background without a lease; -R: release it when stopped;
         // -s: the script that reports leases through /tmp/dhcp_<interface>.txt.
-        RunCommand("udhcpc -i " + interfaceName + " -b -R -s /usr/share/udhcpc/tessel.script");
-    } else {
-        // A client still running from DHCP mode is left alone; going back to DHCP stops it.
-        FlushAddrAndRouting(interfaceName);
-        LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring interface " + interfaceName + " for static IP");
-        SetAddrAndRouting(interfaceName, metric, config.m_ipAddress, config.m_subnetMask, config.m_gateway);
+        return RunStep("udhcpc -i " + interfaceName + " -b -R -s /usr/share/udhcpc/tessel.script", true, noted);
     }
+    // A client still running from DHCP mode is left alone; going back to DHCP stops it.
+    if (!FlushAddrAndRouting(interfaceName, &noted)) return false;
+    LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring interface " + interfaceName + " for static IP");
+    return SetAddrAndRouting(interfaceName, metric, config.m_ipAddress, config.m_subnetMask, config.m_gateway, &noted);
 }
 
-void ServiceVethX(const std::string& interfaceName, unsigned int metric, bool& bReconfigure, IP_CONFIG& appliedConfig,
-                  IP_CONFIG& wantedConfig, DHCP_STATE& dhcpState) {
-    if (bReconfigure || appliedConfig != wantedConfig) {
-        SetupInterface(interfaceName, metric, wantedConfig, dhcpState);
-        bReconfigure = false;
-        appliedConfig = wantedConfig;
+void ServiceVethX(const std::string& interfaceName, unsigned int metric, const IP_CONFIG& wantedConfig,
+                  INTERFACE_STATE& iface) {
+    const std::string work = "addressing of " + interfaceName;
+    WORK_FAILURE failure;
+    // A changed configuration is new work and tried at once; the same one again
+    // only when its wait after a failure is over.
+    const bool changed = iface.m_applied != wantedConfig;
+    if (changed || (iface.m_bReconfigure && WorkDue(iface.m_health))) {
+        const bool done = SetupInterface(interfaceName, metric, wantedConfig, iface.m_dhcp, &failure);
+        iface.m_applied = wantedConfig;
+        iface.m_bReconfigure = !done;
+        if (wantedConfig.m_bDhcp) {
+            iface.m_bLeasePending = false;
+            iface.m_leaseAt = timespec{};
+            if (done) {
+                ++iface.m_nClientStarts;
+                // The client has gone to the background under a pid of its own by now.
+                iface.m_clientPid = FindDhcpClient(interfaceName);
+                iface.m_nClientCheckAtMs = MonotonicMs() + kClientCheckIntervalMs;
+            }
+        }
+        if (done) {
+            NoteWorkDone(iface.m_health, work);
+        } else {
+            NoteWorkFailed(iface.m_health, work, failure);
+        }
+    } else if (wantedConfig.m_bDhcp && iface.m_bLeasePending && !iface.m_bReconfigure && WorkDue(iface.m_health)) {
+        if (ApplyDhcpLease(interfaceName, metric, iface.m_dhcp, &failure)) {
+            iface.m_bLeasePending = false;
+            iface.m_leaseAt = Util::RealTimeNow();
+            NoteWorkDone(iface.m_health, work);
+        } else {
+            NoteWorkFailed(iface.m_health, work, failure);
+        }
     }
+    if (!wantedConfig.m_bDhcp || iface.m_bReconfigure) return;
+
     // Also in the cycle that started the client, in case its lease is already there.
-    if (wantedConfig.m_bDhcp) CheckForNewDhcpAddress(interfaceName, metric, dhcpState);
+    const DHCP_STATE before = iface.m_dhcp;
+    if (!CheckForNewDhcpAddress(interfaceName, metric, iface.m_dhcp, &failure)) {
+        iface.m_bLeasePending = true;
+        NoteWorkFailed(iface.m_health, work, failure);
+    } else if (iface.m_dhcp != before) {
+        iface.m_bLeasePending = false;
+        iface.m_leaseAt = iface.m_dhcp.m_bLeaseValid ? Util::RealTimeNow() : timespec{};
+        NoteWorkDone(iface.m_health, work);
+    }
+
+    // A client that has died leaves the address in force past its lease; one
+    // read of its command line every few seconds finds that out.
+    const int64_t nowMs = MonotonicMs();
+    if (nowMs < iface.m_nClientCheckAtMs) return;
+    iface.m_nClientCheckAtMs = nowMs + kClientCheckIntervalMs;
+    if (IsDhcpClientOf(iface.m_clientPid, interfaceName)) return;
+    // Maybe it was restarted by someone: a client found serving the interface is kept.
+    iface.m_clientPid = FindDhcpClient(interfaceName);
+    if (iface.m_clientPid != 0) return;
+    LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "DHCP client for " + interfaceName + " is gone, starting a new one");
+    iface.m_bReconfigure = true;
 }

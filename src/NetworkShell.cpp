@@ -1,15 +1,43 @@
+// The one place the daemon's shell commands and pauses go through.
+#include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <utility>
+#include <vector>
 
+#include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/ServiceNotify.h"
+#include "util/Util.h"
 
 namespace {
+
+// After a stop request the daemon may go on this long: a command that ends in
+// that time ends normally, so a stop seldom leaves work half done.
+constexpr int64_t kStopGraceMs = 1000;
+// A command ended because of a stop gets this long after SIGTERM before SIGKILL.
+constexpr int64_t kStopKillGraceMs = 500;
+// How long a process group is waited for after SIGKILL; a process stuck in the
+// kernel may not die at once, and is then reaped later instead of waited for.
+constexpr int64_t kReapWaitMs = 1000;
+
+std::atomic<bool> g_bStopRequested{false};
+// When the daemon first noticed the stop request (monotonic ms); 0 not yet.
+int64_t g_nStopNoticedMs = 0;
+
+// Shells ended but not yet reaped, waited for without blocking before each command.
+std::vector<pid_t>& Abandoned() {
+    static std::vector<pid_t> pids;
+    return pids;
+}
 
 CommandRunner& ActiveRunner() {
     static CommandRunner runner;
@@ -21,47 +49,206 @@ PauseRunner& ActivePauseRunner() {
     return runner;
 }
 
+// The real monotonic clock: deadlines never follow a test's clock.
+int64_t SteadyMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// When the grace after a stop request ends; INT64_MAX while none was requested.
+int64_t StopGraceEndMs() {
+    if (!g_bStopRequested.load()) return INT64_MAX;
+    if (g_nStopNoticedMs == 0) g_nStopNoticedMs = SteadyMs();
+    return g_nStopNoticedMs + kStopGraceMs;
+}
+
+void OnChildEnded(int /*sig*/) {}
+
+// A handled SIGCHLD is what wakes the wait below when the command ends; the
+// default disposition would leave the wait asleep until its timeout.
+void CatchChildSignal() {
+    static bool installed = false;
+    if (installed) return;
+    struct sigaction action {};
+    action.sa_handler = OnChildEnded;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_NOCLDSTOP;
+    sigaction(SIGCHLD, &action, nullptr);
+    installed = true;
+}
+
+void ReapAbandoned() {
+    std::vector<pid_t>& pids = Abandoned();
+    for (size_t i = 0; i < pids.size();) {
+        pid_t reaped = waitpid(pids[i], nullptr, WNOHANG);
+        if (reaped == pids[i] || (reaped < 0 && errno == ECHILD)) {
+            pids[i] = pids.back();
+            pids.pop_back();
+        } else {
+            ++i;
+        }
+    }
+}
+
+// Sleeps until `untilMs` at most, letting in every signal (the stop signals,
+// SIGCHLD); returns early when one is taken.
+void WaitWithSignalsIn(int64_t nowMs, int64_t untilMs) {
+    int64_t waitMs = untilMs - nowMs;
+    if (waitMs <= 0) return;
+    timespec timeout{};
+    timeout.tv_sec = static_cast<time_t>(waitMs / 1000);
+    timeout.tv_nsec = static_cast<long>(waitMs % 1000) * 1000000L;
+    sigset_t none;
+    sigemptyset(&none);
+    ppoll(nullptr, 0, &timeout, &none);
+}
+
+// Waits for the shell, ending its process group when its deadline passes or a
+// stop's grace runs out. Fills in how it ended.
+void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outcome) {
+    enum { RUNNING, TERMINATED, KILLED } phase = RUNNING;
+    const int64_t deadlineMs = SteadyMs() + kCommandDeadlineMs;
+    int64_t phaseEndMs = deadlineMs;
+    for (;;) {
+        int status = 0;
+        pid_t reaped = waitpid(pid, &status, WNOHANG);
+        if (reaped == pid) {
+            outcome.m_bExited = WIFEXITED(status);
+            outcome.m_nStatus = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+            return;
+        }
+        if (reaped < 0 && errno != EINTR) {
+            // Reaped by someone else: how it ended is unknown, so it counts as failed.
+            outcome.m_bStarted = false;
+            outcome.m_nError = errno;
+            return;
+        }
+        const int64_t nowMs = SteadyMs();
+        if (phase == RUNNING) phaseEndMs = std::min(deadlineMs, StopGraceEndMs());
+        if (nowMs < phaseEndMs) {
+            WaitWithSignalsIn(nowMs, phaseEndMs);
+            continue;
+        }
+        if (phase == RUNNING) {
+            if (nowMs >= deadlineMs) {
+                outcome.m_bTimedOut = true;
+                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                          Util::Format("Command still running after %u s, ending it: ", kCommandDeadlineMs / 1000) +
+                              command);
+            }
+            kill(-pid, SIGTERM);
+            phase = TERMINATED;
+            phaseEndMs = nowMs + (outcome.m_bTimedOut ? kCommandKillGraceMs : kStopKillGraceMs);
+        } else if (phase == TERMINATED) {
+            kill(-pid, SIGKILL);
+            phase = KILLED;
+            phaseEndMs = nowMs + kReapWaitMs;
+        } else {
+            // Stuck beyond SIGKILL (in the kernel): reaped later, not waited for.
+            Abandoned().push_back(pid);
+            outcome.m_bExited = false;
+            outcome.m_nStatus = SIGKILL;
+            return;
+        }
+    }
+}
+
 }  // namespace
 
-void RunCommand(const std::string& command) {
-    const CommandRunner& runner = ActiveRunner();
-    if (runner) {
-        runner(command);
-    } else {
-        RunShellCommand(command);
+std::string DescribeOutcome(const COMMAND_OUTCOME& outcome) {
+    if (!outcome.m_bStarted) return std::string("not started (") + strerror(outcome.m_nError) + ")";
+    if (outcome.m_bTimedOut) {
+        return Util::Format("ended after its %u s deadline", kCommandDeadlineMs / 1000);
     }
+    if (!outcome.m_bExited) return Util::Format("ended by signal %d", outcome.m_nStatus);
+    return Util::Format("exit status %d", outcome.m_nStatus);
+}
+
+COMMAND_OUTCOME RunCommand(const std::string& command) {
+    const CommandRunner& runner = ActiveRunner();
+    if (runner) return runner(command);
+    return RunShellCommand(command);
 }
 
 CommandRunner SetCommandRunner(CommandRunner runner) { return std::exchange(ActiveRunner(), std::move(runner)); }
 
-void RunShellCommand(const std::string& command) {
+COMMAND_OUTCOME RunShellCommand(const std::string& command) {
+    COMMAND_OUTCOME outcome;
+    ReapAbandoned();
+    if (SteadyMs() >= StopGraceEndMs()) {
+        // The daemon is on its way out: nothing new is started.
+        outcome.m_bStarted = false;
+        outcome.m_nError = ECANCELED;
+        return outcome;
+    }
+    CatchChildSignal();
+
     // Unlike system(), nothing here ignores SIGINT or SIGQUIT, so a stop signal
-    // that arrives while a command runs still reaches the daemon's handler.
+    // that arrives while a command runs still reaches the daemon's handler. The
+    // group of its own lets a command that hangs be ended with all it started.
     posix_spawnattr_t attributes;
-    if (posix_spawnattr_init(&attributes) != 0) return;
+    int error = posix_spawnattr_init(&attributes);
+    if (error != 0) {
+        outcome.m_bStarted = false;
+        outcome.m_nError = error;
+        return outcome;
+    }
     sigset_t none;
     sigset_t defaults;
     sigemptyset(&none);
     sigemptyset(&defaults);
-    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) sigaddset(&defaults, sig);
+    for (int sig : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGCHLD}) sigaddset(&defaults, sig);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+
+    // SIGCHLD stays blocked from before the start until the wait lets it in, so
+    // an end that comes first is still pending then and never missed.
+    sigset_t child;
+    sigemptyset(&child);
+    sigaddset(&child, SIGCHLD);
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &child, &previous);
 
     const char* shell = "/bin/sh";
     char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()), nullptr};
     pid_t pid = -1;
-    int spawned = posix_spawn(&pid, shell, nullptr, &attributes, argv, environ);
+    error = posix_spawn(&pid, shell, nullptr, &attributes, argv, environ);
     posix_spawnattr_destroy(&attributes);
-    if (spawned != 0) return;
-
-    // The daemon keeps its stop signals blocked while it works; waiting is where
-    // it takes them, so the handler never interrupts a heap or log call.
-    sigset_t previous;
-    pthread_sigmask(SIG_SETMASK, &none, &previous);
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    if (error != 0) {
+        outcome.m_bStarted = false;
+        outcome.m_nError = error;
+    } else {
+        // The daemon keeps its stop signals blocked while it works; waiting is
+        // where it takes them, so the handler never interrupts a heap or log call.
+        WaitForCommand(pid, command, outcome);
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return outcome;
+}
+
+void RequestStop() { g_bStopRequested.store(true); }
+bool StopRequested() { return g_bStopRequested.load(); }
+bool StopGraceOver() { return SteadyMs() >= StopGraceEndMs(); }
+void ClearStopRequest() {
+    g_bStopRequested.store(false);
+    g_nStopNoticedMs = 0;
+}
+
+bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure) {
+    COMMAND_OUTCOME outcome = RunCommand(command);
+    // A cycle of commands that each run to their deadline is slow, not stuck.
+    NotifyWatchdog();
+    if (outcome.m_bStarted && !outcome.m_bTimedOut && (!mustSucceed || outcome.Succeeded())) return true;
+    failure.m_command = command;
+    failure.m_outcome = outcome;
+    // A deadline was reported by the runner when it ended the command.
+    if (!outcome.m_bTimedOut) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Command failed (" + DescribeOutcome(outcome) + "): " + command);
+    }
+    return false;
 }
 
 void Pause(unsigned int milliseconds) {
@@ -76,16 +263,21 @@ void Pause(unsigned int milliseconds) {
 PauseRunner SetPauseRunner(PauseRunner runner) { return std::exchange(ActivePauseRunner(), std::move(runner)); }
 
 void SleepLettingSignalsIn(unsigned int milliseconds) {
-    // The whole period even when a signal is taken meanwhile: the loop tests the
-    // run flag only after its pause, and register pulses need their full width.
+    // The whole period even when a signal is taken meanwhile (register pulses
+    // need their full width), unless a stop's grace runs out first.
     sigset_t none;
     sigset_t previous;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, &previous);
-    struct timespec remaining {};
-    remaining.tv_sec = static_cast<time_t>(milliseconds / 1000);
-    remaining.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
-    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+    const int64_t endMs = SteadyMs() + milliseconds;
+    for (;;) {
+        const int64_t nowMs = SteadyMs();
+        const int64_t untilMs = std::min(endMs, StopGraceEndMs());
+        if (nowMs >= untilMs) break;
+        timespec remaining{};
+        remaining.tv_sec = static_cast<time_t>((untilMs - nowMs) / 1000);
+        remaining.tv_nsec = static_cast<long>((untilMs - nowMs) % 1000) * 1000000L;
+        nanosleep(&remaining, nullptr);
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }

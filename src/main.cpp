@@ -12,6 +12,7 @@
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
 #include "src/NetworkStatus.h"
+#include "src/ServiceNotify.h"
 #include "util/Util.h"
 
 namespace {
@@ -39,6 +40,8 @@ void SigHandler(int sig) {
     // Only SIGTERM is a clean stop.
     m_nExitCode = (sig == SIGTERM) ? 0 : sig;
     m_bMainRunning = false;
+    // Commands and pauses then end soon, even one that hangs.
+    RequestStop();
 }
 
 void ShowUsage(CliProcessing& cli) {
@@ -83,9 +86,7 @@ int main(int argc, char** argv) {
     CYCLE_STATE state;
 
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Bringing up loopback lo");
-    RunCommand("ip link set dev lo up");
-    RunCommand("ip link set dev eth1 down");
-    RunCommand("ip link set dev eth1 up");
+    RunStartupCommands(state);
 
     // The path cannot change after parsing; looked up once.
     const std::string configPath = cli["01cfg-file"];
@@ -93,11 +94,18 @@ int main(int argc, char** argv) {
     STATUS_WRITER status;
     StartStatus(status, cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"], configPath);
     UpdateStatus(status, state);
+    bool ready = false;
     do {
         RunSupervisionCycle(configPath, state);
         UpdateStatus(status, state);
+        if (!ready) {
+            NotifyReady();
+            ready = true;
+        }
+        NotifyWatchdog();
         Pause(1000);
     } while (m_bMainRunning);
+    NotifyStopping();
 
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
               Util::Format("tessel-networkd exiting with code of %d", m_nExitCode.load()));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +13,18 @@
 class CommandRecorder {
 public:
     // Commands for which `runsForReal` is true are run as well, through the real
-    // runner, after they are recorded.
+    // runner, after they are recorded, and give its outcome; the others succeed
+    // unless SetOutcomes says otherwise.
     explicit CommandRecorder(std::function<bool(const std::string&)> runsForReal = nullptr)
         : m_previous(SetCommandRunner([this, runsForReal](const std::string& command) {
               m_commands.push_back(command);
               LogCapture::NoteCommand(command);
-              if (runsForReal && runsForReal(command)) RunShellCommand(command);
+              if (m_outcomes) {
+                  std::optional<COMMAND_OUTCOME> scripted = m_outcomes(command);
+                  if (scripted) return *scripted;
+              }
+              if (runsForReal && runsForReal(command)) return RunShellCommand(command);
+              return COMMAND_OUTCOME{};
           })) {}
     ~CommandRecorder() { SetCommandRunner(std::move(m_previous)); }
     CommandRecorder(const CommandRecorder&) = delete;
@@ -26,8 +33,15 @@ public:
     const std::vector<std::string>& Commands() const { return m_commands; }
     void Clear() { m_commands.clear(); }
 
+    // Gives the outcome of each command for which `outcomes` returns one (a
+    // failure to inject); nullptr ends that.
+    void SetOutcomes(std::function<std::optional<COMMAND_OUTCOME>(const std::string&)> outcomes) {
+        m_outcomes = std::move(outcomes);
+    }
+
 private:
     std::vector<std::string> m_commands;
+    std::function<std::optional<COMMAND_OUTCOME>(const std::string&)> m_outcomes;
     CommandRunner m_previous;
 };
 

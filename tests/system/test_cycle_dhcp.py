@@ -35,6 +35,8 @@ class DhcpCycleTest(harness.DaemonTestCase):
     def test_veth1_client_start_then_new_same_and_lost_leases(self):
         # A lease from before the start is discarded with the old clients, never applied.
         self.sandbox.write_lease("veth1", "veth1 10.9.9.9 255.255.255.0\n10.9.9.1\n")
+        # The client stays, as a real one does, so the daemon never finds it gone.
+        self.sandbox.set_linger("udhcpc")
         daemon = self.start_daemon()
         daemon.run_cycle(VETH1_DHCP_ETH1)
         self.assertEqual(self.sandbox.commands(), START_UP + BRIDGE_ETH1 + REGISTER_WRITES + [

@@ -39,7 +39,10 @@ public:
         : m_path("/tmp/dhcp_" + interfaceName + ".txt"),
           m_removal("rm -f " + m_path),
           m_clientStart("udhcpc -i " + interfaceName + " "),
-          m_previous(SetCommandRunner([this](const std::string& command) { Run(command); })) {}
+          m_previous(SetCommandRunner([this](const std::string& command) {
+              Run(command);
+              return COMMAND_OUTCOME{};
+          })) {}
     ~FakeShell() {
         SetCommandRunner(std::move(m_previous));
         std::remove(m_path.c_str());
@@ -74,12 +77,21 @@ private:
 
 class ServiceVethXTest : public ::testing::Test {
 protected:
-    ServiceVethXTest() : m_name(UniqueName()), m_shell(m_name) {}
+    // As after a client start: its first check is a whole interval away.
+    ServiceVethXTest() : m_name(UniqueName()), m_shell(m_name) {
+        m_iface.m_nClientCheckAtMs = MonotonicMs() + kClientCheckIntervalMs;
+    }
 
     // One supervision cycle for the interface, returning its messages and commands.
     Lines Cycle(unsigned int metric = 10) {
         LogCapture log;
-        ServiceVethX(m_name, metric, m_bReconfigure, m_applied, m_wanted, m_state);
+        m_iface.m_bReconfigure = m_bReconfigure;
+        m_iface.m_applied = m_applied;
+        m_iface.m_dhcp = m_state;
+        ServiceVethX(m_name, metric, m_wanted, m_iface);
+        m_bReconfigure = m_iface.m_bReconfigure;
+        m_applied = m_iface.m_applied;
+        m_state = m_iface.m_dhcp;
         return log.Timeline();
     }
     const std::string& N() const { return m_name; }
@@ -90,6 +102,7 @@ protected:
     IP_CONFIG m_applied{};
     IP_CONFIG m_wanted{};
     DHCP_STATE m_state{};
+    INTERFACE_STATE m_iface;
 };
 
 TEST_F(ServiceVethXTest, FirstCycleWithDhcpStartsAFreshClient) {

@@ -156,7 +156,10 @@ int main(int argc, char** argv) {
         int builds = atoi(argv[2]);
         // The commands a build runs, taken from the build itself, for the floor to run as they are.
         std::vector<std::string> commands;
-        CommandRunner real = SetCommandRunner([&](const std::string& command) { commands.push_back(command); });
+        CommandRunner real = SetCommandRunner([&](const std::string& command) {
+            commands.push_back(command);
+            return COMMAND_OUTCOME{};
+        });
         SetupBridge(BRIDGE_MODE_ETH0ETH1, "", "");
         SetCommandRunner(real);
         fprintf(stderr, "bridge_commands %zu 0 1\n", commands.size());

@@ -1,0 +1,59 @@
+// Work that must succeed is tried again after a failure, with waits that grow so
+// that a lasting fault costs a few commands a minute, not a hundred a second.
+#include <time.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "logging/Logging.h"
+#include "src/Network.h"
+#include "util/Util.h"
+
+namespace {
+
+int64_t SystemMonotonicMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+MonotonicClock g_clock = SystemMonotonicMs;
+
+// 1, 2, 4 ... seconds after the first, second, third ... failure, at most a minute.
+int64_t RetryDelayMs(unsigned int failures) {
+    const unsigned int doublings = std::min(failures - 1U, 6U);
+    return std::min<int64_t>(int64_t{1000} << doublings, kRetryMaxDelayMs);
+}
+
+}  // namespace
+
+int64_t MonotonicMs() { return g_clock(); }
+
+MonotonicClock SetMonotonicClock(MonotonicClock clock) {
+    return std::exchange(g_clock, clock != nullptr ? clock : SystemMonotonicMs);
+}
+
+bool WorkDue(const WORK_HEALTH& health) { return health.m_nFailures == 0 || MonotonicMs() >= health.m_nRetryAtMs; }
+
+void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure) {
+    ++health.m_nFailures;
+    const int64_t delayMs = RetryDelayMs(health.m_nFailures);
+    health.m_nRetryAtMs = MonotonicMs() + delayMs;
+    health.m_lastFailure = failure;
+    health.m_failedAt = Util::RealTimeNow();
+    health.m_recoveredAt = timespec{};
+    LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+              Util::Format("Retrying %s in %lld s (failed attempts: %u)", work.c_str(),
+                           static_cast<long long>(delayMs / 1000), health.m_nFailures));
+}
+
+void NoteWorkDone(WORK_HEALTH& health, const std::string& work) {
+    if (health.m_nFailures == 0) return;
+    LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false,
+              Util::Format("Recovered %s after %u failed attempts", work.c_str(), health.m_nFailures));
+    health.m_nFailures = 0;
+    health.m_nRetryAtMs = 0;
+    health.m_recoveredAt = Util::RealTimeNow();
+}
