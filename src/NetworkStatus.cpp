@@ -309,8 +309,9 @@ bool WriteStatusFile(const std::string& directory, const std::string& text, std:
     // O_NOFOLLOW: a symbolic link put where the directory should be is refused, not followed.
     Descriptor dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (dir.Get() < 0) {
-        error = errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory (a symbolic link?)"
-                                                   : Reason("cannot open " + directory);
+        // ELOOP: a symbolic link; ENOTDIR: anything else that is no directory.
+        error =
+            errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory" : Reason("cannot open " + directory);
         return false;
     }
     struct stat status {};

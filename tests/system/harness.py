@@ -5,6 +5,8 @@ Each test gets a Sandbox: a work directory holding
   commands.log    one line per stand-in call, "tool arg arg ...", in call order
   times.log       "SECONDS tool arg ..." for the tools whose calls are timed (Sandbox.record_times)
   tmp/            the daemon's /tmp (lease files can be written and read from outside)
+  run/            the daemon's /run: its status document, run/tessel-networkd/status.json, stays
+                  readable after the daemon's namespace is gone
   cmdline         what the daemon reads as /proc/cmdline
   output.log      the daemon's standard output and error (output-2.log ... for later starts)
   exit-status     the status the daemon ended with, as its namespace's init saw it (exit-status-2 ...)
@@ -36,6 +38,7 @@ namespaces, log lines) is the toolkit's (tools/tesselkit).
 
 import argparse
 import ctypes
+import json
 import os
 import queue
 import select
@@ -55,7 +58,7 @@ from tesselkit import device, namespaces, standins, waiting
 from tesselkit.logs import LOG_LINE, LogEntry, parse_log_line
 from tesselkit.namespaces import real_tool
 
-__all__ = ["CMDLINE", "DAEMON_PATH", "DHCP_CLIENT_ARGS", "Daemon", "DaemonTestCase", "EMULATOR", "LINGER_SCRIPT",
+__all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "DHCP_CLIENT_ARGS", "Daemon", "DaemonTestCase", "EMULATOR", "LINGER_SCRIPT",
            "LOG_LINE", "LogEntry", "POLL_INTERVAL", "SETUP_FAILED", "STANDIN_SCRIPT", "STANDIN_TOOLS", "Sandbox",
            "TIMEOUT", "main", "namespaces_unavailable_reason", "parse_log_line", "real_tool", "run_cycles_in_step",
            "wait_until"]
@@ -69,6 +72,7 @@ CMDLINE = "console=ttyS0,115200 mac=02:00:00:00:00:42 rootwait\n"
 SETUP_FAILED = 97  # the init's own status when the namespace could not be prepared
 
 DAEMON_PATH = os.environ.get("TESSEL_DAEMON")  # or --daemon on the test's command line
+CTL_PATH = os.environ.get("TESSEL_CTL")  # the operator command, or --ctl
 
 # A cross-built daemon runs through its emulator ("qemu-arm -L /usr/arm-linux-gnueabihf");
 # the stand-ins stay shell scripts of this machine.
@@ -125,6 +129,7 @@ DHCP_CLIENT_ARGS = device.DHCP_CLIENT_ARGS
 INIT_SCRIPT = r"""
 fail() { echo "harness setup: $*" >&2; echo @SETUP_FAILED@ > "$TESSEL_STATUS"; exit @SETUP_FAILED@; }
 mount --bind "$TESSEL_WORK/tmp" /tmp || fail "cannot mount the private /tmp"
+mount --bind "$TESSEL_WORK/run" /run || fail "cannot mount the private /run"
 mount --bind "$TESSEL_WORK/cmdline" /proc/cmdline || fail "cannot mount over /proc/cmdline"
 @SETUP@
 "$@" &
@@ -229,11 +234,17 @@ class Sandbox:
             raise
 
     def _populate(self, daemon_path):
-        for sub in ("bin", "tmp", "delay", "output", "status", "linger", "stamp", "clients"):
+        for sub in ("bin", "tmp", "run", "delay", "output", "status", "fail", "linger", "stamp", "clients"):
             os.mkdir(os.path.join(self.work, sub))
+        # As /run is on a device: the daemon makes its own directory there.
+        os.chmod(os.path.join(self.work, "run"), 0o755)
         # A copy, so the daemon stays reachable whatever its build directory is.
         self.daemon_path = os.path.join(self.work, "tessel-networkd")
         shutil.copy2(daemon_path, self.daemon_path)
+        self.ctl_path = None
+        if CTL_PATH:
+            self.ctl_path = os.path.join(self.work, "tessel-networkctl")
+            shutil.copy2(CTL_PATH, self.ctl_path)
         standins.install_controlled(self.work, STANDIN_TOOLS)
         self._write("cmdline", CMDLINE)
 
@@ -296,6 +307,46 @@ class Sandbox:
 
     def set_status(self, tool, status):
         self._write(os.path.join("status", tool), "%d\n" % status)
+
+    def set_failing(self, tool, arguments, failing=True):
+        """Makes the tool's calls with exactly these arguments exit 1, or no longer."""
+        path = self.path("fail", tool)
+        lines = [line for line in self._lines(os.path.join("fail", tool)) if line != arguments]
+        if failing:
+            lines.append(arguments)
+        self._write(os.path.join("fail", tool), "".join(line + "\n" for line in lines))
+        if not lines:
+            os.remove(path)
+
+    # --- the status document -------------------------------------------------------------
+
+    def status_dir(self):
+        """Where the daemon's /run/tessel-networkd lies from outside."""
+        return self.path("run", "tessel-networkd")
+
+    def status_path(self):
+        return os.path.join(self.status_dir(), "status.json")
+
+    def status(self):
+        """The daemon's status document, parsed; None while there is none."""
+        try:
+            with open(self.status_path()) as document:
+                return json.load(document)
+        except FileNotFoundError:
+            return None
+
+    def ctl_after_the_daemon(self, *args):
+        """Runs tessel-networkctl on the status document the daemon left, from fresh mount
+        and PID namespaces of its own (where its pid names no process). Returns the
+        CompletedProcess (returncode, stdout, stderr)."""
+        return subprocess.run(["unshare", "--mount", "--pid", "--fork", "--mount-proc"] + EMULATOR
+                              + [self._ctl()] + list(args) + ["--status-dir", self.status_dir()],
+                              capture_output=True, text=True, timeout=TIMEOUT)
+
+    def _ctl(self):
+        if self.ctl_path is None:
+            raise AssertionError("no operator command given (--ctl PATH or TESSEL_CTL)")
+        return self.ctl_path
 
     def set_linger(self, tool, linger=True):
         marker = self.path("linger", tool)
@@ -582,6 +633,13 @@ class Daemon:
             check=True,
         ).stdout
 
+    def ctl(self, *args):
+        """Runs tessel-networkctl with `args` as on the device: in the daemon's mount and PID
+        namespaces (its /run, its /proc). Returns the CompletedProcess."""
+        return subprocess.run(["nsenter", "--target", str(self.pid), "--mount", "--pid", "--"] + EMULATOR
+                              + [self.sandbox._ctl()] + list(args),
+                              capture_output=True, text=True, timeout=TIMEOUT)
+
     def kill(self):
         """Ends the daemon at once if it still runs (its namespace goes with it)."""
         if self._config_fd is not None:
@@ -639,11 +697,14 @@ class DaemonTestCase(unittest.TestCase):
 
 
 def main():
-    """Entry point of a test file: takes --daemon PATH, passes the rest to unittest."""
-    global DAEMON_PATH
+    """Entry point of a test file: takes --daemon PATH and --ctl PATH, passes the rest to unittest."""
+    global DAEMON_PATH, CTL_PATH
     parser = argparse.ArgumentParser(add_help=False)
     parser.add_argument("--daemon")
+    parser.add_argument("--ctl")
     known, rest = parser.parse_known_args()
     if known.daemon:
         DAEMON_PATH = os.path.abspath(known.daemon)
+    if known.ctl:
+        CTL_PATH = os.path.abspath(known.ctl)
     unittest.main(argv=[sys.argv[0]] + rest)

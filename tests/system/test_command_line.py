@@ -8,6 +8,8 @@ USAGE = (
     "Options:\n"
     "    -h, --help                                   [Override ] Shows this help\n"
     "    -c, --config                                 [Mandatory] Path to config file\n"
+    "    -s, --status-dir                             [Optional ] Directory of the status document (default "
+    "/run/tessel-networkd)\n"
     "\n"
 )
 
@@ -48,6 +50,7 @@ class CommandLineTest(harness.DaemonTestCase):
             "unknown option": ["--config", self.sandbox.config_path, "--verbose"],
             "unknown short option": ["-x"],
             "--config without value": ["--config"],
+            "--status-dir without value": ["--config", self.sandbox.config_path, "--status-dir"],
             "duplicate option": ["-c", "a", "--config", "b"],
             "value joined by '='": ["--config=a"],
             "stray argument": [self.sandbox.config_path],

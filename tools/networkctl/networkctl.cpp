@@ -62,7 +62,9 @@ int Status(const std::vector<std::string>& args) {
     if (document.is_discarded() || !document.is_object()) {
         if (bJson) puts("null");
         if (!in) {
-            printf("tessel-networkd is not running: no status document at %s\n", path.c_str());
+            // Standard output holds only JSON with --json.
+            fprintf(bJson ? stderr : stdout, "tessel-networkd is not running: no status document at %s\n",
+                    path.c_str());
             return STATUS_NOT_RUNNING;
         }
         fprintf(stderr, "tessel-networkctl: %s is not a status document\n", path.c_str());

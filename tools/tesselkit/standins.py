@@ -23,6 +23,8 @@ printf '%s\\n' "@STAMP@${0##*/}${*:+ $*}" >>'@LOG@'
 #   delay/TOOL.once  seconds to sleep on the next call only
 #   output/TOOL      printed on standard output by every call
 #   status/TOOL      the exit status of every call (default 0)
+#   fail/TOOL        argument lines ("link add name br0 type bridge"): a call with exactly
+#                    these arguments exits 1 (after the other control files had their say)
 #   stamp/TOOL       every call also goes to times.log with the time it was made, in seconds
 #   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
 #                    as a daemonising client does) until SIGTERM, recorded in signals.log
@@ -43,6 +45,7 @@ if [ -f "$work/linger/$tool" ]; then
     STANDIN_TOOL=$tool bash -c 'exec -a "$0" bash "$@"' "$tool" "$work/linger.sh" "$@" < /dev/null > /dev/null 2>&1 &
 fi
 [ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
+[ -f "$work/fail/$tool" ] && grep -qxF -e "$*" "$work/fail/$tool" && exit 1
 exit 0
 """
 
