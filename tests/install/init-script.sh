@@ -24,6 +24,9 @@ if [ "${TESSEL_IN_NAMESPACE:-}" != 1 ]; then
     TESSEL_IN_NAMESPACE=1 exec unshare --net --mount --pid --fork --mount-proc bash "$0" "$@"
 fi
 
+# The daemon writes its status document under /run: a private one, gone with
+# this namespace.
+mount -t tmpfs -o mode=0755 tessel-init-run /run || { echo "FAIL: cannot mount a private /run"; exit 1; }
 # Not under /tmp: the daemon's /tmp is its own.
 work=$(mktemp -d /var/tmp/tessel-init.XXXXXX)
 trap 'rm -rf "$work"' EXIT

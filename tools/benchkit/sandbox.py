@@ -66,8 +66,10 @@ class Work:
 
 
 def prepare_namespace(real_ip, interfaces):
-    """A private /tmp, lo up, and each interface as a veth pair whose peer is up (a carrier)."""
+    """A private /tmp and /run (the status document), lo up, and each interface as a veth
+    pair whose peer is up (a carrier)."""
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=0755", "tmpfs", "/run"], check=True)
     subprocess.run([real_ip, "link", "set", "lo", "up"], check=True)
     for name in interfaces:
         subprocess.run([real_ip, "link", "add", name, "type", "veth", "peer", "name", name + "-peer"], check=True)

@@ -5,16 +5,20 @@ standard library):
     python3 holder.py STATE
 
 Gives the device its own view of the machine: a private /tmp (the lease
-files), its own /sys, STATE/cmdline as /proc/cmdline and STATE/tessel.script as
+files), a private /run (the daemon's status document) in which STATE stays
+where it was, its own /sys, STATE/cmdline as /proc/cmdline and STATE/tessel.script as
 /usr/share/udhcpc/tessel.script. Then reaps the processes the DHCP clients
 leave to it, and ends on SIGTERM, which takes everything in the namespace with
 it. STATE/holder.ready says it is ready.
 """
+import ctypes
 import os
 import signal
 import subprocess
 import sys
 import time
+
+MS_BIND = 4096
 
 
 def mount(*args):
@@ -25,6 +29,17 @@ def main():
     state = sys.argv[1]
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     os.chdir("/")  # whatever the caller's directory was, it may be hidden below the private /tmp
+    # The state lies under the machine's /run: held open, it is bound back to its
+    # path in the private /run, where the daemon and the tools run from it.
+    held = os.open(state, os.O_PATH | os.O_DIRECTORY)
+    mount("-t", "tmpfs", "-o", "mode=0755", "tessel-lab-run", "/run")
+    os.makedirs(state)
+    # mount(8) would resolve the descriptor's path to the new, empty one: the
+    # system call binds what the descriptor holds.
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.mount(("/proc/self/fd/%d" % held).encode(), state.encode(), None, MS_BIND, None) != 0:
+        raise OSError(ctypes.get_errno(), "bind %s back into the private /run" % state)
+    os.close(held)
     mount("-t", "tmpfs", "-o", "mode=1777", "tessel-lab-tmp", "/tmp")
     mount("-t", "sysfs", "sysfs", "/sys")
     mount("--bind", os.path.join(state, "cmdline"), "/proc/cmdline")

@@ -1,6 +1,7 @@
 """The device lab (tools/lab) as a Python object. Its layout (state directory,
 namespace names, addresses, MACs, log files) comes from `tools/lab env`, so the
 lab's shell script stays the one place that decides it."""
+import json
 import os
 import re
 import shutil
@@ -184,6 +185,15 @@ class Lab:
     def holder_pid(self):
         with open(self.env["HOLDER_PID_FILE"]) as f:
             return int(f.read())
+
+    def ctl(self, *args):
+        """tessel-networkctl ARGS on the device (tools/lab ctl): the CompletedProcess."""
+        return self.tool("ctl", *args, check=False)
+
+    def status_document(self):
+        """The daemon's status document as the device has it, parsed; None when there is none."""
+        text = self.device_file("/run/tessel-networkd/status.json")
+        return None if text is None else json.loads(text)
 
     def device_file(self, path):
         """Contents of a file as the device sees it (its own /tmp), or None."""

@@ -1,0 +1,50 @@
+#!/usr/bin/env python3
+"""tessel-networkctl on the simulated device: both ports bridged, veth1 by DHCP
+from the lab's server, veth3 static. The command's table (printed here) and its
+JSON agree with what the device has: the lease dnsmasq gave, the client that got
+it, eth0's link. Stopped, the daemon is reported as not running."""
+import json
+import re
+
+from labtest import TWO_PORT_CONFIG, VETH3_ADDR, LabTestCase, main, wait_for
+
+
+class StatusOnTheDeviceTest(LabTestCase):
+    def test_the_table_and_the_document_show_the_device(self):
+        self.lab.start(TWO_PORT_CONFIG)
+        lease = self.lab.wait_for_lease()
+        self.lab.wait_for_cycles(2)
+
+        def healthy():
+            result = self.lab.ctl("status")
+            return result if result.returncode == 0 else None
+
+        table = wait_for(healthy, 15, "tessel-networkctl status to report the device healthy").stdout
+        print("\n" + table)
+        self.assertRegex(table, r"State: +healthy\n")
+        self.assertRegex(table, r"Bridge mode: +eth0eth1 \(configured eth0eth1\)\n")
+        self.assertRegex(table, r"eth0: +up, 0 recoveries\n")
+        clients = self.lab.udhcpc_clients()
+        self.assertEqual(len(clients), 1, clients)
+        pid = list(clients)[0]
+        self.assertRegex(table, r"\nveth1 +dhcp +%s +255\.255\.255\.0 +%s +10 +lease \S+ +pid %d, 1 started\n"
+                         % (re.escape(lease), re.escape(self.lab.env["PEER1_ADDR"]), pid))
+        self.assertRegex(table, r"\nveth3 +static %s/255\.255\.255\.0 +%s +255\.255\.255\.0 +- +100 +static +-\n"
+                         % (re.escape(VETH3_ADDR), re.escape(VETH3_ADDR)))
+
+        result = self.lab.ctl("status", "--json")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        document = self.lab.status_document()
+        self.assertEqual(json.loads(result.stdout), document)
+        veth1 = document["interfaces"][0]
+        self.assertEqual((veth1["name"], veth1["address"], veth1["from_dhcp"], veth1["dhcp_client"]["pid"]),
+                         ("veth1", lease, True, pid))
+
+        self.lab.stop()
+        result = self.lab.ctl("status")
+        self.assertEqual(result.returncode, 3, result.stdout + result.stderr)
+        self.assertRegex(result.stdout, r"State: +not running")
+
+
+if __name__ == "__main__":
+    main()
