@@ -6,8 +6,15 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tessel-networkd)
 set(CPACK_PACKAGE_VENDOR Tessel)
 set(CPACK_PACKAGE_CONTACT "Tessel firmware team <firmware@tessel.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "Network configuration daemon: bridge, veth pairs, isolation rules, addresses, PHY mode")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "network configuration daemon of the Tessel device")
+# The extended description, in lines of at most 80 characters.
+string(CONCAT CPACK_PACKAGE_DESCRIPTION
+       "tessel-networkd keeps the Tessel device's networking as its configuration\n"
+       "file asks: the bridge br0 with eth0, eth1 or both as ports, the veth pairs,\n"
+       "the ARP and IP rules that isolate the second internal network, static or\n"
+       "DHCP addresses with route metrics, the PHY wiring mode and eth0 link\n"
+       "recovery. tessel-networkctl shows what is configured, what is in force and\n"
+       "what went wrong, as a table or as JSON.")
 set(CPACK_PACKAGE_INSTALL_DIRECTORY tessel-networkd)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 # The configuration and the init script have absolute destinations (/etc); a

@@ -135,5 +135,16 @@ for sig in HUP INT; do
     [ -e "$PIDFILE" ] && fail "pid file left behind after $sig"
 done
 
+# force-reload restarts, as restart does.
+out=$($init start 2>&1) || fail "start before force-reload: exit $? ($out)"
+supervisor=$(cat "$PIDFILE" 2>/dev/null)
+daemon=$(daemon_child "$supervisor") || fail "no daemon before force-reload"
+out=$($init force-reload 2>&1) || fail "force-reload: exit $? ($out)"
+supervisor=$(cat "$PIDFILE" 2>/dev/null)
+reloaded=$(daemon_child "$supervisor") || fail "no daemon after force-reload"
+[ -n "$reloaded" ] && [ "$reloaded" != "$daemon" ] || fail "force-reload kept the old daemon"
+kill -0 "$daemon" 2>/dev/null && fail "the old daemon still runs after force-reload"
+out=$($init stop 2>&1) || fail "stop after force-reload: exit $? ($out)"
+
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
 echo "init script under $shell: OK"

@@ -23,8 +23,15 @@ layout=$(cd "$stage" && find . -type f -printf '%M %P\n' | sort -k2)
 expected="-rwxr-xr-x etc/init.d/tessel-networkd
 -rw-r--r-- etc/tessel-networkd.conf
 -rwxr-xr-x usr/bin/tessel-netcheck
+-rwxr-xr-x usr/bin/tessel-networkctl
 -rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
 -rwxr-xr-x usr/sbin/tessel-networkd
+-rw-r--r-- usr/share/doc/tessel-networkd/changelog.gz
+-rw-r--r-- usr/share/doc/tessel-networkd/copyright
+-rw-r--r-- usr/share/man/man1/tessel-netcheck.1.gz
+-rw-r--r-- usr/share/man/man1/tessel-networkctl.1.gz
+-rw-r--r-- usr/share/man/man5/tessel-networkd.conf.5.gz
+-rw-r--r-- usr/share/man/man8/tessel-networkd.8.gz
 -rwxr-xr-x usr/share/udhcpc/tessel.script"
 [ "$layout" = "$expected" ] || fail "installed layout
 --- expected
@@ -44,6 +51,35 @@ $out"
     if grep -q ' ERROR \| WARN ' <<<"$out"; then fail "example configuration logs a problem:
 $out"; fi
 fi
+
+# The operator command's check is the checker's, word for word.
+if [ -x "$stage/usr/bin/tessel-networkctl" ]; then
+    out_ctl=$("$stage/usr/bin/tessel-networkctl" check "$stage/etc/tessel-networkd.conf" 2>&1)
+    status=$?
+    [ "$status" -eq 0 ] && [ "$out_ctl" = "$out" ] || fail "tessel-networkctl check: exit $status
+$out_ctl"
+fi
+
+# The manual pages: gzipped with no name or time stamp in the header, each
+# formats without a warning and names its program, and the configuration page
+# has every keyword of the file.
+for page in man1/tessel-netcheck.1 man1/tessel-networkctl.1 man5/tessel-networkd.conf.5 man8/tessel-networkd.8; do
+    gz=$stage/usr/share/man/$page.gz
+    [ -f "$gz" ] || continue
+    # Bytes 4-7 of a gzip header: flags (no FNAME) and MTIME zero.
+    [ "$(od -An -tx1 -j3 -N5 "$gz" | tr -d ' ')" = 0000000000 ] || fail "$page.gz carries a name or time stamp"
+    name=$(basename "$page"); name=${name%.*}
+    text=$(gzip -dc "$gz")
+    grep -q "^\.TH $(tr a-z A-Z <<<"$name" | sed 's/\./\\./g') " <<<"$text" || fail "$page: no .TH for $name"
+    if command -v groff >/dev/null; then
+        warnings=$(LC_ALL=C.UTF-8 groff -man -Tutf8 -ww -z <<<"$text" 2>&1)
+        [ -z "$warnings" ] || fail "$page: groff warns: $warnings"
+    fi
+done
+conf=$(gzip -dc "$stage/usr/share/man/man5/tessel-networkd.conf.5.gz" 2>/dev/null)
+for keyword in bridge phy veth1 veth3 vrx0 vrx1; do
+    grep -Eq "^\.(B|BI|BR) \"?$keyword[ \"]" <<<"$conf" || fail "tessel-networkd.conf(5) lacks the keyword $keyword"
+done
 
 # The unit starts the installed daemon in the foreground with the installed
 # configuration, restarts it, and stops it with SIGTERM.
