@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Builds the .deb of a build directory and runs lintian on it: no error, and no
+# warning beyond the two the package keeps on purpose:
+#   init.d-script-does-not-source-init-functions   the script is POSIX sh for BusyBox
+#                                                  init, which has no /lib/lsb
+#   script-in-etc-init.d-not-registered-via-update-rc.d
+#                                                  no maintainer scripts: installing must
+#                                                  not start a daemon that rebuilds br0 and
+#                                                  flushes eth0/eth1; the device's image
+#                                                  enables the service
+#   package-lintian.sh BUILD_DIR
+set -uo pipefail
+
+build=$1
+command -v lintian >/dev/null || { echo "SKIP: lintian is missing (tools/test installs it)"; exit 77; }
+out=$(mktemp -d /tmp/tessel-package.XXXXXX)
+trap 'rm -rf "$out"' EXIT
+if ! (cd "$build" && cpack -G DEB -B "$out") >"$out/cpack.log" 2>&1; then
+    cat "$out/cpack.log"; echo "FAIL: cpack"; exit 1
+fi
+deb=$(ls "$out"/*.deb)
+tags=$(lintian --tag-display-limit 0 "$deb" 2>&1 | grep -v '^running with root privileges' | sed 's/ \[.*\]$//' | sort)
+expected="W: tessel-networkd: init.d-script-does-not-source-init-functions
+W: tessel-networkd: script-in-etc-init.d-not-registered-via-update-rc.d"
+if [ "$tags" != "$expected" ]; then
+    printf 'FAIL: lintian on %s\n--- expected\n%s\n--- reported\n%s\n' "$(basename "$deb")" "$expected" "$tags"
+    exit 1
+fi
+echo "lintian: no error; the two known warnings"
