@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
@@ -82,56 +83,129 @@ const char* BridgeModeName(BRIDGE_MODE mode) {
 // The configuration file's words: "frame" is SGMII, anything else copper.
 const char* PhyModeName(PHY_MODE mode) { return mode == PHY_MODE_SGMII ? "frame" : "copper"; }
 
-std::string Dotted(in_addr address) {
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &address, text, sizeof text);
-    return text;
-}
+// One call a member rather than its code at every place: the document's
+// functions stay small (GCC's and clang's attribute).
+#define NOINLINE __attribute__((noinline))
 
-std::string Time(const timespec& t) { return IsZero(t) ? "null" : Util::JsonString(Util::FormatIsoTime(t)); }
+// Writes JSON members one after the other, each on a line of its own, indented
+// by its depth; commas and quotes are its business. Small on purpose: the
+// document is built only when it changed, and the daemon's size counts on the device.
+class JsonWriter {
+public:
+    explicit JsonWriter(std::string& text) : m_text(text) {}
 
-std::string OrNull(bool bPresent, const std::string& value) { return bPresent ? value : "null"; }
+    // An object or array as a member (`name`), an element (nullptr) or the document.
+    NOINLINE void Open(const char* name, char bracket) {
+        Member(name);
+        m_text += bracket;
+        ++m_depth;
+        m_bFirst = true;
+    }
+    NOINLINE void Close(char bracket) {
+        --m_depth;
+        if (!m_bFirst) Indent();
+        m_text += bracket;
+        m_bFirst = false;
+    }
+    NOINLINE void String(const char* name, const std::string& value) {
+        Member(name);
+        m_text += Util::JsonString(value);
+    }
+    NOINLINE void Literal(const char* name, const char* value) {
+        Member(name);
+        m_text += value;
+    }
+    NOINLINE void Bool(const char* name, bool value) { Literal(name, value ? "true" : "false"); }
+    NOINLINE void Null(const char* name) { Literal(name, "null"); }
+    NOINLINE void Number(const char* name, long long value) {
+        char digits[24];
+        snprintf(digits, sizeof digits, "%lld", value);
+        Literal(name, digits);
+    }
+    // Dotted, or null when absent.
+    NOINLINE void Address(const char* name, bool bPresent, in_addr address) {
+        char text[INET_ADDRSTRLEN] = {};
+        if (!bPresent || inet_ntop(AF_INET, &address, text, sizeof text) == nullptr) return Null(name);
+        String(name, text);
+    }
+    // ISO 8601 with the zone, or null for the zero time.
+    NOINLINE void Time(const char* name, const timespec& t) {
+        if (IsZero(t)) return Null(name);
+        String(name, Util::FormatIsoTime(t));
+    }
 
-std::string Work(const STATUS_WORK& work) {
-    std::string text = "{\"failing\": " + std::string(work.m_nFailures != 0 ? "true" : "false");
-    text += ", \"failures\": " + std::to_string(work.m_nFailures);
-    text += ", \"last_failure\": ";
+private:
+    NOINLINE void Indent() {
+        m_text += '\n';
+        m_text.append(2 * static_cast<size_t>(m_depth), ' ');
+    }
+    NOINLINE void Member(const char* name) {
+        if (m_depth > 0) {
+            if (!m_bFirst) m_text += ',';
+            Indent();
+        }
+        m_bFirst = false;
+        if (name != nullptr) {
+            m_text += Util::JsonString(name);
+            m_text += ": ";
+        }
+    }
+
+    std::string& m_text;
+    int m_depth = 0;
+    bool m_bFirst = true;
+};
+
+void WriteWork(JsonWriter& json, const char* name, const STATUS_WORK& work) {
+    json.Open(name, '{');
+    json.Bool("failing", work.m_nFailures != 0);
+    json.Number("failures", work.m_nFailures);
     if (IsZero(work.m_failedAt)) {
-        text += "null";
+        json.Null("last_failure");
     } else {
-        text += "{\"command\": " + Util::JsonString(work.m_command);
-        text += ", \"outcome\": " + Util::JsonString(DescribeOutcome(work.m_outcome));
-        text += ", \"at\": " + Time(work.m_failedAt) + "}";
+        json.Open("last_failure", '{');
+        json.String("command", work.m_command);
+        json.String("outcome", DescribeOutcome(work.m_outcome));
+        json.Time("at", work.m_failedAt);
+        json.Close('}');
     }
-    text += ", \"recovered_at\": " + Time(work.m_recoveredAt) + "}";
-    return text;
+    json.Time("recovered_at", work.m_recoveredAt);
+    json.Close('}');
 }
 
-std::string Interface(const char* name, const STATUS_INTERFACE& iface) {
-    std::string text = "    {\n      \"name\": " + Util::JsonString(name) + ",\n";
-    text += "      \"addressing\": ";
-    text += OrNull(iface.m_bRequested, Util::JsonString(iface.m_requested.m_bDhcp ? "dhcp" : "static")) + ",\n";
-    text += "      \"requested\": ";
-    if (iface.m_bRequested && !iface.m_requested.m_bDhcp) {
-        text += "{\"address\": " + Util::JsonString(Dotted(iface.m_requested.m_ipAddress)) +
-                ", \"mask\": " + Util::JsonString(Dotted(iface.m_requested.m_subnetMask)) + ", \"gateway\": " +
-                OrNull(iface.m_requested.m_gateway.s_addr != 0, Util::JsonString(Dotted(iface.m_requested.m_gateway))) +
-                "},\n";
+void WriteInterface(JsonWriter& json, const char* name, const STATUS_INTERFACE& iface) {
+    json.Open(nullptr, '{');
+    json.String("name", name);
+    if (iface.m_bRequested) {
+        json.String("addressing", iface.m_requested.m_bDhcp ? "dhcp" : "static");
     } else {
-        text += "null,\n";
+        json.Null("addressing");
     }
-    text += "      \"address\": " + OrNull(iface.m_bInForce, Util::JsonString(Dotted(iface.m_address))) + ",\n";
-    text += "      \"mask\": " + OrNull(iface.m_bInForce, Util::JsonString(Dotted(iface.m_mask))) + ",\n";
-    text += "      \"gateway\": " +
-            OrNull(iface.m_bInForce && iface.m_gateway.s_addr != 0, Util::JsonString(Dotted(iface.m_gateway))) + ",\n";
-    text += "      \"metric\": " + std::to_string(iface.m_nMetric) + ",\n";
-    text += "      \"from_dhcp\": " + std::string(iface.m_bFromDhcp ? "true" : "false") + ",\n";
-    text += "      \"lease_at\": " + Time(iface.m_leaseAt) + ",\n";
-    text += "      \"dhcp_client\": {\"pid\": " +
-            OrNull(iface.m_clientPid != 0, std::to_string(static_cast<long>(iface.m_clientPid))) +
-            ", \"starts\": " + std::to_string(iface.m_nClientStarts) + "},\n";
-    text += "      \"work\": " + Work(iface.m_work) + "\n    }";
-    return text;
+    if (iface.m_bRequested && !iface.m_requested.m_bDhcp) {
+        json.Open("requested", '{');
+        json.Address("address", true, iface.m_requested.m_ipAddress);
+        json.Address("mask", true, iface.m_requested.m_subnetMask);
+        json.Address("gateway", iface.m_requested.m_gateway.s_addr != 0, iface.m_requested.m_gateway);
+        json.Close('}');
+    } else {
+        json.Null("requested");
+    }
+    json.Address("address", iface.m_bInForce, iface.m_address);
+    json.Address("mask", iface.m_bInForce, iface.m_mask);
+    json.Address("gateway", iface.m_bInForce && iface.m_gateway.s_addr != 0, iface.m_gateway);
+    json.Number("metric", iface.m_nMetric);
+    json.Bool("from_dhcp", iface.m_bFromDhcp);
+    json.Time("lease_at", iface.m_leaseAt);
+    json.Open("dhcp_client", '{');
+    if (iface.m_clientPid != 0) {
+        json.Number("pid", iface.m_clientPid);
+    } else {
+        json.Null("pid");
+    }
+    json.Number("starts", iface.m_nClientStarts);
+    json.Close('}');
+    WriteWork(json, "work", iface.m_work);
+    json.Close('}');
 }
 
 // --- the file -----------------------------------------------------------------
@@ -260,43 +334,67 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
 }
 
 std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
-    std::string text = "{\n  \"schema\": " + std::to_string(kStatusSchema) + ",\n";
-    text += "  \"daemon\": {\"version\": " + Util::JsonString(daemon.m_version) +
-            ", \"pid\": " + std::to_string(static_cast<long>(daemon.m_pid)) +
-            ", \"started\": " + Time(daemon.m_startedAt) + "},\n";
+    std::string text;
+    text.reserve(3072);
+    JsonWriter json(text);
+    json.Open(nullptr, '{');
+    json.Number("schema", kStatusSchema);
+    json.Open("daemon", '{');
+    json.String("version", daemon.m_version);
+    json.Number("pid", daemon.m_pid);
+    json.Time("started", daemon.m_startedAt);
+    json.Close('}');
 
-    text += "  \"configuration\": {\n    \"path\": " + Util::JsonString(daemon.m_configPath) + ",\n";
-    text += "    \"read\": " + std::string(s.m_bConfigRead ? "true" : "false") + ",\n";
-    text += "    \"usable\": " + std::string(s.m_bConfigUsable ? "true" : "false") + ",\n";
-    text += "    \"problems\": [";
-    for (size_t i = 0; i < s.m_configProblems.size(); ++i) {
-        text += (i == 0 ? "" : ", ") + Util::JsonString(s.m_configProblems[i]);
+    json.Open("configuration", '{');
+    json.String("path", daemon.m_configPath);
+    json.Bool("read", s.m_bConfigRead);
+    json.Bool("usable", s.m_bConfigUsable);
+    json.Open("problems", '[');
+    for (const std::string& problem : s.m_configProblems) json.String(nullptr, problem);
+    json.Close(']');
+    if (s.m_bConfigured) {
+        json.String("bridge_mode", BridgeModeName(s.m_eConfiguredBridgeMode));
+        json.String("phy_mode", PhyModeName(s.m_eConfiguredPhyMode));
+    } else {
+        json.Null("bridge_mode");
+        json.Null("phy_mode");
     }
-    text += "],\n";
-    text +=
-        "    \"bridge_mode\": " + OrNull(s.m_bConfigured, Util::JsonString(BridgeModeName(s.m_eConfiguredBridgeMode))) +
-        ",\n";
-    text += "    \"phy_mode\": " + OrNull(s.m_bConfigured, Util::JsonString(PhyModeName(s.m_eConfiguredPhyMode))) +
-            "\n  },\n";
+    json.Close('}');
 
-    text +=
-        "  \"bridge_mode\": " + OrNull(s.m_bBridgeInForce, Util::JsonString(BridgeModeName(s.m_eBridgeMode))) + ",\n";
-    text += "  \"phy_mode\": " + OrNull(s.m_bPhyInForce, Util::JsonString(PhyModeName(s.m_ePhyMode))) + ",\n";
-    text += "  \"eth0\": {\"used\": " + std::string(s.m_bEth0Used ? "true" : "false") +
-            ", \"link\": " + OrNull(s.m_bEth0Used, s.m_bEth0LinkUp ? "\"up\"" : "\"down\"") +
-            ", \"recoveries\": " + std::to_string(s.m_nEth0Recoveries) +
-            ", \"last_recovery\": " + Time(s.m_eth0RecoveredAt) + "},\n";
+    if (s.m_bBridgeInForce) {
+        json.String("bridge_mode", BridgeModeName(s.m_eBridgeMode));
+    } else {
+        json.Null("bridge_mode");
+    }
+    if (s.m_bPhyInForce) {
+        json.String("phy_mode", PhyModeName(s.m_ePhyMode));
+    } else {
+        json.Null("phy_mode");
+    }
+    json.Open("eth0", '{');
+    json.Bool("used", s.m_bEth0Used);
+    if (s.m_bEth0Used) {
+        json.String("link", s.m_bEth0LinkUp ? "up" : "down");
+    } else {
+        json.Null("link");
+    }
+    json.Number("recoveries", s.m_nEth0Recoveries);
+    json.Time("last_recovery", s.m_eth0RecoveredAt);
+    json.Close('}');
 
-    text += "  \"interfaces\": [\n" + Interface("veth1", s.m_veth1);
-    if (s.m_veth3.m_bShown) text += ",\n" + Interface("veth3", s.m_veth3);
-    text += "\n  ],\n";
+    json.Open("interfaces", '[');
+    WriteInterface(json, "veth1", s.m_veth1);
+    if (s.m_veth3.m_bShown) WriteInterface(json, "veth3", s.m_veth3);
+    json.Close(']');
 
-    text += "  \"work\": {\n";
-    text += "    \"startup\": " + Work(s.m_startup) + ",\n";
-    text += "    \"bridge\": " + Work(s.m_bridge) + ",\n";
-    text += "    \"veth1\": " + Work(s.m_veth1.m_work) + ",\n";
-    text += "    \"veth3\": " + Work(s.m_veth3.m_work) + "\n";
-    text += "  }\n}\n";
+    json.Open("work", '{');
+    WriteWork(json, "startup", s.m_startup);
+    WriteWork(json, "bridge", s.m_bridge);
+    WriteWork(json, "veth1", s.m_veth1.m_work);
+    WriteWork(json, "veth3", s.m_veth3.m_work);
+    json.Close('}');
+    json.Close('}');
+    text += '\n';
     return text;
 }
 

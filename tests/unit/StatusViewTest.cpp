@@ -44,6 +44,13 @@ const char kHealthy[] = R"({
 
 void WriteText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
+// Arguments as /proc/PID/cmdline has them: each ended by a zero byte.
+std::string Cmdline(const std::vector<std::string>& args) {
+    std::string text;
+    for (const std::string& arg : args) text += arg + '\0';
+    return text;
+}
+
 // A process directory as /proc has it: state, name and arguments.
 void FakeProcess(const TempDir& proc, long pid, char state, const std::string& comm, const std::string& cmdline) {
     const std::string dir = proc.Path(std::to_string(pid));
@@ -87,12 +94,12 @@ TEST(DegradationsTest, ADocumentOfAnotherShapeIsReadWithoutACrash) {
 
 TEST(DaemonRunningTest, ByNameOrByAnArgumentAndNeverAZombie) {
     TempDir proc;
-    FakeProcess(proc, 10, 'S', "tessel-networkd", std::string("tessel-networkd\0--config\0/x\0", 29));
+    FakeProcess(proc, 10, 'S', "tessel-networkd", Cmdline({"tessel-networkd", "--config", "/x"}));
     FakeProcess(proc, 11, 'S', "qemu-arm",
-                std::string("/usr/bin/qemu-arm\0-L\0/usr/arm-linux-gnueabihf\0/work/tessel-networkd\0", 67));
+                Cmdline({"/usr/bin/qemu-arm", "-L", "/usr/arm-linux-gnueabihf", "/work/tessel-networkd"}));
     FakeProcess(proc, 12, 'Z', "tessel-networkd", "");
-    FakeProcess(proc, 13, 'S', "sleep", std::string("sleep\0tessel-networkd\0", 22));
-    FakeProcess(proc, 14, 'S', "bash", std::string("bash\0-c\0x\0y\0/tessel-networkd\0", 28));
+    FakeProcess(proc, 13, 'S', "sleep", Cmdline({"sleep", "tessel-networkd"}));
+    FakeProcess(proc, 14, 'S', "bash", Cmdline({"bash", "-c", "x", "y", "/tessel-networkd"}));
     EXPECT_TRUE(DaemonRunning(10, proc.Path()));
     EXPECT_TRUE(DaemonRunning(11, proc.Path()));
     EXPECT_FALSE(DaemonRunning(12, proc.Path()));

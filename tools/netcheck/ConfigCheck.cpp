@@ -89,9 +89,11 @@ int CheckConfigFile(const std::string& path) {
     USER_SETTINGS zero;
     memset(&zero, 0, sizeof zero);
     ParseResult read = Parse(path, zero);
-    // The second read below is silent.
-    s_messages = nullptr;
+    // Filled by CollectMessage during the read, through s_messages.
+    // cppcheck-suppress knownEmptyContainer
     for (const std::string& message : messages) puts(message.c_str());
+    // The second read below is silent, and nothing points at this call's list after it.
+    s_messages = nullptr;
     if (read.status != 0) {
         printf("%s: cannot be read\n", path.c_str());
         return 2;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
@@ -93,9 +94,7 @@ int Status(const std::vector<std::string>& args) {
     return reasons.empty() ? STATUS_HEALTHY : STATUS_DEGRADED;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (args.empty()) return Usage(stderr, 2);
     const std::string& command = args[0];
@@ -108,4 +107,16 @@ int main(int argc, char** argv) {
     }
     fprintf(stderr, "tessel-networkctl: unknown command %s\n", command.c_str());
     return Usage(stderr, 2);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {
+        // Out of memory, mostly: nothing was printed that could mislead.
+        fprintf(stderr, "tessel-networkctl: %s\n", error.what());
+        return 2;
+    }
 }
