@@ -1,5 +1,6 @@
-"""In-process figures of tessel-bench (tools/perf): the cycle body, the bridge
-build and the DHCP client stop, each against its floor in alternating blocks."""
+"""In-process figures of tessel-bench (tools/perf): the cycle body with its
+status update, one write of the status document, the bridge build and the DHCP
+client stop, each against its floor in alternating blocks."""
 import subprocess
 
 
@@ -18,6 +19,7 @@ def measure(work, real_ip, bench):
     figures.update(work.run("tool", real_ip, command=[bench, "idle", work.configs["idle"], "20000"]))
     figures.update(work.run("tool", real_ip, interfaces="eth0",
                             command=[bench, "steady", work.configs["steady"], "600"]))
+    figures.update(work.run("tool", real_ip, command=[bench, "status", "2000"]))
     figures.update(work.run("tool", real_ip, command=[bench, "bridge", "20"]))
     figures.update(work.run("tool", real_ip, command=[bench, "stopdhcp", "2000"]))
     return figures

@@ -99,6 +99,8 @@ GOALS = [
      lambda value, ratio: ratio <= 1.05),
     (_ratio_row("daemon_steady", "steady cycle, daemon, with wake-up (%(count)d cycles)"), "<= 1.05x",
      lambda value, ratio: ratio <= 1.05),
+    # Only on a change of what it shows; reported, as its cost is that of the change.
+    (_ratio_row("status_write", "status document write, %(count)d writes"), "report", None),
     (_bridge, "<= 1.05x", lambda value, ratio: ratio <= 1.05),
     (_stopdhcp, "<= 10 us", lambda value, ratio: value <= 10),
     (_lease, "<= 1 cycle", lambda value, ratio: ratio <= 1.05),

@@ -4,8 +4,12 @@
 // its own with no-op stand-ins for the network tools first on PATH; it runs real
 // commands and must never run in the machine's own network namespace.
 //
-//   tessel-bench idle|steady CONFIG CYCLES   one pass of the daemon's cycle against opening, reading and
-//                                            closing CONFIG (idle) or the eth0 re-attach command (steady)
+//   tessel-bench idle|steady CONFIG CYCLES   one pass of the daemon's cycle and its status update against
+//                                            opening, reading and closing CONFIG (idle) or the eth0
+//                                            re-attach command (steady)
+//   tessel-bench status WRITES               one write of the status document (text built, file
+//                                            replaced) against writing the same bytes to a new file
+//                                            and renaming it over the old one
 //   tessel-bench bridge BUILDS               SetupBridge(eth0eth1) against its commands through /bin/sh -c
 //   tessel-bench stopdhcp EXTRA              StopDhcp with EXTRA more processes against a bare /proc scan
 //   tessel-bench paced CONFIG [COMMAND]      the idle floor (with COMMAND: the steady one) once a
@@ -13,6 +17,7 @@
 //
 // Results go to standard error, one line each: "name value floor" in microseconds.
 // Standard output carries the log, as the daemon's does.
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -30,6 +35,7 @@
 
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkStatus.h"
 
 namespace {
 
@@ -84,9 +90,38 @@ void Compare(const char* name, int count, int blocks, Subject subject, Floor flo
     fprintf(stderr, "%s %.3f %.3f %d\n", name, subjectTotal / done, floorTotal / done, done);
 }
 
+// A directory of the bench's own for the status document, under its private
+// /tmp; removed with what is in it by RemoveStatusDirectory.
+std::string MakeStatusDirectory() {
+    char pattern[] = "/tmp/tessel-bench-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) return "";
+    return std::string(pattern) + "/status";
+}
+
+void RemoveStatusDirectory(const std::string& directory) {
+    unlink((directory + "/status.json").c_str());
+    unlink((directory + "/.status.json.new").c_str());
+    unlink((directory + "/floor.json").c_str());
+    unlink((directory + "/floor.json.new").c_str());
+    rmdir(directory.c_str());
+    rmdir(directory.substr(0, directory.rfind('/')).c_str());
+}
+
+// The least a replacement of the document costs: its bytes to a new file, renamed over the old.
+void ReplaceFileOnce(const std::string& directory, const std::string& text) {
+    const std::string temporary = directory + "/floor.json.new";
+    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    if (write(fd, text.data(), text.size()) < 0) perror("write");
+    close(fd);
+    rename(temporary.c_str(), (directory + "/floor.json").c_str());
+}
+
 int Usage() {
-    fputs("usage: tessel-bench idle|steady CONFIG CYCLES | bridge BUILDS | stopdhcp EXTRA | paced CONFIG [COMMAND]\n",
-          stderr);
+    fputs(
+        "usage: tessel-bench idle|steady CONFIG CYCLES | status WRITES | bridge BUILDS | stopdhcp EXTRA | "
+        "paced CONFIG [COMMAND]\n",
+        stderr);
     return 2;
 }
 
@@ -140,16 +175,61 @@ int main(int argc, char** argv) {
         // up and have none.
         SetPauseRunner([](unsigned int) {});
         CYCLE_STATE state;
-        RunSupervisionCycle(path, state);  // the first usable cycle, not timed
-        RunSupervisionCycle(path, state);
+        // A pass as the daemon's loop makes it: the cycle, then the status document,
+        // which is written only when what it shows changed.
+        const std::string statusDirectory = MakeStatusDirectory();
+        STATUS_WRITER status;
+        StartStatus(status, statusDirectory, path);
+        auto pass = [&] {
+            RunSupervisionCycle(path, state);
+            UpdateStatus(status, state);
+        };
+        pass();  // the first usable cycle, not timed
+        pass();
         if (mode == "idle") {
-            Compare(
-                "idle_cycle", cycles, 10, [&] { RunSupervisionCycle(path, state); }, [&] { ReadFileOnce(path); });
+            Compare("idle_cycle", cycles, 10, pass, [&] { ReadFileOnce(path); });
         } else {
             const std::string reattach = "ip link set eth0 master br0 > /dev/null 2>&1";
-            Compare(
-                "steady_cycle", cycles, 10, [&] { RunSupervisionCycle(path, state); }, [&] { ShellOnce(reattach); });
+            Compare("steady_cycle", cycles, 10, pass, [&] { ShellOnce(reattach); });
         }
+        RemoveStatusDirectory(statusDirectory);
+        return 0;
+    }
+    if (mode == "status") {
+        int writes = atoi(argv[2]);
+        // The document of a two-port device with a lease on veth1 and veth3 static.
+        CYCLE_STATE state;
+        state.m_bConfigRead = state.m_bConfigUsable = true;
+        state.m_settings.m_eBridgeMode = state.m_eLastBridgeMode = BRIDGE_MODE_ETH0ETH1;
+        state.m_settings.m_ePhyMode = state.m_eLastPhyMode = PHY_MODE_SGMII;
+        state.m_bBridgeSetupPending = state.m_bPhyModePending = state.m_bFirstCycle = false;
+        state.m_bEth0LinkUp = true;
+        state.m_settings.m_veth1Config.m_bDhcp = true;
+        state.m_veth1.m_applied = state.m_settings.m_veth1Config;
+        state.m_veth1.m_bReconfigure = state.m_veth3.m_bReconfigure = false;
+        state.m_veth1.m_dhcp = {true, {htonl(0xC0A84D64)}, {htonl(0xFFFFFF00)}, {htonl(0xC0A84D01)}};
+        state.m_veth1.m_leaseAt = {1795000000, 0};
+        state.m_veth1.m_clientPid = 223;
+        state.m_veth1.m_nClientStarts = 1;
+        state.m_settings.m_veth3Config = {false, {htonl(0x0AFDFEFD)}, {htonl(0xFFFFFF00)}, {0}};
+        state.m_veth3.m_applied = state.m_settings.m_veth3Config;
+        const std::string directory = MakeStatusDirectory();
+        STATUS_WRITER status;
+        StartStatus(status, directory, "/etc/tessel-networkd.conf");
+        STATUS_SNAPSHOT snapshot;
+        TakeStatusSnapshot(state, snapshot);
+        const std::string text = StatusJson(status.m_daemon, snapshot);
+        std::string error;
+        if (!WriteStatusFile(directory, text, error)) fprintf(stderr, "status write failed: %s\n", error.c_str());
+        fprintf(stderr, "status_bytes %zu 0 1\n", text.size());
+        Compare(
+            "status_write", writes, 10,
+            [&] {
+                TakeStatusSnapshot(state, snapshot);
+                WriteStatusFile(directory, StatusJson(status.m_daemon, snapshot), error);
+            },
+            [&] { ReplaceFileOnce(directory, text); });
+        RemoveStatusDirectory(directory);
         return 0;
     }
     if (mode == "bridge") {
