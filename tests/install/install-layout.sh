@@ -86,7 +86,8 @@ done
 unit=$stage/usr/lib/systemd/system/tessel-networkd.service
 for line in "Type=simple" \
     "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
-    "Restart=always" "KillSignal=SIGTERM" "KillMode=process"; do
+    "Restart=always" "KillSignal=SIGTERM" "KillMode=process" \
+    "RuntimeDirectory=tessel-networkd" "RuntimeDirectoryMode=0755" "RuntimeDirectoryPreserve=yes"; do
     grep -qx -- "$line" "$unit" || fail "unit lacks the line: $line"
 done
 if command -v systemd-analyze >/dev/null; then
