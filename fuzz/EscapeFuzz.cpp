@@ -1,6 +1,8 @@
 // The JSON and XML escapers on any text: the exact output length each one's
 // table gives, the characters that may no longer appear, and undoing the
-// escapes gives the text back where the escaping is reversible.
+// escapes gives the text back where the escaping is reversible. JsonString's
+// value is one JSON string: quoted, no control character or lone quote inside,
+// and read back it is the text wherever the text was ASCII.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -70,6 +72,49 @@ void CheckJson(const std::string& text) {
     FUZZ_CHECK(Count(dashboard, '\r') == 0 && Count(dashboard, '\t') == 0 && Count(dashboard, '\n') == 0);
 }
 
+// Reads a JSON string value's escapes back: the ones JsonString writes.
+// False on anything else, a control character or a quote inside included.
+bool DecodeJsonString(const std::string& value, std::string& text) {
+    if (value.size() < 2 || value.front() != '"' || value.back() != '"') return false;
+    for (size_t i = 1; i + 1 < value.size(); i++) {
+        const auto c = static_cast<unsigned char>(value[i]);
+        if (c < 0x20 || c == 0x7f || c == '"') return false;
+        if (c != '\\') {
+            text += static_cast<char>(c);
+            continue;
+        }
+        if (++i + 1 >= value.size()) return false;
+        const char* const kPairs = "\"\"\\\\b\bf\fn\nr\rt\t";
+        const char* pair = nullptr;
+        for (const char* p = kPairs; *p != '\0'; p += 2) {
+            if (*p == value[i]) pair = p;
+        }
+        if (pair != nullptr) {
+            text += pair[1];
+        } else if (value.compare(i, 5, "ufffd") == 0) {
+            text += "\xef\xbf\xbd";
+            i += 4;
+        } else if (value.compare(i, 3, "u00") == 0 && i + 5 < value.size()) {
+            text += static_cast<char>(std::stoi(value.substr(i + 3, 2), nullptr, 16));
+            i += 4;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+void CheckJsonString(const std::string& text) {
+    const std::string value = Util::JsonString(text);
+    std::string back;
+    FUZZ_CHECK(DecodeJsonString(value, back));
+    const bool ascii =
+        std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (ascii) FUZZ_CHECK(back == text);
+    // At most six characters a byte (\u001f), plus the quotes.
+    FUZZ_CHECK(value.size() <= 6 * text.size() + 2);
+}
+
 void CheckXml(const std::string& text) {
     std::string escaped = Util::EscapeForXml(text);
     FUZZ_CHECK(escaped.size() == text.size() + 5 * Count(text, '"') + 4 * Count(text, '&') + 5 * Count(text, '\'') +
@@ -84,6 +129,7 @@ void CheckXml(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     CheckJson(text);
+    CheckJsonString(text);
     CheckXml(text);
     return 0;
 }
