@@ -221,6 +221,46 @@ TEST_F(ParseConfigFileTest, ExampleFileSetsEverySetting) {
     EXPECT_EQ(log.Messages(), Lines{});
 }
 
+// What a caller that collects problems gets: each logged message in its words,
+// then the lines whose absence makes the file unusable, which are not logged.
+TEST_F(ParseConfigFileTest, ProblemsAreTheLoggedMessagesThenTheMissingLines) {
+    Lines problems;
+    Write("bridge eth2\nveth1 static 10.0.0.2 banana 10.0.0.1\nvrx0 bogus\n");
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, bVrx0Valid, bVrx1Valid, &problems), 0);
+    const Lines expected = {
+        "Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+        "Invalid static subnet mask veth1",
+        "Invalid syntax or address mode for vrx0 expected dhcp|static",
+        "No veth3 line in config file",
+    };
+    EXPECT_EQ(problems, expected);
+    EXPECT_EQ(log.Messages(), (Lines{
+                                  "ERROR ParseConfigFile: " + expected[0],
+                                  "ERROR ParseInterfaceLine: " + expected[1],
+                                  "ERROR ParseInterfaceLine: " + expected[2],
+                              }));
+}
+
+TEST_F(ParseConfigFileTest, ProblemsOfAnEmptyAnUnreadableAndAUsableFile) {
+    Lines problems;
+    Write("# nothing\n");
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, bVrx0Valid, bVrx1Valid, &problems), 0);
+    EXPECT_EQ(problems,
+              (Lines{"No bridge line in config file", "No veth1 line in config file", "No veth3 line in config file"}));
+    problems.clear();
+    std::filesystem::remove(path);
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, bVrx0Valid, bVrx1Valid, &problems), -1);
+    EXPECT_EQ(problems, (Lines{"Unable to read configuration file"}));
+    problems.clear();
+    Write(kExampleFile);
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, bVrx0Valid, bVrx1Valid, &problems), 0);
+    EXPECT_EQ(problems, Lines{});
+    // A read that does not ask notes nothing anywhere.
+    Write("bridge eth2\n");
+    EXPECT_EQ(Parse(), 0);
+    EXPECT_EQ(problems, Lines{});
+}
+
 TEST_F(ParseConfigFileTest, CrlfEndingsReadTheSame) {
     std::string text;
     for (const char* c = kExampleFile; *c != '\0'; ++c) text += *c == '\n' ? std::string("\r\n") : std::string(1, *c);
