@@ -60,8 +60,9 @@ TEST(CommandDeadlineTest, CommandThatEndsOnTermIsEndedAtItsDeadline) {
     EXPECT_EQ(outcome.m_nStatus, SIGTERM);
     EXPECT_GE(elapsed, std::chrono::milliseconds(20000));
     EXPECT_LT(elapsed, std::chrono::milliseconds(20500));
-    EXPECT_EQ(log.Timeline(),
-              (std::vector<std::string>{"ERROR WaitForCommand: Command still running after 20 s, ending it: sleep 100"}));
+    EXPECT_EQ(
+        log.Timeline(),
+        (std::vector<std::string>{"ERROR WaitForCommand: Command still running after 20 s, ending it: sleep 100"}));
 }
 
 TEST(CommandDeadlineTest, NineSecondCommandRunsToItsEnd) {

@@ -229,7 +229,7 @@ class Sandbox:
             raise
 
     def _populate(self, daemon_path):
-        for sub in ("bin", "tmp", "delay", "output", "status", "linger", "stamp", "clients"):
+        for sub in ("bin", "tmp", "delay", "output", "status", "linger", "stamp", "clients", "only"):
             os.mkdir(os.path.join(self.work, sub))
         # A copy, so the daemon stays reachable whatever its build directory is.
         self.daemon_path = os.path.join(self.work, "tessel-networkd")
@@ -296,6 +296,15 @@ class Sandbox:
 
     def set_status(self, tool, status):
         self._write(os.path.join("status", tool), "%d\n" % status)
+
+    def set_only(self, tool, text):
+        """Limits the tool's delays and status to calls whose arguments hold `text`;
+        None lifts the limit."""
+        if text is None:
+            if os.path.exists(self.path("only", tool)):
+                os.remove(self.path("only", tool))
+        else:
+            self._write(os.path.join("only", tool), text)
 
     def set_linger(self, tool, linger=True):
         marker = self.path("linger", tool)

@@ -12,10 +12,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <optional>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -391,27 +391,26 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
         "INFO SetAddrAndRouting: Adding default gateway 192.168.1.1 for veth1",
         "$ ip route add default via 192.168.1.1 dev veth1 metric 10",
     };
-    EXPECT_EQ(timeline,
-              Join({{"pass 1"},
-                    failedBuild,
-                    {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
-                    kRegisterWrites,
-                    veth1Static,
-                    kPhyWrite,
-                    {"pass 2"},
-                    failedBuild,
-                    {"WARN NoteWorkFailed: Retrying bridge setup in 2 s (failed attempts: 2)"},
-                    veth1Static,
-                    // Nothing in pass 3: the wait lasts until second 3.
-                    {"pass 4"},
-                    failedBuild,
-                    {"WARN NoteWorkFailed: Retrying bridge setup in 4 s (failed attempts: 3)"},
-                    veth1Static,
-                    // Nothing until second 7; the fault has gone meanwhile.
-                    {"pass 8"},
-                    kBridgeBuildEth1,
-                    {"NOTICE NoteWorkDone: Recovered bridge setup after 3 failed attempts"},
-                    veth1Static}));
+    EXPECT_EQ(timeline, Join({{"pass 1"},
+                              failedBuild,
+                              {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
+                              kRegisterWrites,
+                              veth1Static,
+                              kPhyWrite,
+                              {"pass 2"},
+                              failedBuild,
+                              {"WARN NoteWorkFailed: Retrying bridge setup in 2 s (failed attempts: 2)"},
+                              veth1Static,
+                              // Nothing in pass 3: the wait lasts until second 3.
+                              {"pass 4"},
+                              failedBuild,
+                              {"WARN NoteWorkFailed: Retrying bridge setup in 4 s (failed attempts: 3)"},
+                              veth1Static,
+                              // Nothing until second 7; the fault has gone meanwhile.
+                              {"pass 8"},
+                              kBridgeBuildEth1,
+                              {"NOTICE NoteWorkDone: Recovered bridge setup after 3 failed attempts"},
+                              veth1Static}));
 }
 
 // The passes whose timeline holds `line`, from a RunTimedPasses timeline.
@@ -470,23 +469,24 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndTheRetryStartsWit
     // Another program holds the xtables lock during the first pass.
     Lines timeline = RunTimedPasses(Eth0::kUp, kBothStatic, 3, [&](int pass, const std::string& command) {
         return pass == 1 && command.rfind("iptables -A", 0) == 0 ? std::optional<COMMAND_OUTCOME>(ExitStatus(4))
-                                                                  : std::nullopt;
+                                                                 : std::nullopt;
     });
-    Lines rules = Only(timeline, {"pass", "$ arptables", "$ iptables", "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge"});
+    Lines rules =
+        Only(timeline, {"pass", "$ arptables", "$ iptables", "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge"});
     // Pass 1: arptables flushed and filled, iptables flushed, its first rule
     // refused and nothing after it. Pass 2: the whole build again, flushes first.
     ASSERT_EQ(rules.size(), 45U + 56U + 1U);
     EXPECT_EQ(Lines(rules.begin(), rules.begin() + 3),
               (Lines{"pass 1", "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F"}));
-    EXPECT_EQ(Lines(rules.begin() + 41, rules.begin() + 50),
-              (Lines{"$ iptables -F",
-                     "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-                     "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
-                     "physdev --physdev-in eth1 -j DROP",
-                     "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)", "pass 2",
-                     "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F",
-                     "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP",
-                     "$ arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP"}));
+    EXPECT_EQ(
+        Lines(rules.begin() + 41, rules.begin() + 50),
+        (Lines{"$ iptables -F", "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
+               "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
+               "physdev --physdev-in eth1 -j DROP",
+               "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)", "pass 2",
+               "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F",
+               "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP",
+               "$ arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP"}));
     EXPECT_EQ(Lines(rules.end() - 4, rules.end()),
               (Lines{"$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
                      "INFO SetupBridge: Done with bridge setup",
@@ -525,20 +525,20 @@ TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterP
         "INFO SetAddrAndRouting: Configuring veth1 for 192.168.77.100/255.255.255.0",
         "$ ip addr add 192.168.77.100/255.255.255.0 dev veth1",
     };
-    EXPECT_EQ(timeline, Join({{"pass 1"},
-                              kBridgeBuildEth1,
-                              kRegisterWrites,
-                              kClientStart,
-                              kPhyWrite,
-                              {"pass 2", "INFO CheckForNewDhcpAddress: New DHCP lease for veth1"},
-                              apply,
-                              {"ERROR RunStep: Command failed (exit status 2): " + add,
-                               "WARN NoteWorkFailed: Retrying addressing of veth1 in 1 s (failed attempts: 1)",
-                               "pass 3"},
-                              apply,
-                              {"INFO SetAddrAndRouting: Adding default gateway 192.168.77.1 for veth1",
-                               "$ ip route add default via 192.168.77.1 dev veth1 metric 10",
-                               "NOTICE NoteWorkDone: Recovered addressing of veth1 after 1 failed attempts"}}));
+    EXPECT_EQ(timeline,
+              Join({{"pass 1"},
+                    kBridgeBuildEth1,
+                    kRegisterWrites,
+                    kClientStart,
+                    kPhyWrite,
+                    {"pass 2", "INFO CheckForNewDhcpAddress: New DHCP lease for veth1"},
+                    apply,
+                    {"ERROR RunStep: Command failed (exit status 2): " + add,
+                     "WARN NoteWorkFailed: Retrying addressing of veth1 in 1 s (failed attempts: 1)", "pass 3"},
+                    apply,
+                    {"INFO SetAddrAndRouting: Adding default gateway 192.168.77.1 for veth1",
+                     "$ ip route add default via 192.168.77.1 dev veth1 metric 10",
+                     "NOTICE NoteWorkDone: Recovered addressing of veth1 after 1 failed attempts"}}));
 }
 
 // A stand-in client: a process named udhcpc serving veth1, as the real one looks
@@ -568,15 +568,15 @@ TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
             // Reaped at once: whether a zombie or gone, it is no client.
             if (pass == 8) waitpid(client, nullptr, 0);
         });
-    EXPECT_EQ(timeline, Join({{"pass 1"},
-                              kBridgeBuildEth1,
-                              kRegisterWrites,
-                              kClientStart,
-                              kPhyWrite,
-                              // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.
-                              {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one",
-                               "pass 12"},
-                              kClientStart}));
+    EXPECT_EQ(timeline,
+              Join({{"pass 1"},
+                    kBridgeBuildEth1,
+                    kRegisterWrites,
+                    kClientStart,
+                    kPhyWrite,
+                    // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.
+                    {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12"},
+                    kClientStart}));
 }
 
 }  // namespace

@@ -5,9 +5,9 @@
 
 #include <cerrno>
 #include <chrono>
-#include <optional>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "src/Network.h"

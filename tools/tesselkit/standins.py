@@ -26,6 +26,7 @@ printf '%s\\n' "@STAMP@${0##*/}${*:+ $*}" >>'@LOG@'
 #   stamp/TOOL       every call also goes to times.log with the time it was made, in seconds
 #   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
 #                    as a daemonising client does) until SIGTERM, recorded in signals.log
+#   only/TOOL        a text: the delays and the status apply only to calls whose arguments hold it
 CONTROLLED = r"""#!/bin/sh
 # Stand-in for one of the device's tools: records the call, then does what its
 # control files in the work directory say.
@@ -34,15 +35,22 @@ tool=${0##*/}
 printf '%s\n' "$tool${*:+ $*}" >> "$work/commands.log"
 [ -f "$work/stamp/$tool" ] && printf '%s %s\n' "$(date +%s.%N)" "$tool${*:+ $*}" >> "$work/times.log"
 [ -f "$work/output/$tool" ] && cat "$work/output/$tool"
-if mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
+applies=yes
+if [ -f "$work/only/$tool" ]; then
+    case " $* " in
+        *"$(cat "$work/only/$tool")"*) ;;
+        *) applies=no ;;
+    esac
+fi
+if [ $applies = yes ] && mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
     sleep "$(cat "$work/delay/$tool.once.$$")"
     rm -f "$work/delay/$tool.once.$$"
 fi
-[ -f "$work/delay/$tool" ] && sleep "$(cat "$work/delay/$tool")"
+[ $applies = yes ] && [ -f "$work/delay/$tool" ] && sleep "$(cat "$work/delay/$tool")"
 if [ -f "$work/linger/$tool" ]; then
     STANDIN_TOOL=$tool bash -c 'exec -a "$0" bash "$@"' "$tool" "$work/linger.sh" "$@" < /dev/null > /dev/null 2>&1 &
 fi
-[ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
+[ $applies = yes ] && [ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
 exit 0
 """
 
