@@ -5,12 +5,17 @@
 # a killed daemon is started again, "stop" ends it with SIGTERM (exit code 0)
 # and leaves nothing running. The daemon has a mount namespace (and /tmp) of
 # its own; a second start is refused while one is under way; a pid file naming
-# another process never gets it signalled; HUP and INT stop the supervisor too.
-#   init-script.sh BUILD_DIR [SHELL]     SHELL runs the script (default sh)
+# another process never gets it signalled; HUP, INT and TERM sent to the
+# supervisor stop it and the daemon cleanly, none of them ignored by it.
+#   init-script.sh BUILD_DIR [SHELL [TOOLS]]
+#     SHELL  runs the script (default sh)
+#     TOOLS  "busybox": BusyBox's applets come first on PATH, as on a device
+#            with nothing else (its env, for one, cannot reset a signal)
 set -uo pipefail
 
 build=$1
 shell=${2:-sh}
+tools=${3:-}
 
 if [ "${TESSEL_IN_NAMESPACE:-}" != 1 ]; then
     why=
@@ -38,12 +43,26 @@ veth1 static 10.0.0.2 255.255.255.0 0.0.0.0
 veth3 static 10.0.1.2 255.255.255.0 0.0.0.0
 CONF
 
-export PATH=$work/bin:$PATH
+# The shell named, not the BusyBox applet of that name first on PATH below.
+read -r shell_cmd shell_args <<<"$shell"
+shell_cmd=$(command -v "$shell_cmd") || { echo "FAIL: no shell $shell"; exit 1; }
+if [ "$tools" = busybox ]; then
+    busybox=$(command -v busybox) || { echo "FAIL: no busybox"; exit 1; }
+    mkdir "$work/busybox"
+    for applet in $(busybox --list); do
+        # The stand-ins above, never the real tools.
+        [ -e "$work/bin/$applet" ] || ln -s "$busybox" "$work/busybox/$applet"
+    done
+    export PATH=$work/bin:$work/busybox:$PATH
+    [ "$(command -v env)" = "$work/busybox/env" ] || { echo "FAIL: env is not BusyBox's"; exit 1; }
+else
+    export PATH=$work/bin:$PATH
+fi
 # The daemon and the script run from here too: the private /tmp covers a build
 # that lives under /tmp (a clone there), as it would any file the device keeps there.
 cp "$build/tessel-networkd" "$build/dist/tessel-networkd.init" "$work/"
 export DAEMON=$work/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
-init="$shell $work/tessel-networkd.init"
+init="$shell_cmd $shell_args $work/tessel-networkd.init"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
@@ -117,11 +136,17 @@ kill -0 "$stranger" 2>/dev/null || fail "stop signalled a process that is not th
 kill "$stranger" 2>/dev/null
 wait "$stranger" 2>/dev/null
 
-# HUP and INT stop the supervisor as TERM does: the daemon ends, nothing is restarted.
-for sig in HUP INT; do
+# HUP, INT and TERM sent to the supervisor each stop it as "stop" does: it
+# ignores none of them, the daemon ends cleanly and nothing is restarted.
+stops=$(grep -c 'tessel-networkd exiting with code of 0' "$LOGFILE")
+for sig in HUP INT TERM; do
     out=$($init start 2>&1) || fail "start before $sig: exit $? ($out)"
     supervisor=$(cat "$PIDFILE" 2>/dev/null)
     daemon=$(daemon_child "$supervisor") || fail "no daemon before $sig"
+    ignored=$(sed -n 's/^SigIgn:[[:space:]]*//p' "/proc/$supervisor/status" 2>/dev/null)
+    echo "supervisor ($(readlink "/proc/$supervisor/exe")) SigIgn before $sig: ${ignored:-?}"
+    case $sig in HUP) bit=1 ;; INT) bit=2 ;; TERM) bit=15 ;; esac
+    [ -n "$ignored" ] && (( (0x$ignored >> (bit - 1)) & 1 )) && fail "supervisor ignores $sig (SigIgn $ignored)"
     kill -"$sig" "$supervisor"
     tries=50
     while { kill -0 "$supervisor" || kill -0 "$daemon"; } 2>/dev/null && [ $tries -gt 0 ]; do
@@ -130,7 +155,14 @@ for sig in HUP INT; do
     kill -0 "$supervisor" 2>/dev/null && fail "supervisor still running after $sig"
     [ -n "$daemon" ] && kill -0 "$daemon" 2>/dev/null && fail "daemon still running after $sig"
     [ -e "$PIDFILE" ] && fail "pid file left behind after $sig"
+    [ -e "$PIDFILE.lock" ] && fail "lock left behind after $sig"
+    stops=$((stops + 1))
+    [ "$(grep -c 'tessel-networkd exiting with code of 0' "$LOGFILE")" = "$stops" ] ||
+        fail "daemon did not exit cleanly after $sig"
+    # Whatever is left running is stopped here, for the next round.
+    kill -KILL "$supervisor" "$daemon" 2>/dev/null
+    rm -f "$PIDFILE"
 done
 
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
-echo "init script under $shell: OK"
+echo "init script under $shell${tools:+ with $tools tools}: OK"
