@@ -8,6 +8,7 @@ import datetime
 import os
 import signal
 import subprocess
+import sys
 import time
 
 import harness
@@ -35,6 +36,11 @@ CLIENT_VETH1 = "udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script"
 DEADLINE = "Command still running after 20 s, ending it: "
 # How long a hang takes to be ended, and a margin for a loaded machine.
 HANG_WAIT = 40
+
+
+def report(figure, seconds):
+    """A measured time, for the reliability figures."""
+    sys.stderr.write("measured: %s: %.2f s\n" % (figure, seconds))
 
 
 def stamp(entry):
@@ -101,6 +107,9 @@ class FaultTest(harness.DaemonTestCase):
             # Ended 20 seconds after it started, the process group with it.
             ended = find(entries, DEADLINE + command)
             self.assertEqual(ended.level, "ERROR")
+            report("hang in %s: start to recovered" % work,
+                   (stamp(find(entries, "Recovered %s after 1 failed attempts" % work)) - stamp(entries[0]))
+                   .total_seconds())
             self.assertLess(time.monotonic() - started, HANG_WAIT)
         # Nothing went on from the hung start-up command; all of it ran again.
         commands = start_up.commands()
@@ -135,6 +144,7 @@ class FaultTest(harness.DaemonTestCase):
                 sent = time.monotonic()
                 daemon.send(sig)
                 self.assertEqual(daemon.wait_exit(timeout=10), code, daemon.output())
+                report("%s while a command hangs: signal to exit" % sig.name, time.monotonic() - sent)
                 self.assertLess(time.monotonic() - sent, 3.0)
                 # The rest of the cycle runs without its commands, then the loop ends.
                 entries = [(e.function, e.message) for e in daemon.entries()]
@@ -153,6 +163,7 @@ class FaultTest(harness.DaemonTestCase):
         sent = time.monotonic()
         daemon.send(signal.SIGQUIT)
         self.assertEqual(daemon.wait_exit(timeout=10), int(signal.SIGQUIT), daemon.output())
+        report("SIGQUIT during the pause: signal to exit", time.monotonic() - sent)
         self.assertLess(time.monotonic() - sent, 3.0)
 
     def test_commands_that_fail_for_a_while_are_retried_after_1_2_4_seconds(self):
@@ -165,7 +176,9 @@ class FaultTest(harness.DaemonTestCase):
         self.sandbox.set_only("ip", None)
         self.sandbox.set_status("ip", 0)
         os.remove(self.sandbox.path("status", "ip"))
+        cleared = time.monotonic()
         entries = daemon.wait_for_message("Recovered bridge setup after 3 failed attempts", timeout=15)
+        report("failing bridge command: fault gone to recovered", time.monotonic() - cleared)
         attempts = [seconds for seconds, command in self.sandbox.timed_commands()
                     if command == "ip link add name br0 type bridge"]
         self.assertEqual(len(attempts), 4, attempts)
@@ -197,10 +210,12 @@ class FaultTest(harness.DaemonTestCase):
         # (In its PID namespace too, where umount finds its own /proc/self.)
         subprocess.run(["nsenter", "--target", str(daemon.pid), "--mount", "--pid", "--", "umount",
                         os.path.realpath("/bin/sh")], check=True)
+        back = time.monotonic()
         # Each work recovers at its next attempt once the shell is back.
         for work in ("start-up commands", "bridge setup", "register writes", "addressing of veth1", "PHY mode"):
             harness.wait_until(lambda: [m for m in daemon.messages() if m.startswith("Recovered %s after " % work)],
                                "%s to recover; output so far:\n%s" % (work, daemon.output()), 10)
+        report("no shell: shell back to all work recovered", time.monotonic() - back)
         commands = self.sandbox.commands()
         self.assertEqual(commands[:3 + len(BRIDGE_ETH1)], START_UP + BRIDGE_ETH1)
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1")
@@ -221,6 +236,7 @@ class FaultTest(harness.DaemonTestCase):
         daemon.wait_for_message("Starting DHCP for interface veth1", count=2, timeout=5)
         self.assertLess(time.monotonic() - killed, 15)
         harness.wait_until(lambda: self.sandbox.commands().count(CLIENT_VETH1) == 2, "the new client's start")
+        report("DHCP client killed: kill to new client started", time.monotonic() - killed)
         harness.wait_until(lambda: [p for p in clients(daemon) if p not in pids], "a new client")
         # One warning: the new client is found and kept.
         time.sleep(6)
@@ -242,7 +258,9 @@ class FaultTest(harness.DaemonTestCase):
             written += 1
             time.sleep(0.02)
         last = "10.0.%d.2" % ((written - 1) % 200)
+        stopped = time.monotonic()
         daemon.wait_for_message("Configuring veth1 for %s/255.255.255.0" % last, timeout=5)
+        report("configuration churn: last write to in force", time.monotonic() - stopped)
         time.sleep(2.5)
         self.assertTrue(daemon.running(), daemon.output())
         entries = daemon.entries()
@@ -274,7 +292,9 @@ class FaultTest(harness.DaemonTestCase):
         run("rm", "/tmp/filler")
         run("sh", "-c", "umask 077; printf 'veth1 10.0.0.5 255.255.255.0\\n10.0.0.1\\n' > /tmp/l.tmp && "
                         "mv /tmp/l.tmp /tmp/dhcp_veth1.txt")
+        freed = time.monotonic()
         daemon.wait_for_message("Configuring veth1 for 10.0.0.5/255.255.255.0", timeout=5)
+        report("full /tmp: lease written to in force", time.monotonic() - freed)
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())
 
@@ -289,7 +309,9 @@ class FaultTest(harness.DaemonTestCase):
         self.assertTrue(daemon.running(), daemon.output())
         self.assertNotIn("Configuring veth1 for 10.0.0.3/255.255.255.0", daemon.messages())
         subprocess.run(["prlimit", "--pid", str(daemon.pid), "--nofile=64:"], check=True)
+        raised = time.monotonic()
         daemon.wait_for_message("Configuring veth1 for 10.0.0.3/255.255.255.0", timeout=5)
+        report("few descriptors: limit raised to configuration in force", time.monotonic() - raised)
         # Nothing was left open by the failed reads.
         self.assertEqual(sorted(os.listdir("/proc/%d/fd" % daemon.pid)), ["0", "1", "2"])
         daemon.send(signal.SIGTERM)
