@@ -39,6 +39,9 @@ class XtablesLockTest(LabTestCase):
             self.assertEqual([], self.lab.ip_rules())
             # Nothing before the refused step needed the lock.
             self.assertEqual(38, len(self.lab.arp_rules()))
+            # The interfaces were served after the failed build all the same.
+            self.assertEqual([VETH3_ADDR + "/24"], self.lab.addresses("veth3"))
+            self.assertEqual(1, len(self.lab.udhcpc_clients()))
             released = time.monotonic()
         print("the build hung at %r for its deadline and failed %.1f s after the start; %s" %
               (error.message, failed_after, warned.message))
