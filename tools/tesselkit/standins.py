@@ -60,6 +60,19 @@ trap 'printf "%s\n" "TERM $STANDIN_TOOL $*" >> "@WORK@/signals.log"; exit 0' TER
 while :; do sleep 0.2 & wait $!; done
 """
 
+# Runs the real tool, but the first call with WORD among its arguments makes
+# CONTROL/stalled and waits for CONTROL/go first: a test acts while it hangs.
+STALLING = r"""#!/bin/sh
+# The real tool, stopping once on its first call with @WORD@ until let go.
+case " $* " in
+*" @WORD@ "*)
+    if mkdir '@CONTROL@/stalled' 2>/dev/null; then
+        while [ ! -e '@CONTROL@/go' ]; do sleep 0.05; done
+    fi ;;
+esac
+exec '@REAL@' "$@"
+"""
+
 _STAMP = "$(date +%s.%N) "
 
 
@@ -73,6 +86,14 @@ def install(directory, tools, script):
     """Writes `script` as each tool in `directory`."""
     for tool in tools:
         write_script(os.path.join(directory, tool), script)
+
+
+def install_stalling(path, real, word, control):
+    """Puts at `path`, in one rename, the stand-in that runs `real` and stalls
+    its first call with `word` (see STALLING) under the directory `control`."""
+    temporary = path + ".new"
+    write_script(temporary, STALLING.replace("@WORD@", word).replace("@CONTROL@", control).replace("@REAL@", real))
+    os.rename(temporary, path)
 
 
 def install_recorders(directory, tools, log, timed=False):
