@@ -30,9 +30,9 @@ bool SetAddrAndRouting(const std::string& interfaceName, unsigned int metric, in
     if (gateway.s_addr != 0) {
         std::string via = DottedQuad(gateway);
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Adding default gateway " + via + " for " + interfaceName);
-        return RunStep("ip route add default via " + via + " dev " + interfaceName + " metric " +
-                           Util::Format("%u", metric),
-                       true, noted);
+        return RunStep(
+            "ip route add default via " + via + " dev " + interfaceName + " metric " + Util::Format("%u", metric), true,
+            noted);
     }
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Not adding default gateway for " + interfaceName);
     return true;

@@ -66,12 +66,14 @@ bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
     return true;
 }
 
-void RunRegisterWriteSequence() {
-    WORK_FAILURE failure;
+// False, with the failure, when a write could not be run (started, and ended
+// before its deadline); a write that fails is not run again.
+bool RunRegisterWriteSequence(WORK_FAILURE& failure) {
     for (const REGISTER_WRITE& write : kRegisterWriteSequence) {
-        if (!RunStep(write.m_szCommand, false, failure)) return;
+        if (!RunStep(write.m_szCommand, false, failure)) return false;
         if (write.m_nPauseAfterMs != 0) Pause(write.m_nPauseAfterMs);
     }
+    return true;
 }
 
 }  // namespace
@@ -136,19 +138,31 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
             bRegisterWritesDue = true;
         }
     }
-    if (bRegisterWritesDue) RunRegisterWriteSequence();
+    if (bRegisterWritesDue || (state.m_bRegisterWritesPending && WorkDue(state.m_registerHealth))) {
+        WORK_FAILURE failure;
+        state.m_bRegisterWritesPending = !RunRegisterWriteSequence(failure);
+        if (state.m_bRegisterWritesPending) {
+            NoteWorkFailed(state.m_registerHealth, "register writes", failure);
+        } else {
+            NoteWorkDone(state.m_registerHealth, "register writes");
+        }
+    }
 
     ServiceVethX("veth1", kVeth1Metric, settings.m_veth1Config, state.m_veth1);
     if (bridgeMode == BRIDGE_MODE_ETH0ETH1) ServiceVethX("veth3", kVeth3Metric, settings.m_veth3Config, state.m_veth3);
 
-    if (state.m_bPhyModePending || settings.m_ePhyMode != state.m_eLastPhyMode) {
+    if (settings.m_ePhyMode != state.m_eLastPhyMode || (state.m_bPhyModePending && WorkDue(state.m_phyHealth))) {
         // Recorded as applied whatever the write does: a missing driver file is
-        // not retried until the mode changes.
+        // not retried until the mode changes. eth1's bounce is, when it could not be run.
         state.m_eLastPhyMode = settings.m_ePhyMode;
-        state.m_bPhyModePending = false;
         SetEthernetPhyMode(kPhyModeFile, state.m_eLastPhyMode);
         WORK_FAILURE failure;
-        RunSteps(kPhyModeSteps, failure);
+        state.m_bPhyModePending = !RunSteps(kPhyModeSteps, failure);
+        if (state.m_bPhyModePending) {
+            NoteWorkFailed(state.m_phyHealth, "PHY mode", failure);
+        } else {
+            NoteWorkDone(state.m_phyHealth, "PHY mode");
+        }
     }
     state.m_bFirstCycle = false;
 }

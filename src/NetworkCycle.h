@@ -32,7 +32,8 @@ struct CYCLE_STATE {
     BRIDGE_MODE m_eLastBridgeMode = BRIDGE_MODE_ETH0;
     // The PHY mode is to be written on the next usable pass, whatever the mode.
     bool m_bPhyModePending = true;
-    // The PHY mode last written (or attempted: a failed write is not retried).
+    // The PHY mode last written (or attempted: a failed write is not retried,
+    // but eth1's bounce after it is when it could not be run).
     PHY_MODE m_eLastPhyMode = PHY_MODE_COPPER;
     // eth0's link as last queried; false when the query failed.
     bool m_bEth0LinkUp = false;
@@ -41,11 +42,16 @@ struct CYCLE_STATE {
     timespec m_eth0RecoveredAt{};
     // No pass has found the configuration usable yet: the register writes are due.
     bool m_bFirstCycle = true;
+    // The register writes could not all be run and are due again.
+    bool m_bRegisterWritesPending = false;
     // The start-up commands are to be run (again) at the start of the next pass.
     bool m_bStartupPending = false;
-    // The start-up commands and the bridge build, as retried work.
+    // The start-up commands, the bridge build, the register writes and the PHY
+    // mode's eth1 bounce, as retried work.
     WORK_HEALTH m_startupHealth;
     WORK_HEALTH m_bridgeHealth;
+    WORK_HEALTH m_registerHealth;
+    WORK_HEALTH m_phyHealth;
     // The two served interfaces.
     INTERFACE_STATE m_veth1;
     INTERFACE_STATE m_veth3;

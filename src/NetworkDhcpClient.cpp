@@ -90,9 +90,9 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to open /proc to stop udhcpc");
     }
     for (pid_t pid : clients) {
-        LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
-                  "Killing udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " +
-                      interfaceName);
+        LOG_ENTRY(
+            LOGGING_SEVERITY_INFO, false,
+            "Killing udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " + interfaceName);
         kill(pid, SIGTERM);
     }
     // A lease the old client left behind must never be taken up by the next check.

@@ -38,6 +38,8 @@ MonotonicClock SetMonotonicClock(MonotonicClock clock) {
 bool WorkDue(const WORK_HEALTH& health) { return health.m_nFailures == 0 || MonotonicMs() >= health.m_nRetryAtMs; }
 
 void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure) {
+    // Work cut short by a stop is no fault, and there is no later attempt.
+    if (StopRequested()) return;
     ++health.m_nFailures;
     const int64_t delayMs = RetryDelayMs(health.m_nFailures);
     health.m_nRetryAtMs = MonotonicMs() + delayMs;

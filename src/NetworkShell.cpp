@@ -133,9 +133,9 @@ void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outc
         if (phase == RUNNING) {
             if (nowMs >= deadlineMs) {
                 outcome.m_bTimedOut = true;
-                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
-                          Util::Format("Command still running after %u s, ending it: ", kCommandDeadlineMs / 1000) +
-                              command);
+                LOG_ENTRY(
+                    LOGGING_SEVERITY_ERROR, false,
+                    Util::Format("Command still running after %u s, ending it: ", kCommandDeadlineMs / 1000) + command);
             }
             kill(-pid, SIGTERM);
             phase = TERMINATED;
@@ -244,8 +244,9 @@ bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure
     if (outcome.m_bStarted && !outcome.m_bTimedOut && (!mustSucceed || outcome.Succeeded())) return true;
     failure.m_command = command;
     failure.m_outcome = outcome;
-    // A deadline was reported by the runner when it ended the command.
-    if (!outcome.m_bTimedOut) {
+    // A deadline was reported by the runner when it ended the command; commands
+    // cut short or refused because the daemon is stopping are no fault.
+    if (!outcome.m_bTimedOut && !StopRequested()) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Command failed (" + DescribeOutcome(outcome) + "): " + command);
     }
     return false;

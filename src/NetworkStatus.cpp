@@ -302,7 +302,8 @@ bool operator==(const STATUS_SNAPSHOT& a, const STATUS_SNAPSHOT& b) {
            a.m_bPhyInForce == b.m_bPhyInForce && a.m_ePhyMode == b.m_ePhyMode && a.m_bEth0Used == b.m_bEth0Used &&
            a.m_bEth0LinkUp == b.m_bEth0LinkUp && a.m_nEth0Recoveries == b.m_nEth0Recoveries &&
            SameTime(a.m_eth0RecoveredAt, b.m_eth0RecoveredAt) && a.m_startup == b.m_startup &&
-           a.m_bridge == b.m_bridge && a.m_veth1 == b.m_veth1 && a.m_veth3 == b.m_veth3;
+           a.m_bridge == b.m_bridge && a.m_registers == b.m_registers && a.m_phy == b.m_phy && a.m_veth1 == b.m_veth1 &&
+           a.m_veth3 == b.m_veth3;
 }
 
 void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
@@ -315,7 +316,9 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_eConfiguredPhyMode = state.m_bConfigUsable ? state.m_settings.m_ePhyMode : PHY_MODE_COPPER;
     snapshot.m_bBridgeInForce = !state.m_bBridgeSetupPending;
     snapshot.m_eBridgeMode = snapshot.m_bBridgeInForce ? state.m_eLastBridgeMode : BRIDGE_MODE_ETH0;
-    snapshot.m_bPhyInForce = !state.m_bPhyModePending;
+    // Written in every usable pass that found it due: once one has run, the mode
+    // last written is in force (a failed bounce of eth1 after it is the PHY work's).
+    snapshot.m_bPhyInForce = !state.m_bFirstCycle;
     snapshot.m_ePhyMode = snapshot.m_bPhyInForce ? state.m_eLastPhyMode : PHY_MODE_COPPER;
     snapshot.m_bEth0Used = snapshot.m_bBridgeInForce && BridgesEth0(snapshot.m_eBridgeMode);
     snapshot.m_bEth0LinkUp = snapshot.m_bEth0Used && state.m_bEth0LinkUp;
@@ -323,6 +326,8 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_eth0RecoveredAt = state.m_eth0RecoveredAt;
     TakeWork(state.m_startupHealth, snapshot.m_startup);
     TakeWork(state.m_bridgeHealth, snapshot.m_bridge);
+    TakeWork(state.m_registerHealth, snapshot.m_registers);
+    TakeWork(state.m_phyHealth, snapshot.m_phy);
 
     // veth3 is served in the two-port mode: the one asked for, or else the one in force.
     const BRIDGE_MODE servedMode = snapshot.m_bConfigured ? snapshot.m_eConfiguredBridgeMode : snapshot.m_eBridgeMode;
@@ -390,6 +395,8 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     json.Open("work", '{');
     WriteWork(json, "startup", s.m_startup);
     WriteWork(json, "bridge", s.m_bridge);
+    WriteWork(json, "registers", s.m_registers);
+    WriteWork(json, "phy", s.m_phy);
     WriteWork(json, "veth1", s.m_veth1.m_work);
     WriteWork(json, "veth3", s.m_veth3.m_work);
     json.Close('}');

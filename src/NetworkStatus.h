@@ -65,6 +65,8 @@ struct STATUS_SNAPSHOT {
     timespec m_eth0RecoveredAt{};
     STATUS_WORK m_startup;
     STATUS_WORK m_bridge;
+    STATUS_WORK m_registers;  // eth0's register writes
+    STATUS_WORK m_phy;        // the PHY mode's eth1 bounce
     STATUS_INTERFACE m_veth1;
     STATUS_INTERFACE m_veth3;
 };

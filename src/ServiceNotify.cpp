@@ -54,6 +54,8 @@ int64_t WatchdogHalfPeriodUs() {
     return half;
 }
 
+// When the watchdog was last fed (or readiness sent); 0 before readiness, when
+// the manager does not watch yet.
 int64_t g_nLastWatchdogUs = 0;
 
 }  // namespace
@@ -65,7 +67,7 @@ void NotifyReady() {
 
 void NotifyWatchdog() {
     const int64_t half = WatchdogHalfPeriodUs();
-    if (half == 0) return;
+    if (half == 0 || g_nLastWatchdogUs == 0) return;
     const int64_t now = NowUs();
     if (now - g_nLastWatchdogUs < half) return;
     g_nLastWatchdogUs = now;

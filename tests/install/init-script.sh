@@ -4,13 +4,19 @@
 # tools first on PATH: "start" runs the daemon with its configuration path,
 # a killed daemon is started again, "stop" ends it with SIGTERM (exit code 0)
 # and leaves nothing running. The daemon has a mount namespace (and /tmp) of
-# its own; a second start is refused while one is under way; a pid file naming
-# another process never gets it signalled; HUP and INT stop the supervisor too.
-#   init-script.sh BUILD_DIR [SHELL]     SHELL runs the script (default sh)
+# its own; a second start is refused while one is under way, but a lock left
+# by a killed start is taken over, by one start only; a pid file naming
+# another process never gets it signalled; HUP, INT and TERM sent to the
+# supervisor stop it and the daemon cleanly, none of them ignored by it.
+#   init-script.sh BUILD_DIR [SHELL [TOOLS]]
+#     SHELL  runs the script (default sh)
+#     TOOLS  "busybox": BusyBox's applets come first on PATH, as on a device
+#            with nothing else (its env, for one, cannot reset a signal)
 set -uo pipefail
 
 build=$1
 shell=${2:-sh}
+tools=${3:-}
 
 if [ "${TESSEL_IN_NAMESPACE:-}" != 1 ]; then
     why=
@@ -41,14 +47,54 @@ veth1 static 10.0.0.2 255.255.255.0 0.0.0.0
 veth3 static 10.0.1.2 255.255.255.0 0.0.0.0
 CONF
 
-export PATH=$work/bin:$PATH
+# The shell named, not the BusyBox applet of that name first on PATH below.
+read -r shell_cmd shell_args <<<"$shell"
+shell_cmd=$(command -v "$shell_cmd") || { echo "FAIL: no shell $shell"; exit 1; }
+if [ "$tools" = busybox ]; then
+    busybox=$(command -v busybox) || { echo "FAIL: no busybox"; exit 1; }
+    mkdir "$work/busybox"
+    for applet in $(busybox --list); do
+        # The stand-ins above, never the real tools.
+        [ -e "$work/bin/$applet" ] || ln -s "$busybox" "$work/busybox/$applet"
+    done
+    export PATH=$work/bin:$work/busybox:$PATH
+    [ "$(command -v env)" = "$work/busybox/env" ] || { echo "FAIL: env is not BusyBox's"; exit 1; }
+else
+    export PATH=$work/bin:$PATH
+fi
 # The daemon and the script run from here too: the private /tmp covers a build
 # that lives under /tmp (a clone there), as it would any file the device keeps there.
 cp "$build/tessel-networkd" "$build/dist/tessel-networkd.init" "$work/"
 export DAEMON=$work/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
-init="$shell $work/tessel-networkd.init"
+init="$shell_cmd $shell_args $work/tessel-networkd.init"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+# A process's pid and start time, as the script's lock names its holder.
+identity() {
+    local stat
+    read -r stat <"/proc/$1/stat" || return 1
+    set -- "$1" ${stat##*) }
+    echo "$1-${21}"
+}
+
+# A pid that no process has now, with a start time.
+gone_identity() {
+    local id
+    sleep 30 &
+    id=$(identity $!)
+    kill $!
+    wait $! 2>/dev/null
+    echo "$id"
+}
+
+# The supervisors running: processes whose command line has "_supervise".
+supervisors() {
+    local f
+    for f in /proc/[0-9]*/cmdline; do
+        tr '\0' '\n' <"$f" 2>/dev/null | grep -qx _supervise && { f=${f#/proc/}; echo "${f%/cmdline}"; }
+    done
+}
 
 # The daemon is the supervisor's one child; prints its pid when its command
 # line is the daemon with the configuration, waiting up to 3 s for it.
@@ -81,12 +127,22 @@ if [ -n "$first" ]; then
     rm -f /tmp/tessel-init-probe.$$
 fi
 
-# A start while another is under way is refused and changes nothing.
-mkdir "$PIDFILE.lock"
+# A start while another is under way is refused and changes nothing: the
+# lock names a live process by its pid and start time.
+sleep 30 &
+holder=$!
+ln -s "$(identity "$holder")" "$PIDFILE.lock"
 out=$($init start 2>&1) && fail "start during another start succeeded ($out)"
 case $out in *"another start is under way"*) ;; *) fail "refused start said: $out" ;; esac
-rmdir "$PIDFILE.lock"
+[ -L "$PIDFILE.lock" ] || fail "refused start removed the lock"
 [ "$(cat "$PIDFILE")" = "$supervisor" ] || fail "refused start changed the pid file"
+# Once its holder is gone the lock is stale: the next start takes it over.
+kill "$holder"
+wait "$holder" 2>/dev/null
+out=$($init start 2>&1) || fail "start with a stale lock: exit $? ($out)"
+[ "$out" = "tessel-networkd already running (pid $supervisor)" ] || fail "start with a stale lock said: $out"
+[ -e "$PIDFILE.lock" ] || [ -L "$PIDFILE.lock" ] && fail "stale lock left behind"
+rm -f "$PIDFILE.lock"
 out=$($init start 2>&1) || fail "second start: exit $?"
 [ "$out" = "tessel-networkd already running (pid $supervisor)" ] || fail "second start said: $out"
 
@@ -120,11 +176,17 @@ kill -0 "$stranger" 2>/dev/null || fail "stop signalled a process that is not th
 kill "$stranger" 2>/dev/null
 wait "$stranger" 2>/dev/null
 
-# HUP and INT stop the supervisor as TERM does: the daemon ends, nothing is restarted.
-for sig in HUP INT; do
+# HUP, INT and TERM sent to the supervisor each stop it as "stop" does: it
+# ignores none of them, the daemon ends cleanly and nothing is restarted.
+stops=$(grep -c 'tessel-networkd exiting with code of 0' "$LOGFILE")
+for sig in HUP INT TERM; do
     out=$($init start 2>&1) || fail "start before $sig: exit $? ($out)"
     supervisor=$(cat "$PIDFILE" 2>/dev/null)
     daemon=$(daemon_child "$supervisor") || fail "no daemon before $sig"
+    ignored=$(sed -n 's/^SigIgn:[[:space:]]*//p' "/proc/$supervisor/status" 2>/dev/null)
+    echo "supervisor ($(readlink "/proc/$supervisor/exe")) SigIgn before $sig: ${ignored:-?}"
+    case $sig in HUP) bit=1 ;; INT) bit=2 ;; TERM) bit=15 ;; esac
+    [ -n "$ignored" ] && (( (0x$ignored >> (bit - 1)) & 1 )) && fail "supervisor ignores $sig (SigIgn $ignored)"
     kill -"$sig" "$supervisor"
     tries=50
     while { kill -0 "$supervisor" || kill -0 "$daemon"; } 2>/dev/null && [ $tries -gt 0 ]; do
@@ -133,7 +195,57 @@ for sig in HUP INT; do
     kill -0 "$supervisor" 2>/dev/null && fail "supervisor still running after $sig"
     [ -n "$daemon" ] && kill -0 "$daemon" 2>/dev/null && fail "daemon still running after $sig"
     [ -e "$PIDFILE" ] && fail "pid file left behind after $sig"
+    [ -e "$PIDFILE.lock" ] && fail "lock left behind after $sig"
+    stops=$((stops + 1))
+    [ "$(grep -c 'tessel-networkd exiting with code of 0' "$LOGFILE")" = "$stops" ] ||
+        fail "daemon did not exit cleanly after $sig"
+    # Whatever is left running is stopped here, for the next round.
+    kill -KILL "$supervisor" "$daemon" 2>/dev/null
+    rm -f "$PIDFILE"
 done
+
+# A start killed while it holds the lock leaves it behind; the next start
+# takes it over, and one supervisor runs, whether the killed start had started
+# its own or not.
+$init start >/dev/null 2>&1 &
+starter=$!
+until [ -e "$PIDFILE.lock" ] || [ -L "$PIDFILE.lock" ] || ! kill -0 "$starter" 2>/dev/null; do :; done
+kill -KILL "$starter" 2>/dev/null
+wait "$starter" 2>/dev/null
+[ -e "$PIDFILE.lock" ] || [ -L "$PIDFILE.lock" ] || fail "killed start left no lock (the test did not kill it in time)"
+out=$($init start 2>&1) || fail "start after a killed start: exit $? ($out)"
+sleep 0.5
+running=$(supervisors)
+[ "$(echo $running)" = "$(cat "$PIDFILE" 2>/dev/null)" ] || fail "after a killed start: supervisors ($(echo $running)), pid file ($(cat "$PIDFILE" 2>/dev/null))"
+[ -e "$PIDFILE.lock" ] || [ -L "$PIDFILE.lock" ] && fail "lock of the killed start left behind"
+rm -rf "$PIDFILE.lock"
+out=$($init stop 2>&1) || fail "stop after a killed start: exit $? ($out)"
+left=$(supervisors)
+if [ -n "$left" ]; then
+    fail "supervisors left after stop: $(echo $left)"
+    kill -TERM $left
+    sleep 2
+fi
+
+# A stale lock whose clearing was killed too is cleared all the same; a lock
+# being cleared by a live start is left to it.
+stale=$(gone_identity)
+ln -s "$stale" "$PIDFILE.lock"
+ln -s "$(gone_identity)" "$PIDFILE.lock.gone-$stale"
+out=$($init start 2>&1) || fail "start with a stale lock and token: exit $? ($out)"
+ls -d "$PIDFILE".lock* >/dev/null 2>&1 && fail "stale lock or token left behind: $(ls -d "$PIDFILE".lock*)"
+rm -f "$PIDFILE.lock" "$PIDFILE.lock.gone-$stale"
+out=$($init stop 2>&1) || fail "stop: exit $? ($out)"
+sleep 30 &
+holder=$!
+ln -s "$stale" "$PIDFILE.lock"
+ln -s "$(identity "$holder")" "$PIDFILE.lock.gone-$stale"
+out=$($init start 2>&1) && fail "start while a live start clears the lock succeeded ($out)"
+[ -L "$PIDFILE.lock" ] && [ -L "$PIDFILE.lock.gone-$stale" ] || fail "start removed a lock being cleared by another"
+[ -z "$(supervisors)" ] || fail "refused start started a supervisor"
+kill "$holder"
+wait "$holder" 2>/dev/null
+rm -f "$PIDFILE.lock" "$PIDFILE.lock.gone-$stale"
 
 # force-reload restarts, as restart does.
 out=$($init start 2>&1) || fail "start before force-reload: exit $? ($out)"
@@ -147,4 +259,4 @@ kill -0 "$daemon" 2>/dev/null && fail "the old daemon still runs after force-rel
 out=$($init stop 2>&1) || fail "stop after force-reload: exit $? ($out)"
 
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
-echo "init script under $shell: OK"
+echo "init script under $shell${tools:+ with $tools tools}: OK"

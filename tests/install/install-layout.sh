@@ -82,9 +82,9 @@ for keyword in bridge phy veth1 veth3 vrx0 vrx1; do
 done
 
 # The unit starts the installed daemon in the foreground with the installed
-# configuration, restarts it, and stops it with SIGTERM.
+# configuration as a notify service under a watchdog, restarts it, and stops it with SIGTERM.
 unit=$stage/usr/lib/systemd/system/tessel-networkd.service
-for line in "Type=simple" \
+for line in "Type=notify" "NotifyAccess=main" "WatchdogSec=60" \
     "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
     "Restart=always" "KillSignal=SIGTERM" "KillMode=process" \
     "RuntimeDirectory=tessel-networkd" "RuntimeDirectoryMode=0755" "RuntimeDirectoryPreserve=yes"; do

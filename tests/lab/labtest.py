@@ -18,6 +18,7 @@ from tesselkit.device import REGISTER_SEQUENCE, TWO_PORT_CONFIG, VETH3_ADDR, VET
 from tesselkit.frames import (BROADCAST, Port, arp_frame, arp_match, icmp_echo_frame, marker_match,
                               parse_arp, settle)
 from tesselkit.inotify import IN_CREATE, IN_DELETE, IN_MOVED_FROM, IN_MOVED_TO, IN_OPEN, Watch as DirWatch
+from tesselkit.isolation import check as check_isolation
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
@@ -25,7 +26,7 @@ from tesselkit.waiting import wait_until
 __all__ = ["BROADCAST", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "DirWatch", "IN_CREATE", "IN_DELETE", "IN_MOVED_FROM", "IN_MOVED_TO",
            "IN_OPEN", "LAB_NAME", "Lab", "LabTestCase", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Port",
            "REGISTER_SEQUENCE", "ROOT", "TWO_PORT_CONFIG", "VETH3_ADDR", "VETH3_MAC", "arp_frame", "arp_match",
-           "icmp_echo_frame", "lab_module", "main", "marker_match", "parse_arp", "run", "settle",
+           "check_isolation", "icmp_echo_frame", "lab_module", "main", "marker_match", "parse_arp", "run", "settle",
            "unavailable_reason", "wait_for"]
 
 # Tests use a lab of their own name, so a demo left running (tools/demo --keep) stays untouched.
@@ -71,12 +72,15 @@ class Lab(lab.Lab):
 
 
 class LabTestCase(unittest.TestCase):
-    """A test with a lab of its own, built before and removed after it."""
+    """A test with a lab of its own, built before and removed after it;
+    IPTABLES = "legacy" gives its device the legacy iptables and its lock."""
+
+    IPTABLES = None
 
     def setUp(self):
         self.lab = Lab()
         self.addCleanup(self.lab.down)
-        self.lab.up()
+        self.lab.up(iptables=self.IPTABLES)
 
 
 def lab_module(test_module_globals, start_config=None):

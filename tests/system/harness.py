@@ -234,7 +234,7 @@ class Sandbox:
             raise
 
     def _populate(self, daemon_path):
-        for sub in ("bin", "tmp", "run", "delay", "output", "status", "fail", "linger", "stamp", "clients"):
+        for sub in ("bin", "tmp", "run", "delay", "output", "status", "linger", "stamp", "clients", "only"):
             os.mkdir(os.path.join(self.work, sub))
         # As /run is on a device: the daemon makes its own directory there.
         os.chmod(os.path.join(self.work, "run"), 0o755)
@@ -308,15 +308,14 @@ class Sandbox:
     def set_status(self, tool, status):
         self._write(os.path.join("status", tool), "%d\n" % status)
 
-    def set_failing(self, tool, arguments, failing=True):
-        """Makes the tool's calls with exactly these arguments exit 1, or no longer."""
-        path = self.path("fail", tool)
-        lines = [line for line in self._lines(os.path.join("fail", tool)) if line != arguments]
-        if failing:
-            lines.append(arguments)
-        self._write(os.path.join("fail", tool), "".join(line + "\n" for line in lines))
-        if not lines:
-            os.remove(path)
+    def set_only(self, tool, text):
+        """Limits the tool's delays and status to calls whose arguments hold `text`;
+        None lifts the limit."""
+        if text is None:
+            if os.path.exists(self.path("only", tool)):
+                os.remove(self.path("only", tool))
+        else:
+            self._write(os.path.join("only", tool), text)
 
     # --- the status document -------------------------------------------------------------
 

@@ -138,8 +138,8 @@ class StatusTest(harness.DaemonTestCase):
              "from_dhcp": False, "lease_at": None, "dhcp_client": {"pid": None, "starts": 0},
              "work": HEALTHY_WORK},
         ])
-        self.assertEqual(document["work"], {"startup": HEALTHY_WORK, "bridge": HEALTHY_WORK,
-                                            "veth1": HEALTHY_WORK, "veth3": HEALTHY_WORK})
+        self.assertEqual(document["work"], {name: HEALTHY_WORK for name in
+                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3")})
         table = self.ctl_status(daemon, 0)
         self.assertRegex(table, r"State: +healthy\n")
         self.assertRegex(table, r"\nveth1 +static 10\.0\.0\.2/255\.255\.255\.0 +10\.0\.0\.2 +255\.255\.255\.0 +"
@@ -243,7 +243,8 @@ class StatusTest(harness.DaemonTestCase):
         self.ctl_status(daemon, 0)
 
     def test_a_failed_command_and_its_recovery(self):
-        self.sandbox.set_failing("ip", "link add name br0 type bridge")
+        self.sandbox.set_status("ip", 1)
+        self.sandbox.set_only("ip", "link add name br0 type bridge")
         daemon = self.start()
         daemon.run_cycle(TWO_PORT_STATIC)
         document = self.document()
@@ -257,7 +258,7 @@ class StatusTest(harness.DaemonTestCase):
         self.assertIn("bridge build failing (ip link add name br0 type bridge: exit status 1)", table)
         self.assertRegex(table, r"\nbridge +failing +1 +" + re.escape(failed_at))
 
-        self.sandbox.set_failing("ip", "link add name br0 type bridge", False)
+        self.sandbox.set_status("ip", 0)
 
         def recovered():
             daemon.run_cycle(TWO_PORT_STATIC)

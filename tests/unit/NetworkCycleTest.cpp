@@ -6,9 +6,16 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -302,6 +309,274 @@ TEST(NetworkCycleTest, DhcpStartLeaseRenewalAndLoss) {
               },
               {"pass 6"},
               kReattach}));
+}
+
+// --- Faults: failed work is retried with growing waits ----------------------
+
+// The clock retries and client checks read in these tests: one second per pass,
+// as the daemon's loop pauses.
+int64_t g_nNowMs = 0;
+int64_t TestNow() { return g_nNowMs; }
+
+COMMAND_OUTCOME ExitStatus(int status) {
+    COMMAND_OUTCOME outcome;
+    outcome.m_nStatus = status;
+    return outcome;
+}
+
+// What a pass's commands do: for a command, the failure to give on pass N (1 on),
+// or nothing for success.
+using Faults = std::function<std::optional<COMMAND_OUTCOME>(int pass, const std::string& command)>;
+
+// `count` passes over the file `config`, one second apart; returns each pass's
+// timeline under "pass N", leaving out passes that did nothing.
+Lines RunTimedPasses(Eth0 link, const std::string& config, int count, const Faults& faults,
+                     const std::function<void(int pass)>& beforePass = nullptr) {
+    return InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWPID, [&] {
+        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
+        if (!MakeEth0(link)) return Lines{"cannot make eth0"};
+        if (!WriteFile(kConfigPath, config)) return Lines{"cannot write"};
+        KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
+        g_nNowMs = 100000;
+        MonotonicClock previous = SetMonotonicClock(TestNow);
+        LogCapture log;
+        CommandRecorder commands;
+        int pass = 0;
+        commands.SetOutcomes([&](const std::string& command) { return faults(pass, command); });
+        PauseRecorder pauses;
+        CYCLE_STATE state;
+        Lines lines;
+        size_t seen = 0;
+        for (pass = 1; pass <= count; ++pass) {
+            if (beforePass) beforePass(pass);
+            RunSupervisionCycle(kConfigPath, state);
+            Lines timeline = log.Timeline();
+            if (timeline.size() > seen) {
+                lines.push_back("pass " + std::to_string(pass));
+                lines.insert(lines.end(), timeline.begin() + static_cast<std::ptrdiff_t>(seen), timeline.end());
+            }
+            seen = timeline.size();
+            g_nNowMs += 1000;
+        }
+        SetMonotonicClock(previous);
+        return lines;
+    });
+}
+
+TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRecovers) {
+    TESSEL_NEED_NAMESPACES();
+    // br0 cannot be created during the first 4 passes (seconds 0 to 3).
+    const std::string create = "ip link add name br0 type bridge";
+    Lines timeline = RunTimedPasses(Eth0::kMissing, kEth1Static, 9, [&](int pass, const std::string& command) {
+        return pass <= 4 && command == create ? std::optional<COMMAND_OUTCOME>(ExitStatus(2)) : std::nullopt;
+    });
+    const Lines failedBuild = {
+        "INFO SetupBridge: Setting up bridge for control network",
+        "$ ip link set br0 down",
+        "$ ip addr flush dev br0",
+        "$ ip link set eth0 down",
+        "$ ip addr flush dev eth0",
+        "$ ip link set eth1 down",
+        "$ ip addr flush dev eth1",
+        "$ ip link del name br0",
+        "$ ip link add name br0 type bridge",
+        "ERROR RunStep: Command failed (exit status 2): ip link add name br0 type bridge",
+    };
+    const Lines veth1Static = {
+        "$ ip route flush dev veth1",
+        "$ ip addr flush dev veth1",
+        "INFO SetupInterface: Configuring interface veth1 for static IP",
+        "INFO SetAddrAndRouting: Configuring veth1 for 192.168.1.2/255.255.255.0",
+        "$ ip addr add 192.168.1.2/255.255.255.0 dev veth1",
+        "INFO SetAddrAndRouting: Adding default gateway 192.168.1.1 for veth1",
+        "$ ip route add default via 192.168.1.1 dev veth1 metric 10",
+    };
+    EXPECT_EQ(timeline, Join({{"pass 1"},
+                              failedBuild,
+                              {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
+                              kRegisterWrites,
+                              veth1Static,
+                              kPhyWrite,
+                              {"pass 2"},
+                              failedBuild,
+                              {"WARN NoteWorkFailed: Retrying bridge setup in 2 s (failed attempts: 2)"},
+                              veth1Static,
+                              // Nothing in pass 3: the wait lasts until second 3.
+                              {"pass 4"},
+                              failedBuild,
+                              {"WARN NoteWorkFailed: Retrying bridge setup in 4 s (failed attempts: 3)"},
+                              veth1Static,
+                              // Nothing until second 7; the fault has gone meanwhile.
+                              {"pass 8"},
+                              kBridgeBuildEth1,
+                              {"NOTICE NoteWorkDone: Recovered bridge setup after 3 failed attempts"},
+                              veth1Static}));
+}
+
+// The passes whose timeline holds `line`, from a RunTimedPasses timeline.
+std::vector<int> PassesWith(const Lines& timeline, const std::string& line) {
+    std::vector<int> passes;
+    int pass = 0;
+    for (const std::string& entry : timeline) {
+        if (entry.rfind("pass ", 0) == 0) pass = std::stoi(entry.substr(5));
+        if (entry == line && (passes.empty() || passes.back() != pass)) passes.push_back(pass);
+    }
+    return passes;
+}
+
+// The lines of the timeline that start with one of the prefixes, in order.
+Lines Only(const Lines& timeline, std::initializer_list<std::string> prefixes) {
+    Lines kept;
+    for (const std::string& entry : timeline) {
+        for (const std::string& prefix : prefixes) {
+            if (entry.rfind(prefix, 0) == 0) {
+                kept.push_back(entry);
+                break;
+            }
+        }
+    }
+    return kept;
+}
+
+TEST(NetworkCycleFaultTest, WaitsGrowToAMinuteAndAChangedModeIsBuiltAtOnce) {
+    TESSEL_NEED_NAMESPACES();
+    const std::string create = "ip link add name br0 type bridge";
+    Lines timeline = RunTimedPasses(
+        Eth0::kMissing, kEth1Static, 200,
+        [&](int /*pass*/, const std::string& command) {
+            return command == create ? std::optional<COMMAND_OUTCOME>(ExitStatus(1)) : std::nullopt;
+        },
+        [](int pass) {
+            if (pass == 190) WriteFile(kConfigPath, kBothStatic);
+        });
+    // Seconds 0, 1, 3, 7, 15, 31, 63, then a minute apart; the new mode at once.
+    EXPECT_EQ(PassesWith(timeline, "$ " + create), (std::vector<int>{1, 2, 4, 8, 16, 32, 64, 124, 184, 190}));
+    EXPECT_EQ(Only(timeline, {"WARN NoteWorkFailed"}),
+              (Lines{"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 2 s (failed attempts: 2)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 4 s (failed attempts: 3)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 8 s (failed attempts: 4)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 16 s (failed attempts: 5)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 32 s (failed attempts: 6)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 60 s (failed attempts: 7)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 60 s (failed attempts: 8)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 60 s (failed attempts: 9)",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 60 s (failed attempts: 10)"}));
+}
+
+TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndTheRetryStartsWithTheFlush) {
+    TESSEL_NEED_NAMESPACES();
+    // Another program holds the xtables lock during the first pass.
+    Lines timeline = RunTimedPasses(Eth0::kUp, kBothStatic, 3, [&](int pass, const std::string& command) {
+        return pass == 1 && command.rfind("iptables -A", 0) == 0 ? std::optional<COMMAND_OUTCOME>(ExitStatus(4))
+                                                                 : std::nullopt;
+    });
+    Lines rules =
+        Only(timeline, {"pass", "$ arptables", "$ iptables", "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge"});
+    // Pass 1: arptables flushed and filled, iptables flushed, its first rule
+    // refused and nothing after it. Pass 2: the whole build again, flushes first.
+    ASSERT_EQ(rules.size(), 45U + 56U + 1U);
+    EXPECT_EQ(Lines(rules.begin(), rules.begin() + 3),
+              (Lines{"pass 1", "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F"}));
+    EXPECT_EQ(
+        Lines(rules.begin() + 41, rules.begin() + 50),
+        (Lines{"$ iptables -F", "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
+               "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
+               "physdev --physdev-in eth1 -j DROP",
+               "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)", "pass 2",
+               "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F",
+               "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP",
+               "$ arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP"}));
+    EXPECT_EQ(Lines(rules.end() - 4, rules.end()),
+              (Lines{"$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
+                     "INFO SetupBridge: Done with bridge setup",
+                     "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts", "pass 3"}));
+}
+
+const char* const kEth1Dhcp =
+    "bridge eth1\n"
+    "phy copper\n"
+    "veth1 dhcp\n"
+    "veth3 static 192.168.100.1 255.255.255.0 0.0.0.0\n";
+
+const Lines kClientStart = {
+    "INFO SetupInterface: Configuring interface veth1 for DHCP",
+    "$ ip route flush dev veth1",
+    "$ ip addr flush dev veth1",
+    "$ rm -f /tmp/dhcp_veth1.txt > /dev/null 2>&1",
+    "INFO SetupInterface: Starting DHCP for interface veth1",
+    "$ udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script",
+};
+
+TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterPass) {
+    TESSEL_NEED_NAMESPACES();
+    const std::string add = "ip addr add 192.168.77.100/255.255.255.0 dev veth1";
+    Lines timeline = RunTimedPasses(
+        Eth0::kMissing, kEth1Dhcp, 4,
+        [&](int pass, const std::string& command) {
+            return pass == 2 && command == add ? std::optional<COMMAND_OUTCOME>(ExitStatus(2)) : std::nullopt;
+        },
+        [](int pass) {
+            if (pass == 2) WriteFile(kVeth1Lease, kLease);
+        });
+    const Lines apply = {
+        "$ ip route flush dev veth1",
+        "$ ip addr flush dev veth1",
+        "INFO SetAddrAndRouting: Configuring veth1 for 192.168.77.100/255.255.255.0",
+        "$ ip addr add 192.168.77.100/255.255.255.0 dev veth1",
+    };
+    EXPECT_EQ(timeline,
+              Join({{"pass 1"},
+                    kBridgeBuildEth1,
+                    kRegisterWrites,
+                    kClientStart,
+                    kPhyWrite,
+                    {"pass 2", "INFO CheckForNewDhcpAddress: New DHCP lease for veth1"},
+                    apply,
+                    {"ERROR RunStep: Command failed (exit status 2): " + add,
+                     "WARN NoteWorkFailed: Retrying addressing of veth1 in 1 s (failed attempts: 1)", "pass 3"},
+                    apply,
+                    {"INFO SetAddrAndRouting: Adding default gateway 192.168.77.1 for veth1",
+                     "$ ip route add default via 192.168.77.1 dev veth1 metric 10",
+                     "NOTICE NoteWorkDone: Recovered addressing of veth1 after 1 failed attempts"}}));
+}
+
+// A stand-in client: a process named udhcpc serving veth1, as the real one looks
+// in the process table once it has gone to the background.
+pid_t StartStandInClient() {
+    pid_t pid = fork();
+    if (pid == 0) {
+        // The shell waits on its sleep under the name and arguments given here.
+        execl("/bin/sh", "udhcpc", "-c", "sleep 1000", "-i", "veth1", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return pid;
+}
+
+TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
+    TESSEL_NEED_NAMESPACES();
+    pid_t client = 0;
+    Lines timeline = RunTimedPasses(
+        Eth0::kMissing, kEth1Dhcp, 14,
+        [&](int /*pass*/, const std::string& command) -> std::optional<COMMAND_OUTCOME> {
+            if (command.rfind("udhcpc -i veth1 ", 0) == 0) client = StartStandInClient();
+            return std::nullopt;
+        },
+        [&](int pass) {
+            // Killed at second 6, after the first check at second 5 found it.
+            if (pass == 7) kill(client, SIGKILL);
+            // Reaped at once: whether a zombie or gone, it is no client.
+            if (pass == 8) waitpid(client, nullptr, 0);
+        });
+    EXPECT_EQ(timeline,
+              Join({{"pass 1"},
+                    kBridgeBuildEth1,
+                    kRegisterWrites,
+                    kClientStart,
+                    kPhyWrite,
+                    // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.
+                    {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12"},
+                    kClientStart}));
 }
 
 }  // namespace

@@ -3,13 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -100,6 +103,143 @@ TEST(CommandRecorderTest, RecordsInsteadOfRunningAndRestoresTheRealRunner) {
     EXPECT_NE(access(dir.Path("a").c_str(), F_OK), 0);
     RunCommand("echo real > " + dir.Path("b"));
     EXPECT_EQ(ReadFile(dir.Path("b")), "real\n");
+}
+
+// --- Outcomes -----------------------------------------------------------------
+
+TEST(RunShellCommandTest, ReportsHowEachCommandEnded) {
+    COMMAND_OUTCOME ok = RunShellCommand("true");
+    EXPECT_TRUE(ok.Succeeded());
+    EXPECT_EQ(DescribeOutcome(ok), "exit status 0");
+
+    COMMAND_OUTCOME failed = RunShellCommand("exit 7");
+    EXPECT_FALSE(failed.Succeeded());
+    EXPECT_TRUE(failed.m_bStarted);
+    EXPECT_TRUE(failed.m_bExited);
+    EXPECT_EQ(failed.m_nStatus, 7);
+    EXPECT_EQ(DescribeOutcome(failed), "exit status 7");
+
+    COMMAND_OUTCOME missing = RunShellCommand("exec 2>/dev/null; /nonexistent/tool --flag");
+    EXPECT_EQ(DescribeOutcome(missing), "exit status 127");
+
+    COMMAND_OUTCOME killed = RunShellCommand("kill -KILL $$");
+    EXPECT_FALSE(killed.Succeeded());
+    EXPECT_FALSE(killed.m_bExited);
+    EXPECT_EQ(killed.m_nStatus, SIGKILL);
+    EXPECT_FALSE(killed.m_bTimedOut);
+    EXPECT_EQ(DescribeOutcome(killed), "ended by signal 9");
+}
+
+TEST(RunShellCommandTest, EachCommandHasAProcessGroupOfItsOwn) {
+    TempDir dir;
+    // Field 5 of stat is the process group; the shell leads its own.
+    RunShellCommand("echo $$ $(cut -d' ' -f5 /proc/$$/stat) > " + dir.Path("ids"));
+    std::istringstream ids(ReadFile(dir.Path("ids")));
+    long pid = 0;
+    long group = 0;
+    ids >> pid >> group;
+    EXPECT_GT(pid, 0);
+    EXPECT_EQ(group, pid);
+    EXPECT_NE(group, static_cast<long>(getpgrp()));
+}
+
+TEST(DescribeOutcomeTest, NamesAStartThatFailedAndADeadline) {
+    COMMAND_OUTCOME notStarted;
+    notStarted.m_bStarted = false;
+    notStarted.m_nError = EAGAIN;
+    EXPECT_FALSE(notStarted.Succeeded());
+    EXPECT_EQ(DescribeOutcome(notStarted), "not started (Resource temporarily unavailable)");
+    COMMAND_OUTCOME late;
+    late.m_bTimedOut = true;
+    late.m_bExited = false;
+    late.m_nStatus = SIGTERM;
+    EXPECT_FALSE(late.Succeeded());
+    EXPECT_EQ(DescribeOutcome(late), "ended after its 20 s deadline");
+}
+
+// --- Stopping -------------------------------------------------------------------
+
+// Forgets the stop request however the test ends.
+struct StopRequestGuard {
+    StopRequestGuard() { ClearStopRequest(); }
+    ~StopRequestGuard() { ClearStopRequest(); }
+    StopRequestGuard(const StopRequestGuard&) = delete;
+    StopRequestGuard& operator=(const StopRequestGuard&) = delete;
+};
+
+TEST(RunShellCommandTest, StopRequestEndsAHangingCommandGroupAfterTheGraceAndStartsNoMore) {
+    TempDir dir;
+    StopRequestGuard guard;
+    // A command that finishes within the grace ends normally.
+    RequestStop();
+    EXPECT_TRUE(RunShellCommand("sleep 0.2").Succeeded());
+    // One that hangs is ended with what it started, soon after the grace.
+    auto start = std::chrono::steady_clock::now();
+    COMMAND_OUTCOME hung = RunShellCommand("sleep 30 & echo $! > " + dir.Path("child") + "; sleep 30");
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_FALSE(hung.m_bExited);
+    EXPECT_EQ(hung.m_nStatus, SIGTERM);
+    EXPECT_FALSE(hung.m_bTimedOut);
+    EXPECT_LT(elapsed, std::chrono::milliseconds(1500));
+    long child = std::stol(ReadFile(dir.Path("child")));
+    // The background sleep went with the group (or is a zombie of init's by now).
+    std::string stat = ReadFile("/proc/" + std::to_string(child) + "/stat");
+    EXPECT_TRUE(stat.empty() || stat.find(") Z ") != std::string::npos) << stat;
+    // After the grace nothing is started, and a pause ends at once.
+    COMMAND_OUTCOME refused = RunShellCommand("echo late > " + dir.Path("late"));
+    EXPECT_FALSE(refused.m_bStarted);
+    EXPECT_EQ(refused.m_nError, ECANCELED);
+    EXPECT_NE(access(dir.Path("late").c_str(), F_OK), 0);
+    start = std::chrono::steady_clock::now();
+    SleepLettingSignalsIn(1000);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+}
+
+TEST(SleepLettingSignalsInTest, PauseEndsWhenAStopsGraceRunsOut) {
+    StopRequestGuard guard;
+    auto start = std::chrono::steady_clock::now();
+    SleepLettingSignalsIn(300);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    RequestStop();
+    start = std::chrono::steady_clock::now();
+    SleepLettingSignalsIn(5000);
+    auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(900));
+    EXPECT_LT(elapsed, std::chrono::milliseconds(1300));
+}
+
+// --- Steps ------------------------------------------------------------------------
+
+TEST(RunStepTest, AStepThatMustSucceedStopsTheWorkWithAnErrorNamingIt) {
+    LogCapture log;
+    CommandRecorder recorder;
+    recorder.SetOutcomes([](const std::string& command) -> std::optional<COMMAND_OUTCOME> {
+        COMMAND_OUTCOME outcome;
+        if (command == "clear") outcome.m_nStatus = 1;
+        if (command == "build") outcome.m_nStatus = 2;
+        if (command == "unstartable") {
+            outcome.m_bStarted = false;
+            outcome.m_nError = EAGAIN;
+        }
+        return outcome;
+    });
+    WORK_FAILURE failure;
+    EXPECT_TRUE(RunStep("clear", false, failure));
+    EXPECT_EQ(failure.m_command, "");
+    EXPECT_FALSE(RunStep("build", true, failure));
+    EXPECT_EQ(failure.m_command, "build");
+    EXPECT_EQ(failure.m_outcome.m_nStatus, 2);
+    // Not even a step that may fail goes on when it could not be started.
+    EXPECT_FALSE(RunStep("unstartable", false, failure));
+    EXPECT_EQ(failure.m_command, "unstartable");
+    EXPECT_EQ(log.Timeline(), (std::vector<std::string>{
+                                  "$ clear",
+                                  "$ build",
+                                  "ERROR RunStep: Command failed (exit status 2): build",
+                                  "$ unstartable",
+                                  "ERROR RunStep: Command failed (not started (Resource temporarily unavailable)): "
+                                  "unstartable",
+                              }));
 }
 
 }  // namespace

@@ -125,8 +125,12 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
         "address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null, "metric": 100,
         "from_dhcp": false, "lease_at": null, "dhcp_client": {"pid": null, "starts": 0},
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}})"));
-    EXPECT_EQ(doc["work"]["bridge"], json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
-                                                     "recovered_at": null})"));
+    const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
+                                         "recovered_at": null})");
+    EXPECT_EQ(doc["work"].size(), 6U);
+    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3"}) {
+        EXPECT_EQ(doc["work"][work], healthy) << work;
+    }
 }
 
 TEST(StatusJsonTest, BeforeTheFirstReadNothingIsInForce) {
@@ -162,6 +166,10 @@ TEST(StatusJsonTest, AFailureNotYetRecoveredAndOneThatRecovered) {
     state.m_bridgeHealth.m_lastFailure.m_command = "ip link add name br0 type bridge";
     state.m_bridgeHealth.m_lastFailure.m_outcome.m_nStatus = 2;
     state.m_bridgeHealth.m_failedAt = {kInstant + 60, 0};
+    state.m_registerHealth.m_nFailures = 1;
+    state.m_registerHealth.m_lastFailure.m_command = "devmem 0xFF200088 32 0x3";
+    state.m_registerHealth.m_lastFailure.m_outcome.m_bStarted = false;
+    state.m_registerHealth.m_failedAt = {kInstant + 3, 0};
     state.m_veth3.m_health.m_lastFailure.m_command = "ip addr add 10.253.254.253/255.255.255.0 dev veth3";
     state.m_veth3.m_health.m_lastFailure.m_outcome.m_nStatus = 1;
     state.m_veth3.m_health.m_failedAt = {kInstant + 1, 0};
@@ -171,6 +179,9 @@ TEST(StatusJsonTest, AFailureNotYetRecoveredAndOneThatRecovered) {
         {"command": "ip link add name br0 type bridge", "outcome": ")" +
                                                  DescribeOutcome(state.m_bridgeHealth.m_lastFailure.m_outcome) +
                                                  R"(", "at": "2038-01-19T03:15:07+00:00"}, "recovered_at": null})"));
+    EXPECT_EQ(doc["work"]["registers"]["failing"], true);
+    EXPECT_EQ(doc["work"]["registers"]["last_failure"]["command"], "devmem 0xFF200088 32 0x3");
+    EXPECT_EQ(doc["work"]["phy"]["failing"], false);
     EXPECT_EQ(doc["work"]["veth3"]["failing"], false);
     EXPECT_EQ(doc["work"]["veth3"]["recovered_at"], "2038-01-19T03:14:09+00:00");
     EXPECT_EQ(doc["work"]["veth3"]["last_failure"]["command"], "ip addr add 10.253.254.253/255.255.255.0 dev veth3");

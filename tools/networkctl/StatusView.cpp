@@ -95,11 +95,13 @@ private:
     std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> m_rows;
 };
 
-const char* const kWorkNames[] = {"startup", "bridge", "veth1", "veth3"};
+const char* const kWorkNames[] = {"startup", "bridge", "registers", "phy", "veth1", "veth3"};
 
 std::string WorkTitle(const std::string& name) {
     if (name == "startup") return "start-up commands";
     if (name == "bridge") return "bridge build";
+    if (name == "registers") return "eth0 register writes";
+    if (name == "phy") return "PHY mode";
     return "addressing of " + name;
 }
 

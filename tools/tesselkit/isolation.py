@@ -1,6 +1,7 @@
 """Prints the isolation checks of a running lab with both ports bridged (as
-tools/demo shows them): frames sent from each side, where they arrived, and
-which rules dropped them. Exit status 1 when a check fails.
+tools/demo shows them, and the fault tests after a recovery): frames sent from
+each side, where they arrived, and which rules dropped them. Exit status 1 when
+a check fails.
 
     TESSEL_LAB=tessel-lab PYTHONPATH=tools /usr/bin/python3 -m tesselkit.isolation
 """
@@ -14,21 +15,28 @@ from .lab import Lab, run
 
 def main():
     lab = Lab(os.environ.get("TESSEL_LAB", "tessel-lab"))
-    peer0_addr, peer0_mac = lab.env["PEER0_ADDR"], lab.env["PEER0_MAC"]
-    peer1_addr, device_mac = lab.env["PEER1_ADDR"], lab.env["DEVICE_MAC"]
     try:
-        lease = lab.lease_address()
-        if lease is None:
-            print("veth1 has no lease: nothing to check")
-            return 1
-        ports = [Port(lab.dev, "veth1"), Port(lab.dev, "veth3"), Port(lab.net0, "peer0"), Port(lab.net1, "peer1")]
-        try:
-            return report(lab, lease, ports, peer0_addr, peer0_mac, peer1_addr, device_mac)
-        finally:
-            for port in ports:
-                port.close()
+        return check(lab)
     finally:
         lab.close()
+
+
+def check(lab):
+    """Runs the checks on a lab and prints them; 0 when all passed, else 1."""
+    peer0_addr, peer0_mac = lab.env["PEER0_ADDR"], lab.env["PEER0_MAC"]
+    peer1_addr, device_mac = lab.env["PEER1_ADDR"], lab.env["DEVICE_MAC"]
+    lease = lab.lease_address()
+    if lease is None:
+        print("veth1 has no lease: nothing to check")
+        return 1
+    ports = []
+    try:
+        for netns, ifname in ((lab.dev, "veth1"), (lab.dev, "veth3"), (lab.net0, "peer0"), (lab.net1, "peer1")):
+            ports.append(Port(netns, ifname))
+        return report(lab, lease, ports, peer0_addr, peer0_mac, peer1_addr, device_mac)
+    finally:
+        for port in ports:
+            port.close()
 
 
 def report(lab, lease, ports, peer0_addr, peer0_mac, peer1_addr, device_mac):

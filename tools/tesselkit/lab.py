@@ -1,6 +1,8 @@
 """The device lab (tools/lab) as a Python object. Its layout (state directory,
 namespace names, addresses, MACs, log files) comes from `tools/lab env`, so the
 lab's shell script stays the one place that decides it."""
+import contextlib
+import fcntl
 import json
 import os
 import re
@@ -9,9 +11,10 @@ import subprocess
 
 from . import ROOT
 from .inotify import IN_OPEN, Watch
+from .logs import entries
 from .namespaces import processes_in_pid_namespace_of
 from .netlink import Netlink
-from .standins import recorded_times
+from .standins import install_stalling, recorded_times
 from .waiting import wait_until
 
 LAB_TOOL = os.path.join(ROOT, "tools", "lab")
@@ -61,17 +64,19 @@ class Lab:
         self.start_mark = 0
         self._netlink = None
 
-    def tool(self, *args, check=True, timeout=60):
-        env = dict(os.environ, TESSEL_LAB=self.name, TESSEL_LAB_DAEMON=self.daemon)
+    def tool(self, *args, check=True, timeout=60, extra_env=None):
+        env = dict(os.environ, TESSEL_LAB=self.name, TESSEL_LAB_DAEMON=self.daemon, **(extra_env or {}))
         result = subprocess.run([LAB_TOOL] + list(args), capture_output=True, text=True, env=env, timeout=timeout)
         if check and result.returncode != 0:
             raise AssertionError("tools/lab %s failed (%d): %s%s" % (" ".join(args), result.returncode,
                                                                      result.stdout, result.stderr))
         return result
 
-    def up(self):
+    def up(self, iptables=None):
+        """Builds the lab; iptables="legacy" gives the device the legacy iptables
+        with its lock file (see hold_iptables_lock)."""
         self.tool("down")  # leftovers of an interrupted run
-        self.tool("up")
+        self.tool("up", extra_env={"TESSEL_LAB_IPTABLES": iptables} if iptables else None)
 
     def close(self):
         """Closes the netlink socket, which would keep the device's namespace alive."""
@@ -110,6 +115,39 @@ class Lab:
     def device(self, *cmd, check=True):
         """Runs a command on the device (its network, mount and PID namespaces)."""
         return self.tool("exec", *cmd, check=check)
+
+    @contextlib.contextmanager
+    def hold_iptables_lock(self):
+        """Holds the lock the device's legacy iptables takes (a lab built with
+        iptables="legacy") for the block, as another program changing the rules
+        would: the device's iptables waits for it meanwhile."""
+        with open(self.env["IPTABLES_LOCK"]) as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            yield
+
+    @contextlib.contextmanager
+    def stalled_tool(self, tool, word):
+        """For the block, the device's `tool` stops at its first call with `word`
+        among its arguments until the Stall is let go (or the block ends), then
+        runs as before; every other call runs at once."""
+        stand_in = os.path.join(self.state, "bin", tool)
+        if os.path.islink(stand_in):
+            real, original = os.readlink(stand_in), os.readlink(stand_in)
+        else:
+            real = shutil.which(tool, path=self.env["DEVICE_PATH"])
+            original = None
+            if real is None:
+                raise AssertionError("no %s on the device" % tool)
+        control = os.path.join(self.state, "stall-" + tool)
+        os.mkdir(control)
+        stall = Stall(control)
+        try:
+            install_stalling(stand_in, real, word, control)
+            yield stall
+        finally:
+            stall.release()
+            _replace(stand_in, original)
+            shutil.rmtree(control)
 
     # --- the daemon's cycles --------------------------------------------------
 
@@ -172,8 +210,10 @@ class Lab:
                 (re.match(r"^(-j .*?) , pcnt=(\d+) -- bcnt=\d+", line.strip()) for line in out.splitlines()) if m]
 
     def ip_rules(self):
-        """The IP filter rules in force: [("-A CHAIN ...", packet count)]."""
-        out = run(["ip", "netns", "exec", self.dev, "iptables-save", "-c", "-t", "filter"]).stdout
+        """The IP filter rules in force: [("-A CHAIN ...", packet count)], as the
+        device's own iptables (the lab's choice of backend) keeps them."""
+        out = run(["ip", "netns", "exec", self.dev, "env", "PATH=" + self.env["DEVICE_PATH"], "iptables-save", "-c",
+                   "-t", "filter"]).stdout
         return [(m.group(2), int(m.group(1))) for m in
                 (re.match(r"^\[(\d+):\d+\] (-A .*)$", line) for line in out.splitlines()) if m]
 
@@ -194,6 +234,18 @@ class Lab:
         """The daemon's status document as the device has it, parsed; None when there is none."""
         text = self.device_file("/run/tessel-networkd/status.json")
         return None if text is None else json.loads(text)
+
+    def device_processes(self):
+        """(host pid, pid in the device, arguments) of the live processes on the device."""
+        return processes_in_pid_namespace_of(self.holder_pid())
+
+    def daemon_pid(self):
+        """Host pid of the running daemon, None when none runs."""
+        found = [pid for pid, _, args in self.device_processes()
+                 if os.path.basename(args[0]) == "tessel-networkd"]
+        if len(found) > 1:
+            raise AssertionError("%d daemons run in the lab" % len(found))
+        return found[0] if found else None
 
     def device_file(self, path):
         """Contents of a file as the device sees it (its own /tmp), or None."""
@@ -216,6 +268,18 @@ class Lab:
     def daemon_log_since(self, mark):
         return self.daemon_log()[mark:]
 
+    def log_entries_since(self, mark):
+        """The daemon's LogEntry records after offset `mark` of its log."""
+        return entries(self.daemon_log_since(mark))
+
+    def wait_for_log(self, level, message, since=0, timeout=20):
+        """Waits until the daemon logs an entry of this level whose message starts
+        with `message`, after offset `since`; returns the entry."""
+        def found():
+            return next((e for e in self.log_entries_since(since) if e.level == level and
+                         e.message.startswith(message)), None)
+        return wait_until(found, "the daemon to log %s %r" % (level, message), timeout, interval=0.05)
+
     def devmem_writes(self):
         """[(time, "devmem ...")] as the stand-in recorded them."""
         return recorded_times(self.env["DEVMEM_LOG"])
@@ -223,3 +287,27 @@ class Lab:
     def dnsmasq_log(self):
         with open(self.env["DNSMASQ_LOG"]) as f:
             return f.read()
+
+
+class Stall:
+    """A stalled device tool (Lab.stalled_tool): whether its call is waiting, and letting it go."""
+
+    def __init__(self, control):
+        self.control = control
+
+    def stalled(self):
+        return os.path.isdir(os.path.join(self.control, "stalled"))
+
+    def release(self):
+        open(os.path.join(self.control, "go"), "w").close()
+
+
+def _replace(path, link_target):
+    """Puts a symbolic link to `link_target` at `path`, or removes `path` when
+    there is none, in one rename: a call at that moment finds one or the other."""
+    if link_target is None:
+        os.unlink(path)
+        return
+    temporary = path + ".new"
+    os.symlink(link_target, temporary)
+    os.rename(temporary, path)

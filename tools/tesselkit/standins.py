@@ -23,11 +23,10 @@ printf '%s\\n' "@STAMP@${0##*/}${*:+ $*}" >>'@LOG@'
 #   delay/TOOL.once  seconds to sleep on the next call only
 #   output/TOOL      printed on standard output by every call
 #   status/TOOL      the exit status of every call (default 0)
-#   fail/TOOL        argument lines ("link add name br0 type bridge"): a call with exactly
-#                    these arguments exits 1 (after the other control files had their say)
 #   stamp/TOOL       every call also goes to times.log with the time it was made, in seconds
 #   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
 #                    as a daemonising client does) until SIGTERM, recorded in signals.log
+#   only/TOOL        a text: the delays and the status apply only to calls whose arguments hold it
 CONTROLLED = r"""#!/bin/sh
 # Stand-in for one of the device's tools: records the call, then does what its
 # control files in the work directory say.
@@ -36,16 +35,22 @@ tool=${0##*/}
 printf '%s\n' "$tool${*:+ $*}" >> "$work/commands.log"
 [ -f "$work/stamp/$tool" ] && printf '%s %s\n' "$(date +%s.%N)" "$tool${*:+ $*}" >> "$work/times.log"
 [ -f "$work/output/$tool" ] && cat "$work/output/$tool"
-if mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
+applies=yes
+if [ -f "$work/only/$tool" ]; then
+    case " $* " in
+        *"$(cat "$work/only/$tool")"*) ;;
+        *) applies=no ;;
+    esac
+fi
+if [ $applies = yes ] && mv "$work/delay/$tool.once" "$work/delay/$tool.once.$$" 2>/dev/null; then
     sleep "$(cat "$work/delay/$tool.once.$$")"
     rm -f "$work/delay/$tool.once.$$"
 fi
-[ -f "$work/delay/$tool" ] && sleep "$(cat "$work/delay/$tool")"
+[ $applies = yes ] && [ -f "$work/delay/$tool" ] && sleep "$(cat "$work/delay/$tool")"
 if [ -f "$work/linger/$tool" ]; then
     STANDIN_TOOL=$tool bash -c 'exec -a "$0" bash "$@"' "$tool" "$work/linger.sh" "$@" < /dev/null > /dev/null 2>&1 &
 fi
-[ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
-[ -f "$work/fail/$tool" ] && grep -qxF -e "$*" "$work/fail/$tool" && exit 1
+[ $applies = yes ] && [ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
 exit 0
 """
 
@@ -53,6 +58,19 @@ exit 0
 LINGER = r"""# Waits for SIGTERM and records it.
 trap 'printf "%s\n" "TERM $STANDIN_TOOL $*" >> "@WORK@/signals.log"; exit 0' TERM
 while :; do sleep 0.2 & wait $!; done
+"""
+
+# Runs the real tool, but the first call with WORD among its arguments makes
+# CONTROL/stalled and waits for CONTROL/go first: a test acts while it hangs.
+STALLING = r"""#!/bin/sh
+# The real tool, stopping once on its first call with @WORD@ until let go.
+case " $* " in
+*" @WORD@ "*)
+    if mkdir '@CONTROL@/stalled' 2>/dev/null; then
+        while [ ! -e '@CONTROL@/go' ]; do sleep 0.05; done
+    fi ;;
+esac
+exec '@REAL@' "$@"
 """
 
 _STAMP = "$(date +%s.%N) "
@@ -68,6 +86,14 @@ def install(directory, tools, script):
     """Writes `script` as each tool in `directory`."""
     for tool in tools:
         write_script(os.path.join(directory, tool), script)
+
+
+def install_stalling(path, real, word, control):
+    """Puts at `path`, in one rename, the stand-in that runs `real` and stalls
+    its first call with `word` (see STALLING) under the directory `control`."""
+    temporary = path + ".new"
+    write_script(temporary, STALLING.replace("@WORD@", word).replace("@CONTROL@", control).replace("@REAL@", real))
+    os.rename(temporary, path)
 
 
 def install_recorders(directory, tools, log, timed=False):

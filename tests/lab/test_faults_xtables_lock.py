@@ -1,0 +1,70 @@
+#!/usr/bin/env python3
+"""Both ports bridged while another program holds the lock of the device's
+legacy iptables: the isolation rules cannot be put in place, so the bridge
+build hangs at "iptables -F" until its deadline, is ended, and is not recorded
+done; the retry that follows goes through as soon as the lock is free, with
+the rules counted once each and the isolation checked by frames.
+
+The device runs the legacy iptables here: the machine's nft one takes no lock
+at all, while the legacy one waits for /run/xtables.lock (by default, with no
+-w, since iptables 1.8.9), which any other program changing the rules holds."""
+import time
+
+from labtest import (PEER1_ADDR, TWO_PORT_CONFIG, VETH3_ADDR, LabTestCase, check_isolation, main, wait_for)
+
+DEADLINE_S = 20  # of every command the daemon runs
+
+
+class XtablesLockTest(LabTestCase):
+    IPTABLES = "legacy"
+
+    def iptables_flushes(self):
+        """Device pids of the "iptables -F" calls running now."""
+        return {inside for _, inside, args in self.lab.device_processes()
+                if args[0].endswith("iptables-legacy") and args[1:] == ["-F"]}
+
+    def test_held_lock_fails_the_build_which_recovers_when_it_is_freed(self):
+        with self.lab.hold_iptables_lock():
+            started = time.monotonic()
+            self.lab.start(TWO_PORT_CONFIG)
+            mark = self.lab.start_mark
+            first = wait_for(self.iptables_flushes, 10, "the bridge build to reach iptables -F")
+            error = self.lab.wait_for_log("ERROR", "Command still running after %d s, ending it: iptables -F"
+                                          % DEADLINE_S, mark, DEADLINE_S + 10)
+            warned = self.lab.wait_for_log("WARN", "Retrying bridge setup in 1 s (failed attempts: 1)", mark, 5)
+            failed_after = time.monotonic() - started
+            # The retry hangs at the same step while the lock is held.
+            retry = wait_for(lambda: self.iptables_flushes() - first, 10, "the retry to reach iptables -F")
+            self.assertNotIn("Done with bridge setup", self.lab.daemon_log_since(mark))
+            self.assertEqual([], self.lab.ip_rules())
+            # Nothing before the refused step needed the lock.
+            self.assertEqual(38, len(self.lab.arp_rules()))
+            # The interfaces were served after the failed build all the same.
+            self.assertEqual([VETH3_ADDR + "/24"], self.lab.addresses("veth3"))
+            self.assertEqual(1, len(self.lab.udhcpc_clients()))
+            released = time.monotonic()
+        print("the build hung at %r for its deadline and failed %.1f s after the start; %s" %
+              (error.message, failed_after, warned.message))
+
+        notice = self.lab.wait_for_log("NOTICE", "Recovered bridge setup after 1 failed attempts", mark, 10)
+        recovered = time.monotonic()
+        wait_for(lambda: not self.iptables_flushes() & retry, 5, "the waiting iptables -F to end")
+        print("timing: lock freed to %r %.2f s" % (notice.message, recovered - released))
+        self.assertLess(recovered - released, 3.0)
+        self.assertEqual(1, self.lab.daemon_log_since(mark).count("Done with bridge setup"))
+
+        # The whole build ran again: each rule once, and all of them.
+        arp, ip = self.lab.arp_rules(), self.lab.ip_rules()
+        self.assertEqual(38, len(arp))
+        self.assertEqual(38, len(set(rule for rule, _ in arp)))
+        self.assertEqual(12, len(ip))
+        self.assertEqual(12, len(set(rule for rule, _ in ip)))
+        self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
+        self.lab.wait_for_lease()
+        wait_for(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
+        self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)
+        self.assertEqual(0, check_isolation(self.lab), "isolation checks failed (see above)")
+
+
+if __name__ == "__main__":
+    main()
