@@ -554,6 +554,8 @@ pid_t StartStandInClient() {
         execl("/bin/sh", "udhcpc", "-c", "sleep 1000", "-i", "veth1", static_cast<char*>(nullptr));
         _exit(127);
     }
+    // Returned once it is one: passes follow each other within milliseconds.
+    for (int tries = 0; tries < 500 && !IsDhcpClientOf(pid, "veth1"); ++tries) usleep(10000);
     return pid;
 }
 
