@@ -135,6 +135,10 @@ struct WORK_FAILURE {
     COMMAND_OUTCOME m_outcome;
 };
 
+// `failure`, or a record of no interest when it is null (for callers that do
+// not ask why a piece of work stopped).
+WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
+
 // Runs one step. Returns false, with `failure` filled in and an ERROR entry, when
 // the work cannot go on: a step that must succeed failed, or any step could not
 // be started or ran past its deadline.

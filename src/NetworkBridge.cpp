@@ -172,8 +172,7 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     // which ip rejects and which leaves veth1's address as it is.
     const std::string& cmdlinePath = KernelCommandLinePath();
 
-    WORK_FAILURE ignored;
-    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
+    WORK_FAILURE& noted = FailureOrScratch(failure);
     // A given MAC is part of the build; an empty one is a command that fails by design.
     auto setMac = [&noted](const std::string& interfaceName, const std::string& mac) {
         return RunStep("ip link set dev " + interfaceName + " address " + mac, !mac.empty(), noted);

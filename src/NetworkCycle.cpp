@@ -107,7 +107,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
     if (ParseConfigFile(configPath, state.m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid) != 0 || !bSettingsValid) {
         return;
     }
-    USER_SETTINGS& settings = state.m_settings;
+    const USER_SETTINGS& settings = state.m_settings;
     const BRIDGE_MODE bridgeMode = settings.m_eBridgeMode;
 
     // A new mode is new work, built at once; a build that failed is tried again
@@ -130,8 +130,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
             NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
             if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !StopRequested()) {
                 LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
-                WORK_FAILURE ignored;
-                RunSteps(kIsolationIncompleteSteps, ignored);
+                RunSteps(kIsolationIncompleteSteps, failure);
             }
         }
     }
