@@ -136,6 +136,10 @@ struct WORK_FAILURE {
     COMMAND_OUTCOME m_outcome;
 };
 
+// `failure`, or a record of no interest when it is null (for callers that do
+// not ask why a piece of work stopped).
+WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
+
 // Runs one step. Returns false, with `failure` filled in and an ERROR entry, when
 // the work cannot go on: a step that must succeed failed, or any step could not
 // be started or ran past its deadline.
@@ -207,8 +211,10 @@ void NoteWorkDone(WORK_HEALTH& health, const std::string& work);
 // also the second pair and the ARP/IP isolation rules. An empty MAC text leaves
 // that port's address alone. Returns false, stopping at the step that failed
 // (noted in `failure` when given), when a step the build needs failed.
+// eth1UpAfterRules: eth1 comes up only once everything else, the isolation
+// rules included, is in place (a build again after one that failed).
 bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
-                 WORK_FAILURE* failure = nullptr);
+                 WORK_FAILURE* failure = nullptr, bool eth1UpAfterRules = false);
 
 // Whether the mode makes eth0 (modes 0 and 2) or eth1 (modes 1 and 2) a port of br0.
 bool BridgesEth0(BRIDGE_MODE mode);

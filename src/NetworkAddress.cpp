@@ -12,8 +12,7 @@ std::string DottedQuad(in_addr address) { return std::string(inet_ntoa(address))
 }  // namespace
 
 bool FlushAddrAndRouting(const std::string& interfaceName, WORK_FAILURE* failure) {
-    WORK_FAILURE ignored;
-    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
+    WORK_FAILURE& noted = FailureOrScratch(failure);
     // Nothing to flush is no failure, so either may fail.
     return RunStep("ip route flush dev " + interfaceName, false, noted) &&
            RunStep("ip addr flush dev " + interfaceName, false, noted);
@@ -21,8 +20,7 @@ bool FlushAddrAndRouting(const std::string& interfaceName, WORK_FAILURE* failure
 
 bool SetAddrAndRouting(const std::string& interfaceName, unsigned int metric, in_addr address, in_addr mask,
                        in_addr gateway, WORK_FAILURE* failure) {
-    WORK_FAILURE ignored;
-    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
+    WORK_FAILURE& noted = FailureOrScratch(failure);
     std::string addressWithMask = DottedQuad(address) + "/" + DottedQuad(mask);
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring " + interfaceName + " for " + addressWithMask);
     if (!RunStep("ip addr add " + addressWithMask + " dev " + interfaceName, true, noted)) return false;

@@ -1,5 +1,6 @@
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 #include "logging/Logging.h"
 #include "src/InputText.h"
@@ -32,6 +33,8 @@ const SHELL_STEP kEth0PortCommands[] = {
 };
 
 // eth1 becomes a port of br0.
+// The last entry raises eth1; a build that holds eth1 down until the isolation
+// rules are in runs it after them.
 const SHELL_STEP kEth1PortCommands[] = {
     {"ip link set eth1 master br0", true},
     {"ip link set eth1 up", true},
@@ -152,8 +155,8 @@ std::string MalformedMac(const std::string& mac, const std::string& source) {
 bool BridgesEth0(BRIDGE_MODE mode) { return (static_cast<uint32_t>(mode) & ~2U) == 0; }
 bool BridgesEth1(BRIDGE_MODE mode) { return static_cast<uint32_t>(mode) - 1U <= 1U; }
 
-bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
-                 WORK_FAILURE* failure) {
+bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac, WORK_FAILURE* failure,
+                 bool eth1UpAfterRules) {
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Setting up bridge for control network");
 
     std::string macs[] = {eth0Mac, eth1Mac};
@@ -169,8 +172,7 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     // which ip rejects and which leaves veth1's address as it is.
     const std::string& cmdlinePath = KernelCommandLinePath();
 
-    WORK_FAILURE ignored;
-    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
+    WORK_FAILURE& noted = FailureOrScratch(failure);
     // A given MAC is part of the build; an empty one is a command that fails by design.
     auto setMac = [&noted](const std::string& interfaceName, const std::string& mac) {
         return RunStep("ip link set dev " + interfaceName + " address " + mac, !mac.empty(), noted);
@@ -180,7 +182,13 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
         built = RunAll(kEth0PortCommands, noted) && (macs[0].empty() || setMac("eth0", macs[0]));
     }
     if (built && BridgesEth1(bridgeMode)) {
-        built = RunAll(kEth1PortCommands, noted) && (macs[1].empty() || setMac("eth1", macs[1]));
+        const SHELL_STEP& raise = kEth1PortCommands[std::size(kEth1PortCommands) - 1];
+        for (const SHELL_STEP& step : kEth1PortCommands) {
+            if (built && !(eth1UpAfterRules && &step == &raise)) {
+                built = RunStep(step.m_szCommand, step.m_bMustSucceed, noted);
+            }
+        }
+        built = built && (macs[1].empty() || setMac("eth1", macs[1]));
     }
     if (built) built = RunAll(kFirstPairCommands, noted);
     if (built) {
@@ -198,6 +206,10 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     // Only this mode flushes and installs the rules; leaving it keeps them, and
     // veth2/veth3, as they were.
     if (built && bridgeMode == BRIDGE_MODE_ETH0ETH1) built = RunAll(kSecondPairCommands, noted);
+    if (built && eth1UpAfterRules && BridgesEth1(bridgeMode)) {
+        const SHELL_STEP& raise = kEth1PortCommands[std::size(kEth1PortCommands) - 1];
+        built = RunStep(raise.m_szCommand, raise.m_bMustSucceed, noted);
+    }
     if (!built) return false;
 
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Done with bridge setup");

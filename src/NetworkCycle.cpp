@@ -51,6 +51,13 @@ const SHELL_STEP kEth0DownSteps[] = {
 const SHELL_STEP kEth0UpSteps[] = {
     {"ip link set eth0 master br0 > /dev/null 2>&1", false},
 };
+// A two-port build that stopped short may have bridged eth1 without all the
+// isolation rules: eth1 is taken down, and the next builds raise it only after
+// the rules, so the internal network never reaches it unfiltered.
+const SHELL_STEP kIsolationIncompleteSteps[] = {
+    {"ip link set eth1 down", false},
+};
+
 // After the PHY mode is written, eth1 is bounced to take it up.
 const SHELL_STEP kPhyModeSteps[] = {
     {"ip link set dev eth1 down", false},
@@ -102,7 +109,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
     state.m_bConfigRead = true;
     state.m_bConfigUsable = bRead && bSettingsValid;
     if (!state.m_bConfigUsable) return;
-    USER_SETTINGS& settings = state.m_settings;
+    const USER_SETTINGS& settings = state.m_settings;
     const BRIDGE_MODE bridgeMode = settings.m_eBridgeMode;
 
     // A new mode is new work, built at once; a build that failed is tried again
@@ -110,7 +117,10 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
     const bool modeChanged = bridgeMode != state.m_eLastBridgeMode;
     if (modeChanged || (state.m_bBridgeSetupPending && WorkDue(state.m_bridgeHealth))) {
         WORK_FAILURE failure;
-        const bool built = SetupBridge(bridgeMode, "", "", &failure);
+        // After a two-port build that stopped short, eth1 stays down until the
+        // isolation rules are all in place again.
+        const bool eth1UpAfterRules = bridgeMode == BRIDGE_MODE_ETH0ETH1 && state.m_bridgeHealth.m_nFailures > 0;
+        const bool built = SetupBridge(bridgeMode, "", "", &failure, eth1UpAfterRules);
         state.m_eLastBridgeMode = bridgeMode;
         state.m_bBridgeSetupPending = !built;
         // Both interfaces are set up again on the rebuilt bridge, in this pass.
@@ -120,6 +130,10 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
             NoteWorkDone(state.m_bridgeHealth, "bridge setup");
         } else {
             NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
+            if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !StopRequested()) {
+                LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
+                RunSteps(kIsolationIncompleteSteps, failure);
+            }
         }
     }
 

@@ -7,8 +7,7 @@
 
 bool SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState,
                     WORK_FAILURE* failure) {
-    WORK_FAILURE ignored;
-    WORK_FAILURE& noted = failure != nullptr ? *failure : ignored;
+    WORK_FAILURE& noted = FailureOrScratch(failure);
     if (config.m_bDhcp) {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Configuring interface " + interfaceName + " for DHCP");
         if (!FlushAddrAndRouting(interfaceName, &noted)) return false;

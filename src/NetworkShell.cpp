@@ -237,6 +237,11 @@ void ClearStopRequest() {
     g_nStopNoticedMs = 0;
 }
 
+WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure) {
+    static WORK_FAILURE scratch = WORK_FAILURE{};
+    return failure != nullptr ? *failure : scratch;
+}
+
 bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure) {
     COMMAND_OUTCOME outcome = RunCommand(command);
     // A cycle of commands that each run to their deadline is slow, not stuck.

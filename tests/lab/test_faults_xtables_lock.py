@@ -2,7 +2,7 @@
 """Both ports bridged while another program holds the lock of the device's
 legacy iptables: the isolation rules cannot be put in place, so the bridge
 build hangs at "iptables -F" until its deadline, is ended, and is not recorded
-done; the retry that follows goes through as soon as the lock is free, with
+done, and eth1 stays down meanwhile; the retry that follows goes through as soon as the lock is free, with
 the rules counted once each and the isolation checked by frames.
 
 The device runs the legacy iptables here: the machine's nft one takes no lock
@@ -32,14 +32,22 @@ class XtablesLockTest(LabTestCase):
             error = self.lab.wait_for_log("ERROR", "Command still running after %d s, ending it: iptables -F"
                                           % DEADLINE_S, mark, DEADLINE_S + 10)
             warned = self.lab.wait_for_log("WARN", "Retrying bridge setup in 1 s (failed attempts: 1)", mark, 5)
+            # Without its IP rules eth1 is kept out of the way: the internal
+            # network never meets eth1's side unfiltered.
+            self.lab.wait_for_log("WARN", "Keeping eth1 down until the isolation rules are in place", mark, 5)
+            wait_for(lambda: self.lab.link("eth1")["operstate"] == "DOWN", 5, "eth1 to be down")
             failed_after = time.monotonic() - started
             # The retry hangs at the same step while the lock is held.
-            retry = wait_for(lambda: self.iptables_flushes() - first, 10, "the retry to reach iptables -F")
+            # (After veth1's client has given up in the foreground: about 9 s
+            # without a server, as eth1 is down.)
+            retry = wait_for(lambda: self.iptables_flushes() - first, 20, "the retry to reach iptables -F")
             self.assertNotIn("Done with bridge setup", self.lab.daemon_log_since(mark))
             self.assertEqual([], self.lab.ip_rules())
+            self.assertEqual("DOWN", self.lab.link("eth1")["operstate"])
             # Nothing before the refused step needed the lock.
             self.assertEqual(38, len(self.lab.arp_rules()))
-            # The interfaces were served after the failed build all the same.
+            # The interfaces were served after the failed build all the same
+            # (veth1's client waits for eth1).
             self.assertEqual([VETH3_ADDR + "/24"], self.lab.addresses("veth3"))
             self.assertEqual(1, len(self.lab.udhcpc_clients()))
             released = time.monotonic()
@@ -60,6 +68,7 @@ class XtablesLockTest(LabTestCase):
         self.assertEqual(12, len(ip))
         self.assertEqual(12, len(set(rule for rule, _ in ip)))
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
+        self.assertEqual("UP", self.lab.link("eth1")["operstate"])
         self.lab.wait_for_lease()
         wait_for(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)

@@ -471,25 +471,29 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndTheRetryStartsWit
         return pass == 1 && command.rfind("iptables -A", 0) == 0 ? std::optional<COMMAND_OUTCOME>(ExitStatus(4))
                                                                  : std::nullopt;
     });
-    Lines rules =
-        Only(timeline, {"pass", "$ arptables", "$ iptables", "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge"});
-    // Pass 1: arptables flushed and filled, iptables flushed, its first rule
-    // refused and nothing after it. Pass 2: the whole build again, flushes first.
-    ASSERT_EQ(rules.size(), 45U + 56U + 1U);
-    EXPECT_EQ(Lines(rules.begin(), rules.begin() + 3),
-              (Lines{"pass 1", "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F"}));
+    Lines rules = Only(timeline, {"pass", "$ arptables", "$ iptables", "$ ip link set eth1 down",
+                                  "$ ip link set eth1 up", "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge"});
+    // Pass 1: eth1 down with the rest of the bridge and up as its port,
+    // arptables flushed and filled, iptables flushed, its first rule refused
+    // and nothing after it; eth1 taken down. Pass 2: the whole build again,
+    // flushes first, eth1 up only after the last rule.
+    ASSERT_EQ(rules.size(), 49U + 58U + 1U);
+    EXPECT_EQ(Lines(rules.begin(), rules.begin() + 5),
+              (Lines{"pass 1", "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
+                     "$ ip link set eth1 up", "$ arptables -F"}));
     EXPECT_EQ(
-        Lines(rules.begin() + 41, rules.begin() + 50),
+        Lines(rules.begin() + 43, rules.begin() + 54),
         (Lines{"$ iptables -F", "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
                "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
                "physdev --physdev-in eth1 -j DROP",
-               "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)", "pass 2",
-               "INFO SetupBridge: Setting up bridge for control network", "$ arptables -F",
-               "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP",
-               "$ arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP"}));
-    EXPECT_EQ(Lines(rules.end() - 4, rules.end()),
+               "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
+               "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
+               "$ ip link set eth1 down", "pass 2", "INFO SetupBridge: Setting up bridge for control network",
+               "$ ip link set eth1 down", "$ arptables -F",
+               "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP"}));
+    EXPECT_EQ(Lines(rules.end() - 5, rules.end()),
               (Lines{"$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
-                     "INFO SetupBridge: Done with bridge setup",
+                     "$ ip link set eth1 up", "INFO SetupBridge: Done with bridge setup",
                      "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts", "pass 3"}));
 }
 
@@ -550,6 +554,8 @@ pid_t StartStandInClient() {
         execl("/bin/sh", "udhcpc", "-c", "sleep 1000", "-i", "veth1", static_cast<char*>(nullptr));
         _exit(127);
     }
+    // Returned once it is one: passes follow each other within milliseconds.
+    for (int tries = 0; tries < 500 && !IsDhcpClientOf(pid, "veth1"); ++tries) usleep(10000);
     return pid;
 }
 

@@ -182,8 +182,13 @@ TEST(RunShellCommandTest, StopRequestEndsAHangingCommandGroupAfterTheGraceAndSta
     EXPECT_FALSE(hung.m_bTimedOut);
     EXPECT_LT(elapsed, std::chrono::milliseconds(1500));
     long child = std::stol(ReadFile(dir.Path("child")));
-    // The background sleep went with the group (or is a zombie of init's by now).
-    std::string stat = ReadFile("/proc/" + std::to_string(child) + "/stat");
+    // The background sleep went with the group: gone, or a zombie, within moments.
+    std::string stat;
+    for (int tries = 0; tries < 100; ++tries) {
+        stat = ReadFile("/proc/" + std::to_string(child) + "/stat");
+        if (stat.empty() || stat.find(") Z ") != std::string::npos) break;
+        usleep(10000);
+    }
     EXPECT_TRUE(stat.empty() || stat.find(") Z ") != std::string::npos) << stat;
     // After the grace nothing is started, and a pause ends at once.
     COMMAND_OUTCOME refused = RunShellCommand("echo late > " + dir.Path("late"));
