@@ -3,8 +3,10 @@
 #include <dirent.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,6 +59,21 @@ std::vector<std::string> ReadUdhcpcArguments(const std::string& entryName) {
     return UdhcpcArguments(bytes, count);
 }
 
+// The parent of a process from its stat line ("pid (comm) state ppid ..."), 0
+// when it cannot be read. The name may hold anything, so the fields are counted
+// from its last ')'.
+pid_t ParentOf(pid_t pid) {
+    UniqueFile file(fopen(("/proc/" + Util::Format("%ld", static_cast<long>(pid)) + "/stat").c_str(), "rb"));
+    if (!file) return 0;
+    char line[512];
+    size_t count = fread(line, 1, sizeof line - 1, file.get());
+    line[count] = '\0';
+    const char* end = strrchr(line, ')');
+    long parent = 0;
+    if (end == nullptr || sscanf(end + 1, " %*c %ld", &parent) != 1) return 0;
+    return static_cast<pid_t>(parent);
+}
+
 // Whether the arguments of a udhcpc process name the interface; the name may
 // stand anywhere on the command line, but only as a whole argument: a client of
 // veth1 is not one of veth10.
@@ -100,9 +117,15 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
 }
 
 pid_t FindDhcpClient(const std::string& interfaceName) {
-    pid_t client = 0;
-    ForEachClient(interfaceName, [&client](pid_t pid) { client = pid; });
-    return client;
+    std::vector<pid_t> clients;
+    ForEachClient(interfaceName, [&clients](pid_t pid) { clients.push_back(pid); });
+    // A client's own child (forked to run its script, and not yet the script)
+    // carries the client's command line for a moment: the one whose parent is
+    // not among them is the client.
+    for (pid_t pid : clients) {
+        if (std::find(clients.begin(), clients.end(), ParentOf(pid)) == clients.end()) return pid;
+    }
+    return clients.empty() ? 0 : clients.front();
 }
 
 bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName) {

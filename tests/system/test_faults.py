@@ -119,11 +119,11 @@ class FaultTest(harness.DaemonTestCase):
         # The bridge build stopped at the hung rule, and the next build was whole.
         commands = bridge.commands()
         stopped = commands.index(rule)
-        self.assertEqual(commands[stopped + 1:stopped + 2], [] if stopped + 1 == len(commands) else
-                         [commands[stopped + 1]])
-        self.assertNotEqual(commands[stopped + 1], BRIDGE_ETH0ETH1[BRIDGE_ETH0ETH1.index(rule) + 1])
+        # eth1 was taken down after it, and the next build raised it only after the rules.
+        self.assertEqual(commands[stopped + 1], "ip link set eth1 down")
         rebuilt = commands.index(BRIDGE_ETH0ETH1[0], stopped)
-        self.assertEqual(commands[rebuilt:rebuilt + len(BRIDGE_ETH0ETH1)], BRIDGE_ETH0ETH1)
+        isolation_first = [c for c in BRIDGE_ETH0ETH1 if c != "ip link set eth1 up"] + ["ip link set eth1 up"]
+        self.assertEqual(commands[rebuilt:rebuilt + len(BRIDGE_ETH0ETH1)], isolation_first)
         # The client was started again after its hung start.
         self.assertEqual(client.commands().count(CLIENT_VETH1), 2)
         for daemon in daemons:

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@
 #include "src/NetworkCycle.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"
+#include "tests/support/FakeClient.h"
 #include "tests/support/KernelCommandLine.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
@@ -413,6 +415,13 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
                               veth1Static}));
 }
 
+// The whole timeline, a line each, for a failure's message.
+std::string Text(const Lines& timeline) {
+    std::string text;
+    for (const std::string& line : timeline) text += line + "\n";
+    return text;
+}
+
 // The passes whose timeline holds `line`, from a RunTimedPasses timeline.
 std::vector<int> PassesWith(const Lines& timeline, const std::string& line) {
     std::vector<int> passes;
@@ -545,44 +554,35 @@ TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterP
                      "NOTICE NoteWorkDone: Recovered addressing of veth1 after 1 failed attempts"}}));
 }
 
-// A stand-in client: a process named udhcpc serving veth1, as the real one looks
-// in the process table once it has gone to the background.
-pid_t StartStandInClient() {
-    pid_t pid = fork();
-    if (pid == 0) {
-        // The shell waits on its sleep under the name and arguments given here.
-        execl("/bin/sh", "udhcpc", "-c", "sleep 1000", "-i", "veth1", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    // Returned once it is one: passes follow each other within milliseconds.
-    for (int tries = 0; tries < 500 && !IsDhcpClientOf(pid, "veth1"); ++tries) usleep(10000);
-    return pid;
-}
-
 TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
     TESSEL_NEED_NAMESPACES();
-    pid_t client = 0;
+    // What the started client looks like in the process table, once it has
+    // gone to the background.
+    std::vector<std::unique_ptr<FakeClient>> clients;
     Lines timeline = RunTimedPasses(
         Eth0::kMissing, kEth1Dhcp, 14,
         [&](int /*pass*/, const std::string& command) -> std::optional<COMMAND_OUTCOME> {
-            if (command.rfind("udhcpc -i veth1 ", 0) == 0) client = StartStandInClient();
+            if (command.rfind("udhcpc -i veth1 ", 0) == 0) {
+                clients.push_back(std::make_unique<FakeClient>(
+                    "udhcpc", Lines{"-i", "veth1", "-b", "-R", "-s", "/usr/share/udhcpc/tessel.script"}));
+            }
             return std::nullopt;
         },
         [&](int pass) {
-            // Killed at second 6, after the first check at second 5 found it.
-            if (pass == 7) kill(client, SIGKILL);
-            // Reaped at once: whether a zombie or gone, it is no client.
-            if (pass == 8) waitpid(client, nullptr, 0);
+            // Killed at second 6, after the first check at second 5 found it;
+            // a zombie until reaped, and no client either way.
+            if (pass == 7) kill(clients.front()->Pid(), SIGKILL);
         });
-    EXPECT_EQ(timeline,
-              Join({{"pass 1"},
-                    kBridgeBuildEth1,
-                    kRegisterWrites,
-                    kClientStart,
-                    kPhyWrite,
-                    // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.
-                    {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12"},
-                    kClientStart}));
+    const Lines expected =
+        Join({{"pass 1"},
+              kBridgeBuildEth1,
+              kRegisterWrites,
+              kClientStart,
+              kPhyWrite,
+              // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.
+              {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12"},
+              kClientStart});
+    EXPECT_EQ(timeline, expected) << Text(timeline);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/FakeClient.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
 
@@ -27,79 +28,6 @@ std::string UniqueName() {
     static int counter = 0;
     return "tc" + std::to_string(getpid()) + "x" + std::to_string(++counter);
 }
-
-// A real process with the command line a DHCP client would show: /bin/sh started
-// under the name `argv0`, waiting on a pipe for input that never comes. Its
-// command line is argv0, "-c", "read REPLY", then `arguments`. Killed and reaped
-// on every path.
-class FakeClient {
-public:
-    FakeClient(const std::string& argv0, const Lines& arguments) {
-        Lines all = {argv0, "-c", "read REPLY"};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (std::string& argument : all) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-
-        int input[2];
-        int started[2];
-        if (pipe2(input, O_CLOEXEC) != 0) return;
-        if (pipe2(started, O_CLOEXEC) != 0) {
-            close(input[0]);
-            close(input[1]);
-            return;
-        }
-        m_pid = fork();
-        if (m_pid == 0) {
-            // Goes with the test process even if that is killed outright.
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            dup2(input[0], STDIN_FILENO);
-            execv("/bin/sh", argv.data());
-            char failed = 1;
-            ssize_t ignored = write(started[1], &failed, 1);
-            (void)ignored;
-            _exit(127);
-        }
-        close(input[0]);
-        close(started[1]);
-        m_input = input[1];
-        // The pipe closes at the exec: only then does the command line show the new one.
-        char failed = 0;
-        m_bStarted = m_pid > 0 && read(started[0], &failed, 1) == 0;
-        close(started[0]);
-    }
-
-    ~FakeClient() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        if (m_input >= 0) close(m_input);
-    }
-    FakeClient(const FakeClient&) = delete;
-    FakeClient& operator=(const FakeClient&) = delete;
-
-    bool Started() const { return m_bStarted; }
-    pid_t Pid() const { return m_pid; }
-
-    // Ends its input, so a process nobody signalled exits by itself, and reaps it.
-    // A signal sent before is taken before the end of input is seen.
-    // Returns the signal that ended it, 0 when it exited on its own.
-    int EndingSignal() {
-        close(m_input);
-        m_input = -1;
-        int status = 0;
-        pid_t reaped = waitpid(m_pid, &status, 0);
-        m_pid = -1;
-        if (reaped <= 0) return -1;
-        return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-    }
-
-private:
-    pid_t m_pid = -1;
-    int m_input = -1;
-    bool m_bStarted = false;
-};
 
 // What the daemon starts a client with, after the program name.
 Lines ClientArguments(const std::string& interfaceName) {
@@ -299,6 +227,55 @@ TEST(StopDhcpTest, UnreadableProcIsReportedAndTheLeaseFileStillRemoved) {
                          "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
                          "client ended by signal 0",
                      }));
+}
+
+// --- Finding the client again ---------------------------------------------------
+
+TEST(FindDhcpClientTest, FindsTheClientOfTheInterfaceOnly) {
+    const std::string name = UniqueName();
+    EXPECT_EQ(FindDhcpClient(name), 0);
+    FakeClient other("udhcpc", ClientArguments(name + "0"));
+    FakeClient client("udhcpc", ClientArguments(name));
+    ASSERT_TRUE(other.Started() && client.Started());
+    EXPECT_EQ(FindDhcpClient(name), client.Pid());
+    EXPECT_TRUE(IsDhcpClientOf(client.Pid(), name));
+    EXPECT_FALSE(IsDhcpClientOf(other.Pid(), name));
+    EXPECT_FALSE(IsDhcpClientOf(0, name));
+}
+
+TEST(FindDhcpClientTest, TheClientAndNotItsChildThatStillShowsItsCommandLine) {
+    const std::string name = UniqueName();
+    // The subshell is a child with the parent's command line, as a client's
+    // child has until it runs the script.
+    FakeClient client("udhcpc", ClientArguments(name), "(read REPLY); read REPLY");
+    ASSERT_TRUE(client.Started());
+    std::string children;
+    for (int tries = 0; tries < 200 && children.empty(); ++tries) {
+        std::ifstream in("/proc/" + std::to_string(client.Pid()) + "/task/" + std::to_string(client.Pid()) +
+                         "/children");
+        std::getline(in, children);
+        if (children.empty()) usleep(10000);
+    }
+    ASSERT_FALSE(children.empty());
+    EXPECT_TRUE(IsDhcpClientOf(std::stoi(children), name));
+    EXPECT_EQ(FindDhcpClient(name), client.Pid());
+}
+
+TEST(FindDhcpClientTest, AClientThatEndedIsNoClientZombieOrGone) {
+    const std::string name = UniqueName();
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "udhcpc", "-c", "exit 0", "-i", name.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    // A zombie until reaped: its command line is empty.
+    siginfo_t info{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(IsDhcpClientOf(pid, name));
+    EXPECT_EQ(FindDhcpClient(name), 0);
+    waitpid(pid, nullptr, 0);
+    EXPECT_FALSE(IsDhcpClientOf(pid, name));
 }
 
 }  // namespace
