@@ -184,8 +184,10 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     if (built && BridgesEth1(bridgeMode)) {
         const SHELL_STEP& raise = kEth1PortCommands[std::size(kEth1PortCommands) - 1];
         for (const SHELL_STEP& step : kEth1PortCommands) {
-            if (built && !(eth1UpAfterRules && &step == &raise)) {
-                built = RunStep(step.m_szCommand, step.m_bMustSucceed, noted);
+            if (eth1UpAfterRules && &step == &raise) continue;
+            if (!RunStep(step.m_szCommand, step.m_bMustSucceed, noted)) {
+                built = false;
+                break;
             }
         }
         built = built && (macs[1].empty() || setMac("eth1", macs[1]));
