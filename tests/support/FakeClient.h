@@ -67,6 +67,15 @@ public:
     bool Started() const { return m_bStarted; }
     pid_t Pid() const { return m_pid; }
 
+    // Kills it and waits until it has died, leaving it a zombie until reaped: a
+    // signal alone is taken at the process's next turn on a CPU, which a busy
+    // machine may give it only after the checks that are to find it gone.
+    bool KillToZombie() {
+        if (m_pid <= 0 || kill(m_pid, SIGKILL) != 0) return false;
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOWAIT) == 0;
+    }
+
     // Ends its input, so a process nobody signalled exits by itself, and reaps it.
     // A signal sent before is taken before the end of input is seen.
     // Returns the signal that ended it, 0 when it exited on its own.
