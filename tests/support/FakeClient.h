@@ -48,9 +48,11 @@ public:
         close(input[0]);
         close(started[1]);
         m_input = input[1];
-        // The pipe closes at the exec: only then does the command line show the new one.
+        // The pipe closes at the exec, but the kernel puts the new command line
+        // in place only after that, while it loads the program: until then the
+        // process shows none.
         char failed = 0;
-        m_bStarted = m_pid > 0 && read(started[0], &failed, 1) == 0;
+        m_bStarted = m_pid > 0 && read(started[0], &failed, 1) == 0 && ShowsCommandLine(argv0);
         close(started[0]);
     }
 
@@ -90,6 +92,24 @@ public:
     }
 
 private:
+    // Waits (5 s at most) until the process's command line starts with `argv0`.
+    bool ShowsCommandLine(const std::string& argv0) const {
+        const std::string path = "/proc/" + std::to_string(m_pid) + "/cmdline";
+        const std::string wanted = argv0 + '\0';
+        for (int attempt = 0; attempt < 5000; ++attempt) {
+            char bytes[256];
+            ssize_t count = 0;
+            int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            if (fd >= 0) {
+                count = read(fd, bytes, sizeof bytes);
+                close(fd);
+            }
+            if (count > 0 && std::string(bytes, static_cast<size_t>(count)).rfind(wanted, 0) == 0) return true;
+            usleep(1000);
+        }
+        return false;
+    }
+
     pid_t m_pid = -1;
     int m_input = -1;
     bool m_bStarted = false;
