@@ -6,22 +6,14 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "src/Network.h"
+#include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // Whether the process has gone, or is only waiting to be reaped.
 bool Ended(const std::string& pid) {

@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "logging/Logging.h"
+#include "tests/support/Files.h"
 
 LogCapture* LogCapture::s_active = nullptr;
 
@@ -99,22 +100,6 @@ bool ParseLogLine(const std::string& line, LogEntry& entry) {
     entry.message = match[5];
     return true;
 }
-
-namespace {
-
-std::vector<std::string> SplitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
-}  // namespace
 
 std::vector<std::string> LogCapture::Timeline() {
     std::vector<std::string> timeline;

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "tests/support/Files.h"
+
 namespace {
 
 void WriteLines(int fd, const Lines& lines) {
@@ -86,14 +88,7 @@ Lines InNewNamespaces(int flags, const std::function<Lines()>& body) {
     int status = 0;
     waitpid(child, &status, 0);
 
-    Lines lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
+    Lines lines = SplitLines(text);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         lines.push_back("child failed, status " + std::to_string(status));
     return lines;

@@ -384,35 +384,26 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
         "$ ip link add name br0 type bridge",
         "ERROR RunStep: Command failed (exit status 2): ip link add name br0 type bridge",
     };
-    const Lines veth1Static = {
-        "$ ip route flush dev veth1",
-        "$ ip addr flush dev veth1",
-        "INFO SetupInterface: Configuring interface veth1 for static IP",
-        "INFO SetAddrAndRouting: Configuring veth1 for 192.168.1.2/255.255.255.0",
-        "$ ip addr add 192.168.1.2/255.255.255.0 dev veth1",
-        "INFO SetAddrAndRouting: Adding default gateway 192.168.1.1 for veth1",
-        "$ ip route add default via 192.168.1.1 dev veth1 metric 10",
-    };
     EXPECT_EQ(timeline, Join({{"pass 1"},
                               failedBuild,
                               {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
                               kRegisterWrites,
-                              veth1Static,
+                              kVeth1Static,
                               kPhyWrite,
                               {"pass 2"},
                               failedBuild,
                               {"WARN NoteWorkFailed: Retrying bridge setup in 2 s (failed attempts: 2)"},
-                              veth1Static,
+                              kVeth1Static,
                               // Nothing in pass 3: the wait lasts until second 3.
                               {"pass 4"},
                               failedBuild,
                               {"WARN NoteWorkFailed: Retrying bridge setup in 4 s (failed attempts: 3)"},
-                              veth1Static,
+                              kVeth1Static,
                               // Nothing until second 7; the fault has gone meanwhile.
                               {"pass 8"},
                               kBridgeBuildEth1,
                               {"NOTICE NoteWorkDone: Recovered bridge setup after 3 failed attempts"},
-                              veth1Static}));
+                              kVeth1Static}));
 }
 
 // The whole timeline, a line each, for a failure's message.

@@ -11,12 +11,12 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "src/Network.h"
+#include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
 #include "tests/support/TempDir.h"
@@ -125,13 +125,6 @@ TEST(GenericInterfaceLinkIsUpTest, ClosesItsSocketOnSuccessAndFailure) {
 }
 
 // --- PHY mode ------------------------------------------------------------------
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 TEST(SetEthernetPhyModeTest, SgmiiWritesTypeFourAlone) {
     TempDir dir;

@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "src/Network.h"
+#include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
 
@@ -22,11 +22,6 @@ using Lines = std::vector<std::string>;
 std::string UniqueName() {
     static int counter = 0;
     return "ts" + std::to_string(getpid()) + "x" + std::to_string(++counter);
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // Stands in for the shell and the DHCP client: records every command in the

@@ -6,23 +6,16 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <optional>
 #include <sstream>
 
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 TEST(RunShellCommandTest, RunsThroughTheShellAndWaits) {
     TempDir dir;

@@ -3,13 +3,13 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "src/NetworkCycle.h"
 #include "src/NetworkStatus.h"
+#include "tests/support/Files.h"
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
@@ -86,11 +86,6 @@ json Document(const CYCLE_STATE& state) {
     STATUS_SNAPSHOT snapshot;
     TakeStatusSnapshot(state, snapshot);
     return json::parse(StatusJson(Daemon(), snapshot));
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 ino_t Inode(const std::string& path) {
