@@ -1,9 +1,12 @@
 // Stopping the DHCP clients of one interface. Nobody records which clients were
 // started, so they are found again in the process table each time.
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +32,11 @@ constexpr size_t kCmdlineBytes = 256;
 // any other program. Bytes after the last NUL (a line cut short by the read) are
 // not an argument, so an interface name there is never seen.
 std::vector<std::string> UdhcpcArguments(const char* bytes, size_t count) {
+    // A full path or a longer name is a different program: only the bare name
+    // counts. Nearly every process is another program, and is told apart here
+    // without building anything.
+    static constexpr char kProgram[] = "udhcpc";  // with its NUL
+    if (count < sizeof kProgram || memcmp(bytes, kProgram, sizeof kProgram) != 0) return {};
     std::vector<std::string> arguments;
     std::string current;
     for (size_t i = 0; i < count; ++i) {
@@ -36,27 +44,28 @@ std::vector<std::string> UdhcpcArguments(const char* bytes, size_t count) {
             current.push_back(bytes[i]);
             continue;
         }
-        // A full path or a longer name is a different program: only the bare name counts.
-        if (arguments.empty() && current != "udhcpc") return {};
         arguments.push_back(current);
         current.clear();
     }
     return arguments;
 }
 
-// The udhcpc arguments of the process behind one /proc entry; empty when it is
-// not udhcpc, has gone meanwhile or has no command line (kernel threads, zombies).
-std::vector<std::string> ReadUdhcpcArguments(const std::string& entryName) {
-    UniqueFile file(fopen(("/proc/" + entryName + "/cmdline").c_str(), "rb"));
-    if (!file) return {};
-    // Unbuffered, the one read asks for the 256 bytes and no more; a buffered
-    // stream would first ask the kernel for the block size, allocate 4 KiB and
-    // read that much, for every process in the table.
-    setvbuf(file.get(), nullptr, _IONBF, 0);
+// The udhcpc arguments of the process whose command line is at `path` (relative
+// to the directory `directory`); empty when it is not udhcpc, has gone
+// meanwhile or has no command line (kernel threads, zombies). A scan does this
+// for every process, so no stream and no allocation: one read into the stack,
+// of which the kernel fills as much as the command line has, up to 256 bytes.
+std::vector<std::string> ReadUdhcpcArguments(int directory, const char* path) {
+    int fd = openat(directory, path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return {};
     char bytes[kCmdlineBytes];
-    size_t count = fread(bytes, 1, sizeof bytes, file.get());
-    file.reset();
-    return UdhcpcArguments(bytes, count);
+    ssize_t count = 0;
+    do {
+        count = read(fd, bytes, sizeof bytes);
+    } while (count < 0 && errno == EINTR);
+    close(fd);
+    if (count <= 0) return {};
+    return UdhcpcArguments(bytes, static_cast<size_t>(count));
 }
 
 // The parent of a process from its stat line ("pid (comm) state ppid ..."), 0
@@ -90,9 +99,12 @@ template <typename Found>
 bool ForEachClient(const std::string& interfaceName, Found found) {
     std::unique_ptr<DIR, DirectoryCloser> proc(opendir("/proc"));
     if (!proc) return false;
+    char path[sizeof(dirent::d_name) + sizeof "/cmdline"];
     while (const dirent* entry = readdir(proc.get())) {
         if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        if (Serves(ReadUdhcpcArguments(entry->d_name), interfaceName)) {
+        // Relative to /proc, already open: no walk of the path's first part.
+        snprintf(path, sizeof path, "%s/cmdline", entry->d_name);
+        if (Serves(ReadUdhcpcArguments(dirfd(proc.get()), path), interfaceName)) {
             found(static_cast<pid_t>(strtol(entry->d_name, nullptr, 10)));
         }
     }
@@ -130,5 +142,7 @@ pid_t FindDhcpClient(const std::string& interfaceName) {
 
 bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName) {
     if (pid <= 0) return false;
-    return Serves(ReadUdhcpcArguments(Util::Format("%ld", static_cast<long>(pid))), interfaceName);
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%ld/cmdline", static_cast<long>(pid));
+    return Serves(ReadUdhcpcArguments(AT_FDCWD, path), interfaceName);
 }
