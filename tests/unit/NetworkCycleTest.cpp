@@ -160,6 +160,14 @@ const Lines kVeth1Static = {
     "INFO SetAddrAndRouting: Adding default gateway 192.168.1.1 for veth1",
     "$ ip route add default via 192.168.1.1 dev veth1 metric 10",
 };
+const Lines kClientStart = {
+    "INFO SetupInterface: Configuring interface veth1 for DHCP",
+    "$ ip route flush dev veth1",
+    "$ ip addr flush dev veth1",
+    "$ rm -f /tmp/dhcp_veth1.txt > /dev/null 2>&1",
+    "INFO SetupInterface: Starting DHCP for interface veth1",
+    "$ udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script",
+};
 const Lines kVeth3Static = {
     "$ ip route flush dev veth3",
     "$ ip addr flush dev veth3",
@@ -276,14 +284,7 @@ TEST(NetworkCycleTest, DhcpStartLeaseRenewalAndLoss) {
               kBridgeBuildEth0,
               kReattach,
               kRegisterWrites,
-              {
-                  "INFO SetupInterface: Configuring interface veth1 for DHCP",
-                  "$ ip route flush dev veth1",
-                  "$ ip addr flush dev veth1",
-                  "$ rm -f /tmp/dhcp_veth1.txt > /dev/null 2>&1",
-                  "INFO SetupInterface: Starting DHCP for interface veth1",
-                  "$ udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script",
-              },
+              kClientStart,
               kPhyWrite,
               {"pass 2"},
               kReattach,
@@ -502,15 +503,6 @@ const char* const kEth1Dhcp =
     "phy copper\n"
     "veth1 dhcp\n"
     "veth3 static 192.168.100.1 255.255.255.0 0.0.0.0\n";
-
-const Lines kClientStart = {
-    "INFO SetupInterface: Configuring interface veth1 for DHCP",
-    "$ ip route flush dev veth1",
-    "$ ip addr flush dev veth1",
-    "$ rm -f /tmp/dhcp_veth1.txt > /dev/null 2>&1",
-    "INFO SetupInterface: Starting DHCP for interface veth1",
-    "$ udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script",
-};
 
 TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterPass) {
     TESSEL_NEED_NAMESPACES();
