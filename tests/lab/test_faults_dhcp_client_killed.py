@@ -9,6 +9,7 @@ import time
 
 from labtest import PEER1_ADDR, TWO_PORT_CONFIG, LabTestCase, main
 from tesselkit.device import DHCP_CLIENT_ARGS
+from tesselkit.namespaces import without_forked_copies
 
 CLIENT_ARGS = ["-i", "veth1"] + DHCP_CLIENT_ARGS.split()
 
@@ -16,8 +17,9 @@ CLIENT_ARGS = ["-i", "veth1"] + DHCP_CLIENT_ARGS.split()
 class DhcpClientKilledTest(LabTestCase):
     def clients(self):
         """{device pid: host pid} of the DHCP clients serving veth1 as the daemon starts them."""
-        return {inside: host for host, inside, args in self.lab.device_processes()
-                if args[0] == "udhcpc" and args[1:] == CLIENT_ARGS}
+        found = [entry for entry in self.lab.device_processes()
+                 if entry[2][0] == "udhcpc" and entry[2][1:] == CLIENT_ARGS]
+        return {inside: host for host, inside, _ in without_forked_copies(found)}
 
     def test_killed_client_is_replaced_and_the_lease_comes_back(self):
         self.lab.start(TWO_PORT_CONFIG)

@@ -48,9 +48,11 @@ def stamp(entry):
 
 
 def clients(daemon):
-    """Host pids of the processes named udhcpc serving veth1 in the daemon's namespace."""
-    return [pid for pid, _, args in harness.namespaces.processes_in_pid_namespace_of(daemon.pid)
-            if args and args[0] == "udhcpc" and "veth1" in args]
+    """Host pids of the processes named udhcpc serving veth1 in the daemon's namespace,
+    not counting their forked copies."""
+    found = [entry for entry in harness.namespaces.processes_in_pid_namespace_of(daemon.pid)
+             if entry[2] and entry[2][0] == "udhcpc" and "veth1" in entry[2]]
+    return [pid for pid, _, _ in harness.namespaces.without_forked_copies(found)]
 
 
 def find(entries, message):

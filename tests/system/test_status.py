@@ -172,8 +172,9 @@ class StatusTest(harness.DaemonTestCase):
             return True
 
         harness.wait_until(client_known, "the DHCP client's pid in the document", timeout=15)
-        clients = [inside for _, inside, args in harness.namespaces.processes_in_pid_namespace_of(daemon.pid)
-                   if args[0] == "udhcpc" and "veth1" in args]
+        clients = [inside for _, inside, args in harness.namespaces.without_forked_copies(
+            [entry for entry in harness.namespaces.processes_in_pid_namespace_of(daemon.pid)
+             if entry[2][0] == "udhcpc" and "veth1" in entry[2]])]
         self.assertEqual(len(clients), 1, daemon.namespace_processes())
         self.assertEqual(self.interface(self.document(), "veth1")["dhcp_client"], {"pid": clients[0], "starts": 1})
         self.assertIn("veth1 has no address in force", self.ctl_status(daemon, 1))

@@ -12,7 +12,7 @@ import subprocess
 from . import ROOT
 from .inotify import IN_OPEN, Watch
 from .logs import entries
-from .namespaces import processes_in_pid_namespace_of
+from .namespaces import processes_in_pid_namespace_of, without_forked_copies
 from .netlink import Netlink
 from .standins import install_stalling, recorded_times
 from .waiting import wait_until
@@ -219,8 +219,8 @@ class Lab:
 
     def udhcpc_clients(self):
         """{pid in the device: arguments} of the DHCP clients on the device (zombies excluded)."""
-        return {inside: args[1:] for _, inside, args in processes_in_pid_namespace_of(self.holder_pid())
-                if args[0] == "udhcpc"}
+        return {inside: args[1:] for _, inside, args in without_forked_copies(
+            [entry for entry in processes_in_pid_namespace_of(self.holder_pid()) if entry[2][0] == "udhcpc"])}
 
     def holder_pid(self):
         with open(self.env["HOLDER_PID_FILE"]) as f:

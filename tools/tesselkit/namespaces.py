@@ -96,3 +96,23 @@ def processes_in_pid_namespace_of(pid):
         if args:
             found.append((int(other), int(inside), [arg.decode() for arg in args.split(b"\0")[:-1]]))
     return found
+
+
+def parent_of(pid):
+    """The parent's pid of process `pid`, None when it has gone."""
+    try:
+        with open("/proc/%d/stat" % pid) as stat:
+            text = stat.read()
+    except OSError:
+        return None
+    # "pid (name) state ppid ...": the name may hold anything, so count from its last ')'.
+    return int(text[text.rindex(")") + 2:].split()[1])
+
+
+def without_forked_copies(processes):
+    """Of (host pid, ...) entries, those whose parent is not among them. A process
+    forked by another (a client running its script, a shell starting a command)
+    shows its parent's command line until it runs something else, and is not a
+    second client."""
+    pids = {entry[0] for entry in processes}
+    return [entry for entry in processes if parent_of(entry[0]) not in pids]
