@@ -122,6 +122,13 @@ bool StopRequested();
 bool StopGraceOver();
 // Forgets a stop request (for tests that request one).
 void ClearStopRequest();
+// Installs `handler` for the stop signals (SIGHUP, SIGINT, SIGTERM, SIGQUIT),
+// with all of them held off while it runs, so it is never re-entered.
+void InstallStopHandler(void (*handler)(int));
+// Blocks the stop signals: the daemon takes them only while it waits (its
+// pauses and running commands), so the handler, which logs, never lands in the
+// middle of a heap or log call.
+void BlockStopSignals();
 
 // One step of a piece of work: a command and whether the work needs it to
 // succeed. Steps that only clear what may not exist may fail.

@@ -50,11 +50,13 @@ PauseRunner& ActivePauseRunner() {
 }
 
 // The real monotonic clock: deadlines never follow a test's clock.
-int64_t SteadyMs() {
+int64_t SteadyNs() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
+
+int64_t SteadyMs() { return SteadyNs() / 1000000; }
 
 // When the grace after a stop request ends; INT64_MAX while none was requested.
 int64_t StopGraceEndMs() {
@@ -229,6 +231,31 @@ COMMAND_OUTCOME RunShellCommand(const std::string& command) {
     return outcome;
 }
 
+namespace {
+
+const int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM, SIGQUIT};
+
+}  // namespace
+
+void InstallStopHandler(void (*handler)(int)) {
+    // A second, different stop signal waits for the handler to finish instead of
+    // interrupting its log call; it is taken right after, and its exit code
+    // overwrites the first's.
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    for (int sig : kStopSignals) sigaddset(&action.sa_mask, sig);
+    action.sa_flags = SA_RESTART;
+    for (int sig : kStopSignals) sigaction(sig, &action, nullptr);
+}
+
+void BlockStopSignals() {
+    sigset_t stop;
+    sigemptyset(&stop);
+    for (int sig : kStopSignals) sigaddset(&stop, sig);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+}
+
 void RequestStop() { g_bStopRequested.store(true); }
 bool StopRequested() { return g_bStopRequested.load(); }
 bool StopGraceOver() { return SteadyMs() >= StopGraceEndMs(); }
@@ -270,19 +297,21 @@ PauseRunner SetPauseRunner(PauseRunner runner) { return std::exchange(ActivePaus
 
 void SleepLettingSignalsIn(unsigned int milliseconds) {
     // The whole period even when a signal is taken meanwhile (register pulses
-    // need their full width), unless a stop's grace runs out first.
+    // need their full width), unless a stop's grace runs out first. Counted in
+    // nanoseconds: whole milliseconds would let it end up to one early.
     sigset_t none;
     sigset_t previous;
     sigemptyset(&none);
     pthread_sigmask(SIG_SETMASK, &none, &previous);
-    const int64_t endMs = SteadyMs() + milliseconds;
+    const int64_t endNs = SteadyNs() + static_cast<int64_t>(milliseconds) * 1000000;
     for (;;) {
-        const int64_t nowMs = SteadyMs();
-        const int64_t untilMs = std::min(endMs, StopGraceEndMs());
-        if (nowMs >= untilMs) break;
+        const int64_t graceEndMs = StopGraceEndMs();
+        const int64_t untilNs = graceEndMs == INT64_MAX ? endNs : std::min(endNs, graceEndMs * 1000000);
+        const int64_t leftNs = untilNs - SteadyNs();
+        if (leftNs <= 0) break;
         timespec remaining{};
-        remaining.tv_sec = static_cast<time_t>((untilMs - nowMs) / 1000);
-        remaining.tv_nsec = static_cast<long>((untilMs - nowMs) % 1000) * 1000000L;
+        remaining.tv_sec = static_cast<time_t>(leftNs / 1000000000);
+        remaining.tv_nsec = static_cast<long>(leftNs % 1000000000);
         nanosleep(&remaining, nullptr);
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);

@@ -20,19 +20,6 @@ namespace {
 std::atomic<bool> m_bMainRunning{false};
 std::atomic<int> m_nExitCode{0};
 
-const int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM, SIGQUIT};
-
-// The stop signals stay blocked while the daemon works and are let in only while
-// it waits (its pauses and running commands), so the handler, which logs, never
-// lands in the middle of a heap or log call. A signal that arrives meanwhile
-// stays pending and is taken at the next wait of the same cycle.
-void BlockStopSignals() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    for (int sig : kStopSignals) sigaddset(&stop, sig);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-}
-
 }  // namespace
 
 void SigHandler(int sig) {
@@ -61,10 +48,7 @@ int main(int argc, char** argv) {
     // Raised before any handler can clear it: a stop signal taken while a start-up
     // command runs must not be undone when the loop is entered.
     m_bMainRunning = true;
-    signal(SIGHUP, SigHandler);
-    signal(SIGINT, SigHandler);
-    signal(SIGTERM, SigHandler);
-    signal(SIGQUIT, SigHandler);
+    InstallStopHandler(SigHandler);
     signal(SIGPIPE, SIG_IGN);
     BlockStopSignals();
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -238,6 +239,71 @@ TEST(RunStepTest, AStepThatMustSucceedStopsTheWorkWithAnErrorNamingIt) {
                                   "ERROR RunStep: Command failed (not started (Resource temporarily unavailable)): "
                                   "unstartable",
                               }));
+}
+
+// --- Stop signals and exact pauses ----------------------------------------------
+
+// What the handler saw: the signals in the order taken, and how deeply it was
+// nested at most.
+volatile sig_atomic_t g_nHandlerDepth = 0;
+volatile sig_atomic_t g_nHandlerMaxDepth = 0;
+volatile sig_atomic_t g_nTaken[4] = {0, 0, 0, 0};
+volatile sig_atomic_t g_nTakenCount = 0;
+
+void NestingHandler(int sig) {
+    ++g_nHandlerDepth;
+    if (g_nHandlerDepth > g_nHandlerMaxDepth) g_nHandlerMaxDepth = g_nHandlerDepth;
+    if (g_nTakenCount < 4) g_nTaken[g_nTakenCount++] = sig;
+    // A second, different stop signal while the first is handled.
+    if (sig == SIGHUP) raise(SIGTERM);
+    if (sig == SIGINT) raise(SIGQUIT);
+    --g_nHandlerDepth;
+}
+
+TEST(InstallStopHandlerTest, ASecondStopSignalWaitsForTheFirstHandlerToFinish) {
+    InstallStopHandler(NestingHandler);
+    raise(SIGHUP);
+    raise(SIGINT);
+    for (int sig : {SIGHUP, SIGINT, SIGTERM, SIGQUIT}) signal(sig, SIG_DFL);
+    EXPECT_EQ(g_nHandlerMaxDepth, 1);
+    ASSERT_EQ(g_nTakenCount, 4);
+    // Each second signal is taken right after the handler of the first returns.
+    EXPECT_EQ(g_nTaken[0], SIGHUP);
+    EXPECT_EQ(g_nTaken[1], SIGTERM);
+    EXPECT_EQ(g_nTaken[2], SIGINT);
+    EXPECT_EQ(g_nTaken[3], SIGQUIT);
+}
+
+void OnTimerSignal(int /*sig*/) {}
+
+TEST(SleepLettingSignalsInTest, APauseIsNeverShorterThanAsked) {
+    StopRequestGuard guard;
+    // Signals taken meanwhile (a child's end, an emulator's timers) wake the
+    // sleep early many times; the pause goes on to its full length all the same.
+    struct sigaction action {};
+    action.sa_handler = OnTimerSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGALRM, &action, nullptr);
+    itimerval every{};
+    every.it_interval.tv_usec = 300;
+    every.it_value.tv_usec = 300;
+    setitimer(ITIMER_REAL, &every, nullptr);
+    std::string shorter;
+    // Short pauses, where a millisecond cut off would show most often.
+    for (unsigned int i = 0; i < 200 && shorter.empty(); ++i) {
+        const unsigned int asked = 1 + i % 3;
+        const auto start = std::chrono::steady_clock::now();
+        SleepLettingSignalsIn(asked);
+        const auto took = std::chrono::steady_clock::now() - start;
+        if (took < std::chrono::milliseconds(asked)) {
+            shorter = "pause " + std::to_string(i) + " of " + std::to_string(asked) + " ms took " +
+                      std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(took).count()) + " us";
+        }
+    }
+    itimerval off{};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    signal(SIGALRM, SIG_DFL);
+    EXPECT_EQ(shorter, "");
 }
 
 }  // namespace
