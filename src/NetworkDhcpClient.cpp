@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,19 +69,28 @@ std::vector<std::string> ReadUdhcpcArguments(int directory, const char* path) {
     return UdhcpcArguments(bytes, static_cast<size_t>(count));
 }
 
-// The parent of a process from its stat line ("pid (comm) state ppid ..."), 0
-// when it cannot be read. The name may hold anything, so the fields are counted
-// from its last ')'.
-pid_t ParentOf(pid_t pid) {
+// The parent and the process group of a process from its stat line ("pid (comm)
+// state ppid pgrp ..."); false when it cannot be read. The name may hold
+// anything, so the fields are counted from its last ')'.
+bool ReadParentAndGroup(pid_t pid, pid_t& parent, pid_t& group) {
     UniqueFile file(fopen(("/proc/" + Util::Format("%ld", static_cast<long>(pid)) + "/stat").c_str(), "rb"));
-    if (!file) return 0;
+    if (!file) return false;
     char line[512];
     size_t count = fread(line, 1, sizeof line - 1, file.get());
     line[count] = '\0';
     const char* end = strrchr(line, ')');
-    long parent = 0;
-    if (end == nullptr || sscanf(end + 1, " %*c %ld", &parent) != 1) return 0;
-    return static_cast<pid_t>(parent);
+    long parentField = 0;
+    long groupField = 0;
+    if (end == nullptr || sscanf(end + 1, " %*c %ld %ld", &parentField, &groupField) != 2) return false;
+    parent = static_cast<pid_t>(parentField);
+    group = static_cast<pid_t>(groupField);
+    return true;
+}
+
+pid_t ParentOf(pid_t pid) {
+    pid_t parent = 0;
+    pid_t group = 0;
+    return ReadParentAndGroup(pid, parent, group) ? parent : 0;
 }
 
 // Whether the arguments of a udhcpc process name the interface; the name may
@@ -111,6 +121,32 @@ bool ForEachClient(const std::string& interfaceName, Found found) {
     return true;
 }
 
+// How long clients told to stop get to release their leases (a release packet
+// and the script's "deconfig"), and how long a killed one gets to be gone.
+constexpr unsigned int kClientReleaseWaitMs = 3000;
+constexpr unsigned int kClientKillWaitMs = 1000;
+
+int64_t SteadyNowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Waits until none of `pids` is a client of the interface any more (ended, a
+// zombie, or the pid taken by another program), `waitMs` at most, and less when
+// a stop's grace runs out. Returns those still there. Real time, not a pause of
+// the cycle: nothing waits when no client was running.
+std::vector<pid_t> WaitForClientsToGo(std::vector<pid_t> pids, const std::string& interfaceName, unsigned int waitMs) {
+    const int64_t endMs = SteadyNowMs() + waitMs;
+    for (;;) {
+        pids.erase(std::remove_if(pids.begin(), pids.end(),
+                                  [&interfaceName](pid_t pid) { return !IsDhcpClientOf(pid, interfaceName); }),
+                   pids.end());
+        if (pids.empty() || SteadyNowMs() >= endMs || StopGraceOver()) return pids;
+        SleepLettingSignalsIn(10);
+    }
+}
+
 }  // namespace
 
 void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int metric) {
@@ -123,6 +159,28 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
             LOGGING_SEVERITY_INFO, false,
             "Killing udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " + interfaceName);
         kill(pid, SIGTERM);
+    }
+    // A stopped client releases its lease and then reports "no lease" through its
+    // script; done after the next client's lease, that would take the address
+    // away. So the old ones go first, and one that does not is killed outright,
+    // with the script it may be running.
+    clients = WaitForClientsToGo(clients, interfaceName, kClientReleaseWaitMs);
+    // A daemon on its way out starts no new client; the next start stops these.
+    if (!clients.empty() && StopRequested()) return;
+    for (pid_t pid : clients) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                  "udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " + interfaceName +
+                      Util::Format(" did not stop within %u s, killing it", kClientReleaseWaitMs / 1000));
+        pid_t parent = 0;
+        pid_t group = 0;
+        // A daemonised client leads a process group of its own, its script in it.
+        const bool leadsGroup = ReadParentAndGroup(pid, parent, group) && group == pid;
+        kill(leadsGroup ? -pid : pid, SIGKILL);
+    }
+    for (pid_t pid : WaitForClientsToGo(clients, interfaceName, kClientKillWaitMs)) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                  "udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " + interfaceName +
+                      " is still there after SIGKILL");
     }
     // A lease the old client left behind must never be taken up by the next check.
     RunCommand("rm -f /tmp/dhcp_" + interfaceName + ".txt > /dev/null 2>&1");

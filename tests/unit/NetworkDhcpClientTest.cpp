@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -17,8 +18,10 @@
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/FakeClient.h"
+#include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -227,6 +230,85 @@ TEST(StopDhcpTest, UnreadableProcIsReportedAndTheLeaseFileStillRemoved) {
                          "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
                          "client ended by signal 0",
                      }));
+}
+
+// --- Waiting for stopped clients ---------------------------------------------------
+
+// Whether a StopDhcp call lasted within [low, high).
+testing::AssertionResult TookBetween(std::chrono::steady_clock::duration took, std::chrono::milliseconds low,
+                                     std::chrono::milliseconds high) {
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
+    if (took >= low && took < high) return testing::AssertionSuccess() << ms << " ms";
+    return testing::AssertionFailure() << "took " << ms << " ms, not within [" << low.count() << ", " << high.count()
+                                       << ") ms";
+}
+
+TEST(StopDhcpTest, AClientThatReleasesSlowlyIsGoneBeforeTheLeaseFileIsRemoved) {
+    const std::string name = UniqueName();
+    TempDir dir;
+    const std::string released = dir.Path("released");
+    // As a client started with -R does: on SIGTERM it releases the lease, then
+    // its script reports that there is none; here that takes 1.5 s.
+    FakeClient client("udhcpc", ClientArguments(name),
+                      "trap 'sleep 1.5; echo no lease > " + released + "; exit 0' TERM; read REPLY");
+    ASSERT_TRUE(client.Started());
+    LogCapture log;
+    CommandRecorder commands;
+    const auto start = std::chrono::steady_clock::now();
+    StopDhcp(name, 10);
+    const auto took = std::chrono::steady_clock::now() - start;
+    // Its last word was said before the lease file was removed and before any
+    // new client could start.
+    EXPECT_EQ(ReadFile(released), "no lease\n");
+    EXPECT_EQ(log.Timeline(),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
+                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+              }));
+    // Not a fixed wait: it ends when the client does (a generous upper bound for a busy machine).
+    EXPECT_TRUE(TookBetween(took, std::chrono::milliseconds(1500), std::chrono::milliseconds(2900)));
+    EXPECT_EQ(client.EndingSignal(), 0);
+}
+
+TEST(StopDhcpTest, AClientThatDoesNotStopIsKilledAfterThreeSeconds) {
+    const std::string name = UniqueName();
+    FakeClient client("udhcpc", ClientArguments(name), "trap '' TERM; read REPLY");
+    ASSERT_TRUE(client.Started());
+    LogCapture log;
+    CommandRecorder commands;
+    const auto start = std::chrono::steady_clock::now();
+    StopDhcp(name, 10);
+    const auto took = std::chrono::steady_clock::now() - start;
+    const std::string pid = std::to_string(client.Pid());
+    EXPECT_EQ(log.Timeline(), (Lines{
+                                  "INFO StopDhcp: Killing udhcpc pid " + pid + " for interface " + name,
+                                  "WARN StopDhcp: udhcpc pid " + pid + " for interface " + name +
+                                      " did not stop within 3 s, killing it",
+                                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+                              }));
+    EXPECT_TRUE(TookBetween(took, std::chrono::milliseconds(3000), std::chrono::milliseconds(6000)));
+    EXPECT_EQ(client.EndingSignal(), SIGKILL);
+}
+
+TEST(StopDhcpTest, AStopOfTheDaemonCutsTheWaitShortAndStartsNothing) {
+    const std::string name = UniqueName();
+    FakeClient client("udhcpc", ClientArguments(name), "trap '' TERM; read REPLY");
+    ASSERT_TRUE(client.Started());
+    LogCapture log;
+    CommandRecorder commands;
+    RequestStop();
+    const auto start = std::chrono::steady_clock::now();
+    StopDhcp(name, 10);
+    const auto took = std::chrono::steady_clock::now() - start;
+    ClearStopRequest();
+    // The stop's one-second grace, not the three seconds of the wait; the next
+    // start of the daemon stops the client.
+    EXPECT_EQ(log.Timeline(),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
+              }));
+    EXPECT_TRUE(TookBetween(took, std::chrono::milliseconds(900), std::chrono::milliseconds(2500)));
+    EXPECT_EQ(client.EndingSignal(), 0);
 }
 
 // --- Finding the client again ---------------------------------------------------
