@@ -30,12 +30,51 @@ def busybox_applets():
         return None
     directory = tempfile.mkdtemp(prefix="tessel-busybox-")
     atexit.register(shutil.rmtree, directory, True)
-    for applet in ("mktemp", "mv", "rm", "cat", "printf", "echo"):
+    for applet in APPLETS:
         os.symlink(busybox, os.path.join(directory, applet))
     return busybox, directory
 
 
+# What the script may run, with the options BusyBox 1.22 (2014) gave each: the
+# oldest BusyBox the device may have. mv -T, for one, came only with 1.34.
+OLD_OPTIONS = {"mktemp": "dqtp", "mv": "fin", "rm": "fir", "rmdir": "p", "cat": "u", "printf": "", "echo": "neE"}
+APPLETS = tuple(OLD_OPTIONS)
+
+OLD_APPLET = """#!/bin/sh
+# BusyBox's @APPLET@, refusing any option BusyBox 1.22 did not have.
+for argument; do
+    case "$argument" in
+    --) break ;;
+    -?*) letters=${argument#-}
+         while [ -n "$letters" ]; do
+             rest=${letters#?}; letter=${letters%"$rest"}; letters=$rest
+             case "@OPTIONS@" in
+             *"$letter"*) ;;
+             *) echo "@APPLET@: invalid option -- '$letter'" >&2; exit 1 ;;
+             esac
+         done ;;
+    *) break ;;
+    esac
+done
+exec @BUSYBOX@ @APPLET@ "$@"
+"""
+
+
+def old_busybox_applets(busybox):
+    """A directory of the script's applets as BusyBox 1.22 had them."""
+    directory = tempfile.mkdtemp(prefix="tessel-busybox-1.22-")
+    atexit.register(shutil.rmtree, directory, True)
+    for applet, options in OLD_OPTIONS.items():
+        path = os.path.join(directory, applet)
+        with open(path, "w") as out:
+            out.write(OLD_APPLET.replace("@APPLET@", applet).replace("@OPTIONS@", options or "-")
+                      .replace("@BUSYBOX@", busybox))
+        os.chmod(path, 0o755)
+    return directory
+
+
 BUSYBOX = busybox_applets()
+OLD_BUSYBOX = old_busybox_applets(BUSYBOX[0]) if BUSYBOX else None
 
 
 def shells():
@@ -47,6 +86,7 @@ def shells():
             found.append(([path], PATH))
     if BUSYBOX:
         found.append(([BUSYBOX[0], "sh"], BUSYBOX[1]))
+        found.append(([BUSYBOX[0], "sh"], OLD_BUSYBOX))
     return found
 
 
@@ -240,6 +280,39 @@ class TesselScriptTest(unittest.TestCase):
                 self.assert_refused(shell, "a directory")
                 self.assertEqual([], os.listdir(self.lease))
                 os.rmdir(self.lease)
+
+    def test_directory_made_at_the_lease_path_just_before_the_move_gets_nothing(self):
+        # The worst moment: a directory (or a link to one) appears after the
+        # script's check, as the file is moved. An mv that plants it first stands
+        # in for the other user.
+        for shell in shells():
+            for kind in ("directory", "link to a directory"):
+                with self.subTest(shell=shell[0], planted=kind):
+                    self.cleanup()
+                    directory = self.lease + ".victim"
+                    os.mkdir(directory)
+                    planting = tempfile.mkdtemp(prefix="tessel-planting-")
+                    self.addCleanup(shutil.rmtree, planting, True)
+                    plant = ('/bin/mkdir "%s"' % self.lease) if kind == "directory" else (
+                        '/bin/ln -s "%s" "%s"' % (directory, self.lease))
+                    with open(os.path.join(planting, "mv"), "w") as out:
+                        out.write('#!/bin/sh\nPATH=%s\n%s\nexec mv "$@"\n' % (shell[1], plant))
+                    os.chmod(os.path.join(planting, "mv"), 0o755)
+                    result = self.run_script((shell[0], planting + ":" + shell[1]), "bound", **self.bound_env())
+                    # Nothing lands in the directory, by any name.
+                    self.assertEqual([], os.listdir(directory))
+                    if kind == "directory":
+                        self.assertNotEqual(0, result.returncode, "claimed success")
+                        self.assertEqual([], os.listdir(self.lease))
+                        os.rmdir(self.lease)
+                    else:
+                        # The rename replaces the link itself, never what it points at.
+                        self.assertEqual(0, result.returncode, result.stderr)
+                        self.assertFalse(os.path.islink(self.lease))
+                        self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n",
+                                         self.read_lease())
+                    self.assertEqual([], [path for path in self.leftovers() if path != directory])
+                    shutil.rmtree(directory)
 
     def test_fifo_at_the_lease_path_neither_blocks_nor_is_replaced(self):
         for shell in shells():
