@@ -25,6 +25,7 @@ expected="-rwxr-xr-x etc/init.d/tessel-networkd
 -rwxr-xr-x usr/bin/tessel-netcheck
 -rwxr-xr-x usr/bin/tessel-networkctl
 -rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
+-rw-r--r-- usr/lib/tmpfiles.d/tessel-networkd.conf
 -rwxr-xr-x usr/sbin/tessel-networkd
 -rw-r--r-- usr/share/doc/tessel-networkd/changelog.gz
 -rw-r--r-- usr/share/doc/tessel-networkd/copyright
@@ -86,6 +87,7 @@ done
 unit=$stage/usr/lib/systemd/system/tessel-networkd.service
 for line in "Type=notify" "NotifyAccess=main" "WatchdogSec=60" \
     "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
+    "ExecStartPre=+systemd-tmpfiles --create tessel-networkd.conf" \
     "Restart=always" "KillSignal=SIGTERM" "KillMode=process" \
     "RuntimeDirectory=tessel-networkd" "RuntimeDirectoryMode=0755" "RuntimeDirectoryPreserve=yes"; do
     grep -qx -- "$line" "$unit" || fail "unit lacks the line: $line"
@@ -97,6 +99,16 @@ if command -v systemd-analyze >/dev/null; then
     sed "s#=/usr/sbin/#=$stage/usr/sbin/#" "$unit" >"$check"
     verdict=$(systemd-analyze verify "$check" 2>&1)
     [ -z "$verdict" ] || fail "systemd-analyze verify: $verdict"
+fi
+
+# The legacy iptables' lock file, made at boot, which systemd-tmpfiles accepts.
+tmpfiles=$stage/usr/lib/tmpfiles.d/tessel-networkd.conf
+grep -qx 'f /run/xtables.lock 0600 root root -' "$tmpfiles" || fail "tmpfiles entry of /run/xtables.lock"
+if command -v systemd-tmpfiles >/dev/null; then
+    made=$stage/tmpfiles-root
+    mkdir -p "$made/run"
+    verdict=$(systemd-tmpfiles --root="$made" --create "$tmpfiles" 2>&1) || fail "systemd-tmpfiles: $verdict"
+    [ "$(stat -c %a "$made/run/xtables.lock" 2>/dev/null)" = 600 ] || fail "systemd-tmpfiles made no /run/xtables.lock"
 fi
 
 # The init script names the installed paths and parses under every shell at hand.
