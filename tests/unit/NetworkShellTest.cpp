@@ -174,7 +174,9 @@ TEST(RunShellCommandTest, StopRequestEndsAHangingCommandGroupAfterTheGraceAndSta
     EXPECT_FALSE(hung.m_bExited);
     EXPECT_EQ(hung.m_nStatus, SIGTERM);
     EXPECT_FALSE(hung.m_bTimedOut);
-    EXPECT_LT(elapsed, std::chrono::milliseconds(1500));
+    // About the grace and a moment (1 s); far from the 30 s it would hang,
+    // however slow the machine or an emulator.
+    EXPECT_LT(elapsed, std::chrono::milliseconds(5000));
     long child = std::stol(ReadFile(dir.Path("child")));
     // The background sleep went with the group: gone, or a zombie, within moments.
     std::string stat;
@@ -191,7 +193,8 @@ TEST(RunShellCommandTest, StopRequestEndsAHangingCommandGroupAfterTheGraceAndSta
     EXPECT_NE(access(dir.Path("late").c_str(), F_OK), 0);
     start = std::chrono::steady_clock::now();
     SleepLettingSignalsIn(1000);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+    // At once, not after the second asked for (slow machines need a margin).
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
 }
 
 TEST(SleepLettingSignalsInTest, PauseEndsWhenAStopsGraceRunsOut) {
@@ -203,8 +206,11 @@ TEST(SleepLettingSignalsInTest, PauseEndsWhenAStopsGraceRunsOut) {
     start = std::chrono::steady_clock::now();
     SleepLettingSignalsIn(5000);
     auto elapsed = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(elapsed, std::chrono::milliseconds(900));
-    EXPECT_LT(elapsed, std::chrono::milliseconds(1300));
+    // The one-second grace, counted from when the stop was first noticed, in
+    // whole milliseconds; well before the 5 s asked and within the 3 s a stop
+    // may take.
+    EXPECT_GE(elapsed, std::chrono::milliseconds(990));
+    EXPECT_LT(elapsed, std::chrono::milliseconds(3000));
 }
 
 // --- Steps ------------------------------------------------------------------------
