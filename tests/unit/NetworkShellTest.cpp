@@ -261,15 +261,15 @@ void NestingHandler(int sig) {
     if (g_nHandlerDepth > g_nHandlerMaxDepth) g_nHandlerMaxDepth = g_nHandlerDepth;
     if (g_nTakenCount < 4) g_nTaken[g_nTakenCount++] = sig;
     // A second, different stop signal while the first is handled.
-    if (sig == SIGHUP) raise(SIGTERM);
-    if (sig == SIGINT) raise(SIGQUIT);
+    if (sig == SIGHUP) kill(getpid(), SIGTERM);
+    if (sig == SIGINT) kill(getpid(), SIGQUIT);
     --g_nHandlerDepth;
 }
 
 TEST(InstallStopHandlerTest, ASecondStopSignalWaitsForTheFirstHandlerToFinish) {
     InstallStopHandler(NestingHandler);
-    raise(SIGHUP);
-    raise(SIGINT);
+    kill(getpid(), SIGHUP);
+    kill(getpid(), SIGINT);
     for (int sig : {SIGHUP, SIGINT, SIGTERM, SIGQUIT}) signal(sig, SIG_DFL);
     EXPECT_EQ(g_nHandlerMaxDepth, 1);
     ASSERT_EQ(g_nTakenCount, 4);
