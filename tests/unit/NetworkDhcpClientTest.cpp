@@ -258,6 +258,21 @@ testing::AssertionResult TookBetween(std::chrono::steady_clock::duration took, s
                                        << ") ms";
 }
 
+// What one StopDhcp call logged and ran, and how long it took.
+struct TIMED_STOP {
+    Lines m_timeline;
+    std::chrono::steady_clock::duration m_took;
+};
+
+TIMED_STOP TimedStopDhcp(const std::string& interfaceName) {
+    LogCapture log;
+    CommandRecorder commands;
+    const auto start = std::chrono::steady_clock::now();
+    StopDhcp(interfaceName, 10);
+    const auto took = std::chrono::steady_clock::now() - start;
+    return TIMED_STOP{log.Timeline(), took};
+}
+
 TEST(StopDhcpTest, AClientThatReleasesSlowlyIsGoneBeforeTheLeaseFileIsRemoved) {
     const std::string name = UniqueName();
     TempDir dir;
@@ -268,22 +283,18 @@ TEST(StopDhcpTest, AClientThatReleasesSlowlyIsGoneBeforeTheLeaseFileIsRemoved) {
                       TrappingScript("sleep 1.5; echo no lease > " + released + "; exit 0", dir.Path("ready")));
     ASSERT_TRUE(client.Started());
     ASSERT_TRUE(AppearsWithin10s(dir.Path("ready")));
-    LogCapture log;
-    CommandRecorder commands;
-    const auto start = std::chrono::steady_clock::now();
-    StopDhcp(name, 10);
-    const auto took = std::chrono::steady_clock::now() - start;
+    const TIMED_STOP stop = TimedStopDhcp(name);
     // Its last word was said before the lease file was removed and before any
     // new client could start.
     EXPECT_EQ(ReadFile(released), "no lease\n");
-    EXPECT_EQ(log.Timeline(),
+    EXPECT_EQ(stop.m_timeline,
               (Lines{
                   "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
                   "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
               }));
     // It ended when the client did: after its 1.5 s, and (no WARN above) before
     // the 3 s after which it would have been killed.
-    EXPECT_GE(took, std::chrono::milliseconds(1500));
+    EXPECT_GE(stop.m_took, std::chrono::milliseconds(1500));
     EXPECT_EQ(client.EndingSignal(), 0);
 }
 
@@ -293,19 +304,15 @@ TEST(StopDhcpTest, AClientThatDoesNotStopIsKilledAfterThreeSeconds) {
     FakeClient client("udhcpc", ClientArguments(name), TrappingScript("", dir.Path("ready")));
     ASSERT_TRUE(client.Started());
     ASSERT_TRUE(AppearsWithin10s(dir.Path("ready")));
-    LogCapture log;
-    CommandRecorder commands;
-    const auto start = std::chrono::steady_clock::now();
-    StopDhcp(name, 10);
-    const auto took = std::chrono::steady_clock::now() - start;
+    const TIMED_STOP stop = TimedStopDhcp(name);
     const std::string pid = std::to_string(client.Pid());
-    EXPECT_EQ(log.Timeline(), (Lines{
-                                  "INFO StopDhcp: Killing udhcpc pid " + pid + " for interface " + name,
-                                  "WARN StopDhcp: udhcpc pid " + pid + " for interface " + name +
-                                      " did not stop within 3 s, killing it",
-                                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
-                              }));
-    EXPECT_TRUE(TookBetween(took, std::chrono::milliseconds(3000), std::chrono::milliseconds(6000)));
+    EXPECT_EQ(stop.m_timeline, (Lines{
+                                   "INFO StopDhcp: Killing udhcpc pid " + pid + " for interface " + name,
+                                   "WARN StopDhcp: udhcpc pid " + pid + " for interface " + name +
+                                       " did not stop within 3 s, killing it",
+                                   "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+                               }));
+    EXPECT_TRUE(TookBetween(stop.m_took, std::chrono::milliseconds(3000), std::chrono::milliseconds(6000)));
     EXPECT_EQ(client.EndingSignal(), SIGKILL);
 }
 
@@ -315,20 +322,16 @@ TEST(StopDhcpTest, AStopOfTheDaemonCutsTheWaitShortAndStartsNothing) {
     FakeClient client("udhcpc", ClientArguments(name), TrappingScript("", dir.Path("ready")));
     ASSERT_TRUE(client.Started());
     ASSERT_TRUE(AppearsWithin10s(dir.Path("ready")));
-    LogCapture log;
-    CommandRecorder commands;
     RequestStop();
-    const auto start = std::chrono::steady_clock::now();
-    StopDhcp(name, 10);
-    const auto took = std::chrono::steady_clock::now() - start;
+    const TIMED_STOP stop = TimedStopDhcp(name);
     ClearStopRequest();
     // The stop's one-second grace, not the three seconds of the wait; the next
     // start of the daemon stops the client.
-    EXPECT_EQ(log.Timeline(),
+    EXPECT_EQ(stop.m_timeline,
               (Lines{
                   "INFO StopDhcp: Killing udhcpc pid " + std::to_string(client.Pid()) + " for interface " + name,
               }));
-    EXPECT_TRUE(TookBetween(took, std::chrono::milliseconds(900), std::chrono::milliseconds(2500)));
+    EXPECT_TRUE(TookBetween(stop.m_took, std::chrono::milliseconds(900), std::chrono::milliseconds(2500)));
     EXPECT_EQ(client.EndingSignal(), 0);
 }
 
