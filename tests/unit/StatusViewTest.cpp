@@ -1,4 +1,4 @@
-#include "tools/networkctl/StatusView.h"
+#include "ctl/StatusView.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

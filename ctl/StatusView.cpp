@@ -1,5 +1,5 @@
 // The status document read for people and for the exit status.
-#include "tools/networkctl/StatusView.h"
+#include "ctl/StatusView.h"
 
 #include <algorithm>
 #include <cstdio>

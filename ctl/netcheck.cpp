@@ -4,7 +4,7 @@
 // Exit status: 0 usable, 1 not usable, 2 the file cannot be read.
 #include <cstdio>
 
-#include "tools/netcheck/ConfigCheck.h"
+#include "ctl/ConfigCheck.h"
 
 int main(int argc, char** argv) {
     if (argc != 2 || argv[1][0] == '-') {

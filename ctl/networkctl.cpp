@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "ctl/ConfigCheck.h"
+#include "ctl/StatusView.h"
 #include "src/NetworkStatus.h"
-#include "tools/netcheck/ConfigCheck.h"
-#include "tools/networkctl/StatusView.h"
 
 namespace {
 

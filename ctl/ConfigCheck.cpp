@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "ctl/ConfigCheck.h"
 #include "logging/Logging.h"
 #include "src/Network.h"
-#include "tools/netcheck/ConfigCheck.h"
 
 namespace {
 
