@@ -1,6 +1,9 @@
-"""Shared support of the lab tests: the lab (tools/lab) as a Python object, waiting
-by polling, and raw frames sent and captured on the lab's interfaces, all from
-the toolkit (tools/tesselkit); the lab's layout comes from `tools/lab env`.
+"""Shared support of the lab tests: the tests' lab (tools/lab) as a Python
+object and waiting by polling, built on the toolkit (tools/tesselkit), which
+the tests import directly for the rest (frames, file events, the device's
+facts); the lab's layout comes from `tools/lab env`. The daemon and the
+operator command are TESSEL_DAEMON and TESSEL_CTL, the toolkit is on
+PYTHONPATH: CTest sets them (tests/CMakeLists.txt).
 
 Each test module builds a fresh lab in setUpModule and removes it in
 tearDownModule (also after a failure); a test that changes the lab puts back
@@ -11,27 +14,19 @@ import os
 import sys
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
-
-from tesselkit import ROOT, lab
-from tesselkit.device import REGISTER_SEQUENCE, TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
-from tesselkit.frames import (BROADCAST, Port, arp_frame, arp_match, icmp_echo_frame, marker_match,
-                              parse_arp, settle)
-from tesselkit.inotify import IN_CREATE, IN_DELETE, IN_MOVED_FROM, IN_MOVED_TO, IN_OPEN, Watch as DirWatch
-from tesselkit.isolation import check as check_isolation
-from tesselkit.lab import run
+try:
+    from tesselkit import lab
+except ModuleNotFoundError as missing:
+    sys.exit("labtest: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
 from tesselkit.waiting import wait_until
 
-# What the test files use, the toolkit's names included.
-__all__ = ["BROADCAST", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "DirWatch", "IN_CREATE", "IN_DELETE", "IN_MOVED_FROM", "IN_MOVED_TO",
-           "IN_OPEN", "LAB_NAME", "Lab", "LabTestCase", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Port",
-           "REGISTER_SEQUENCE", "ROOT", "TWO_PORT_CONFIG", "VETH3_ADDR", "VETH3_MAC", "arp_frame", "arp_match",
-           "check_isolation", "icmp_echo_frame", "lab_module", "main", "marker_match", "parse_arp", "run", "settle",
-           "unavailable_reason", "wait_for"]
+__all__ = ["CTL", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "LAB_NAME", "Lab", "LabTestCase", "PEER0_ADDR", "PEER0_MAC",
+           "PEER1_ADDR", "lab_module", "main", "unavailable_reason", "wait_for"]
 
 # Tests use a lab of their own name, so a demo left running (tools/demo --keep) stays untouched.
 LAB_NAME = os.environ.get("TESSEL_LAB", "tessel-labtest")
-DAEMON = os.environ.get("TESSEL_LAB_DAEMON", os.path.join(ROOT, "build", "tessel-networkd"))
+DAEMON = os.environ.get("TESSEL_DAEMON")
+CTL = os.environ.get("TESSEL_CTL")  # the operator command, copied into the lab with the daemon
 
 _LAYOUT = lab.layout(LAB_NAME)
 PEER0_ADDR = _LAYOUT["PEER0_ADDR"]  # host on eth0's side, the second internal network
@@ -48,6 +43,9 @@ def unavailable_reason():
 
 def main():
     """Runs the module's tests; exit 77 (skipped) where no lab can be built."""
+    for variable, value in (("TESSEL_DAEMON", DAEMON), ("TESSEL_CTL", CTL)):
+        if not value:
+            sys.exit("lab test: %s is not set (CTest sets it; see README)" % variable)
     why = unavailable_reason()
     if why:
         if os.environ.get("TESSEL_REQUIRE_LAB") == "1":
@@ -65,10 +63,10 @@ def wait_for(condition, timeout, what, interval=0.05):
 
 
 class Lab(lab.Lab):
-    """The tests' lab: TESSEL_LAB's (default tessel-labtest), running TESSEL_LAB_DAEMON."""
+    """The tests' lab: TESSEL_LAB's (default tessel-labtest), running TESSEL_DAEMON."""
 
-    def __init__(self, name=LAB_NAME, daemon=DAEMON):
-        super().__init__(name, daemon)
+    def __init__(self, name=LAB_NAME, daemon=DAEMON, ctl=CTL):
+        super().__init__(name, daemon, ctl)
 
 
 class LabTestCase(unittest.TestCase):

@@ -11,7 +11,11 @@ import subprocess
 import tempfile
 import unittest
 
-from labtest import DAEMON, LAB_NAME, ROOT, VETH3_ADDR, main, run
+from tesselkit import ROOT
+from tesselkit.device import VETH3_ADDR
+from tesselkit.lab import run
+
+from labtest import DAEMON, LAB_NAME, main
 
 WRAPPER = """#!/bin/sh
 # Changes into the caller's directory first, as pyenv's shims do.

@@ -8,7 +8,10 @@ import os
 import signal
 import time
 
-from labtest import (PEER1_ADDR, TWO_PORT_CONFIG, VETH3_ADDR, LabTestCase, check_isolation, main, wait_for)
+from tesselkit import isolation
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 
 class KilledMidBuildTest(LabTestCase):
@@ -58,7 +61,7 @@ class KilledMidBuildTest(LabTestCase):
         # No command failed (the lab has no PHY driver file, which the first cycle reports).
         self.assertEqual([], [e for e in self.lab.log_entries_since(mark)
                               if e.level == "ERROR" and e.function != "SetEthernetPhyMode"])
-        self.assertEqual(0, check_isolation(self.lab), "isolation checks failed (see above)")
+        self.assertEqual(0, isolation.check(self.lab), "isolation checks failed (see above)")
 
 
 if __name__ == "__main__":

@@ -18,8 +18,11 @@ import signal
 import time
 import unittest
 
-from labtest import (LAB_NAME, PEER1_ADDR, TWO_PORT_CONFIG, VETH3_ADDR, Lab, check_isolation, main, run, wait_for)
-from tesselkit.device import DHCP_CLIENT_ARGS
+from tesselkit import isolation
+from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.lab import run
+
+from labtest import LAB_NAME, PEER1_ADDR, Lab, main, wait_for
 
 SOAK_SECONDS = float(os.environ.get("TESSEL_SOAK_SECONDS", "600"))
 SAMPLE_EVERY = 30
@@ -197,7 +200,7 @@ class SoakTest(unittest.TestCase):
 
         # The same daemon, in the final configuration, isolating.
         self.assertEqual(pid, lab.daemon_pid())
-        self.assertEqual(0, check_isolation(lab), "isolation checks failed (see above)")
+        self.assertEqual(0, isolation.check(lab), "isolation checks failed (see above)")
         # Nothing left over on the device but the daemon and veth1's client.
         holder = lab.holder_pid()
         left = [args for host, _, args in lab.device_processes() if host not in (holder, pid)]

@@ -10,7 +10,10 @@ at all, while the legacy one waits for /run/xtables.lock (by default, with no
 -w, since iptables 1.8.9), which any other program changing the rules holds."""
 import time
 
-from labtest import (PEER1_ADDR, TWO_PORT_CONFIG, VETH3_ADDR, LabTestCase, check_isolation, main, wait_for)
+from tesselkit import isolation
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 DEADLINE_S = 20  # of every command the daemon runs
 
@@ -72,7 +75,7 @@ class XtablesLockTest(LabTestCase):
         self.lab.wait_for_lease()
         wait_for(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)
-        self.assertEqual(0, check_isolation(self.lab), "isolation checks failed (see above)")
+        self.assertEqual(0, isolation.check(self.lab), "isolation checks failed (see above)")
 
 
 if __name__ == "__main__":

@@ -6,7 +6,9 @@ it, eth0's link. Stopped, the daemon is reported as not running."""
 import json
 import re
 
-from labtest import TWO_PORT_CONFIG, VETH3_ADDR, LabTestCase, main, wait_for
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+
+from labtest import LabTestCase, main, wait_for
 
 
 class StatusOnTheDeviceTest(LabTestCase):

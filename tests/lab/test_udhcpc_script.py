@@ -4,7 +4,9 @@ daemon: the lease files it leaves on the device for a lease, a renewal and a
 release, exactly as the daemon reads them."""
 import re
 
-from labtest import IN_MOVED_TO, PEER1_ADDR, LabTestCase, main, wait_for
+from tesselkit.inotify import IN_MOVED_TO
+
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 LEASE = "/tmp/dhcp_eth1.txt"
 

@@ -7,7 +7,10 @@ entry, iptables exits 4 ("can't open lock file /run/xtables.lock: Read-only
 file system") and the build stops at "iptables -F" for good."""
 import os
 
-from labtest import (PEER1_ADDR, ROOT, TWO_PORT_CONFIG, VETH3_ADDR, LabTestCase, check_isolation, main, wait_for)
+from tesselkit import ROOT, isolation
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 TMPFILES = os.path.join(ROOT, "dist", "tmpfiles.d", "tessel-networkd.conf")
 
@@ -44,7 +47,7 @@ class ReadOnlyRunTest(LabTestCase):
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)
         # The status document went to the unit's runtime directory all the same.
         wait_for(lambda: self.lab.status_document(), 10, "the status document")
-        self.assertEqual(0, check_isolation(self.lab), "isolation checks failed (see above)")
+        self.assertEqual(0, isolation.check(self.lab), "isolation checks failed (see above)")
 
 
 if __name__ == "__main__":

@@ -28,6 +28,11 @@ status. The daemon is therefore not pid 1 and gets the ordinary signal
 semantics. When the daemon ends, the init ends, and the kernel ends whatever else
 ran in the namespace (stand-ins left running, for instance).
 
+The paths come from the environment, which CTest sets for every test
+(tests/CMakeLists.txt): TESSEL_DAEMON (the daemon), TESSEL_CTL (the operator
+command), TESSEL_EMULATOR (a cross build's emulator) and PYTHONPATH (the
+toolkit, the source's tools/).
+
 The real network tools are never run in the test machine's own namespace: the
 daemon only finds stand-ins on its PATH, and Daemon.ns_run() refuses to run
 anything unless the daemon's network namespace differs from ours.
@@ -36,7 +41,6 @@ The machinery shared with the lab tests and the tools (stand-ins, waiting,
 namespaces, log lines) is the toolkit's (tools/tesselkit).
 """
 
-import argparse
 import ctypes
 import json
 import os
@@ -52,27 +56,25 @@ import tempfile
 import threading
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
-
-from tesselkit import device, namespaces, standins, waiting
-from tesselkit.logs import LOG_LINE, LogEntry, parse_log_line
+try:
+    from tesselkit import device, namespaces, standins, waiting
+except ModuleNotFoundError as missing:
+    sys.exit("harness: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
+from tesselkit.logs import parse_log_line
 from tesselkit.namespaces import real_tool
 
-__all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "DHCP_CLIENT_ARGS", "Daemon", "DaemonTestCase", "EMULATOR", "LINGER_SCRIPT",
-           "LOG_LINE", "LogEntry", "POLL_INTERVAL", "SETUP_FAILED", "STANDIN_SCRIPT", "STANDIN_TOOLS", "Sandbox",
-           "TIMEOUT", "main", "namespaces_unavailable_reason", "parse_log_line", "real_tool", "run_cycles_in_step",
-           "wait_until"]
+__all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "Daemon", "DaemonTestCase", "EMULATOR", "POLL_INTERVAL", "Sandbox",
+           "TIMEOUT", "main", "run_cycles_in_step", "wait_until"]
 
 # Generous: the machine may be busy; a poll returns as soon as its condition holds.
 TIMEOUT = float(os.environ.get("TESSEL_TEST_TIMEOUT", "20"))
 POLL_INTERVAL = 0.02
 
-STANDIN_TOOLS = device.TOOLS
 CMDLINE = "console=ttyS0,115200 mac=02:00:00:00:00:42 rootwait\n"
 SETUP_FAILED = 97  # the init's own status when the namespace could not be prepared
 
-DAEMON_PATH = os.environ.get("TESSEL_DAEMON")  # or --daemon on the test's command line
-CTL_PATH = os.environ.get("TESSEL_CTL")  # the operator command, or --ctl
+DAEMON_PATH = os.environ.get("TESSEL_DAEMON")
+CTL_PATH = os.environ.get("TESSEL_CTL")  # the operator command
 
 # A cross-built daemon runs through its emulator ("qemu-arm -L /usr/arm-linux-gnueabihf");
 # the stand-ins stay shell scripts of this machine.
@@ -83,16 +85,6 @@ def wait_until(condition, what, timeout=None):
     `what` names the awaited state for the failure message; a callable is asked only then."""
     return waiting.wait_until(condition, what, TIMEOUT if timeout is None else timeout, POLL_INTERVAL)
 
-
-def namespaces_unavailable_reason():
-    """Empty when this process can create the daemon's namespaces, else why not."""
-    return namespaces.unavailable_reason()
-
-
-# The stand-ins of the device's tools, steered by files in the work directory
-# (tesselkit.standins.CONTROLLED tells which).
-STANDIN_SCRIPT = standins.CONTROLLED
-LINGER_SCRIPT = standins.LINGER
 
 # A DHCP client left over from an earlier run of the daemon. It lies in clients/ under the
 # name of its interface and is started from there as
@@ -122,8 +114,6 @@ note("READY")
 while True:
     time.sleep(1)
 """
-
-DHCP_CLIENT_ARGS = device.DHCP_CLIENT_ARGS
 
 # The namespace's init. Arguments: the daemon and its arguments.
 INIT_SCRIPT = r"""
@@ -245,7 +235,7 @@ class Sandbox:
         if CTL_PATH:
             self.ctl_path = os.path.join(self.work, "tessel-networkctl")
             shutil.copy2(CTL_PATH, self.ctl_path)
-        standins.install_controlled(self.work, STANDIN_TOOLS)
+        standins.install_controlled(self.work, device.TOOLS)
         self._write("cmdline", CMDLINE)
 
     def path(self, *parts):
@@ -344,7 +334,7 @@ class Sandbox:
 
     def _ctl(self):
         if self.ctl_path is None:
-            raise AssertionError("no operator command given (--ctl PATH or TESSEL_CTL)")
+            raise AssertionError("no operator command: TESSEL_CTL is not set (CTest sets it; see README)")
         return self.ctl_path
 
     def set_linger(self, tool, linger=True):
@@ -400,7 +390,7 @@ class Sandbox:
             self._write(os.path.join("clients", name), LEFTOVER_CLIENT)
             lines.append(
                 '(cd "$TESSEL_WORK/clients" && exec bash -c \'exec -a udhcpc "$0" -i {0} {1}\' {2}) '
-                "< /dev/null > /dev/null 2>&1 &".format(name, DHCP_CLIENT_ARGS, quoted_python)
+                "< /dev/null > /dev/null 2>&1 &".format(name, device.DHCP_CLIENT_ARGS, quoted_python)
             )
         lines.append(
             'tries=0; until [ "$(grep -c ^READY "$TESSEL_WORK/clients/clients.log" 2>/dev/null)" = {0} ]; do '
@@ -674,13 +664,13 @@ class DaemonTestCase(unittest.TestCase):
     TESSEL_REQUIRE_NAMESPACES=1) where the namespaces cannot be had."""
 
     def setUp(self):
-        reason = namespaces_unavailable_reason()
+        reason = namespaces.unavailable_reason()
         if reason:
             if os.environ.get("TESSEL_REQUIRE_NAMESPACES") == "1":
                 self.fail(reason + " (TESSEL_REQUIRE_NAMESPACES=1)")
             self.skipTest(reason)
         if not DAEMON_PATH:
-            self.fail("no daemon given (--daemon PATH or TESSEL_DAEMON)")
+            self.fail("no daemon: TESSEL_DAEMON is not set (CTest sets it; see README)")
         self.sandbox = Sandbox(DAEMON_PATH)
         self.addCleanup(self.sandbox.cleanup)
 
@@ -696,14 +686,5 @@ class DaemonTestCase(unittest.TestCase):
 
 
 def main():
-    """Entry point of a test file: takes --daemon PATH and --ctl PATH, passes the rest to unittest."""
-    global DAEMON_PATH, CTL_PATH
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument("--daemon")
-    parser.add_argument("--ctl")
-    known, rest = parser.parse_known_args()
-    if known.daemon:
-        DAEMON_PATH = os.path.abspath(known.daemon)
-    if known.ctl:
-        CTL_PATH = os.path.abspath(known.ctl)
-    unittest.main(argv=[sys.argv[0]] + rest)
+    """Entry point of a test file: its arguments go to unittest."""
+    unittest.main()

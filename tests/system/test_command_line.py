@@ -1,5 +1,7 @@
 """The daemon's command line: usage on --help, status 1 and usage on a rejected line."""
 
+from tesselkit.logs import parse_log_line
+
 import harness
 
 # What ShowUsage prints after its one-line banner.
@@ -24,13 +26,13 @@ class CommandLineTest(harness.DaemonTestCase):
         """The start line, the banner, the usage text, and nothing else."""
         lines = output.split("\n", 2)
         self.assertEqual(len(lines), 3, output)
-        start = harness.parse_log_line(lines[0])
+        start = parse_log_line(lines[0])
         self.assertIsNotNone(start, output)
         self.assertEqual((start.level, start.file, start.function, start.message),
                          ("INFO", "src/main.cpp", "main", "tessel-networkd starting"))
         banner = lines[1]
         self.assertNotEqual(banner.strip(), "", output)
-        self.assertIsNone(harness.parse_log_line(banner), output)
+        self.assertIsNone(parse_log_line(banner), output)
         self.assertFalse(banner.startswith("Usage:"), output)
         self.assertEqual(lines[2], USAGE)
 

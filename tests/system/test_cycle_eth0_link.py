@@ -2,6 +2,8 @@
 daemon's namespace) changed from outside while the daemon runs: up, administratively
 down, up without carrier, and gone."""
 
+from tesselkit.namespaces import real_tool
+
 import harness
 from expected_commands import BRIDGE_ETH0, REGISTER_WRITES, START_UP
 
@@ -28,7 +30,7 @@ class Eth0LinkTest(harness.DaemonTestCase):
     def setUp(self):
         super().setUp()
         self.sandbox.use_config_pipe()
-        self.ip = harness.real_tool("ip")
+        self.ip = real_tool("ip")
 
     def cycles(self, daemon, count):
         """Runs `count` cycles; returns the commands and log entries (level, function,

@@ -11,6 +11,8 @@ import subprocess
 import sys
 import time
 
+from tesselkit import namespaces
+
 import harness
 from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, START_UP
 
@@ -50,9 +52,9 @@ def stamp(entry):
 def clients(daemon):
     """Host pids of the processes named udhcpc serving veth1 in the daemon's namespace,
     not counting their forked copies."""
-    found = [entry for entry in harness.namespaces.processes_in_pid_namespace_of(daemon.pid)
+    found = [entry for entry in namespaces.processes_in_pid_namespace_of(daemon.pid)
              if entry[2] and entry[2][0] == "udhcpc" and "veth1" in entry[2]]
-    return [pid for pid, _, _ in harness.namespaces.without_forked_copies(found)]
+    return [pid for pid, _, _ in namespaces.without_forked_copies(found)]
 
 
 def find(entries, message):

@@ -7,6 +7,8 @@ import subprocess
 import tempfile
 import time
 
+from tesselkit.namespaces import real_tool
+
 import harness
 
 # Runs what a daemon would, through the stand-ins, and reports what it saw in /tmp.
@@ -110,7 +112,7 @@ class HarnessTest(ProbeTestCase):
     def test_ns_run_reaches_the_daemons_interfaces_only(self):
         probe = self.start_daemon(args=[], interfaces=["eth0"])
         harness.wait_until(lambda: "probe ready" in probe.output(), "the probe")
-        ip = harness.real_tool("ip")
+        ip = real_tool("ip")
         probe.ns_run([ip, "link", "set", "eth0", "up"])
         self.assertIn("LOWER_UP", probe.ns_run([ip, "-o", "link", "show", "eth0"]))
         probe.ns_run([ip, "link", "set", "eth0-peer", "down"])

@@ -3,6 +3,8 @@
 import datetime
 import signal
 
+from tesselkit.logs import parse_log_line
+
 import harness
 
 STARTUP_COMMANDS = [
@@ -96,7 +98,7 @@ class LifecycleTest(harness.DaemonTestCase):
         after = datetime.datetime.now(zone).replace(tzinfo=None)
 
         lines = daemon.lines()
-        entries = [harness.parse_log_line(line) for line in lines]
+        entries = [parse_log_line(line) for line in lines]
         self.assertNotIn(None, entries, daemon.output())
         stamps = [datetime.datetime.strptime(entry.stamp, "%Y-%m-%d %H:%M:%S.%f") for entry in entries]
         self.assertEqual(stamps, sorted(stamps))

@@ -2,7 +2,6 @@
 exact output and exit status; and the messages it prints against those the
 running daemon logs for the same file."""
 
-import argparse
 import os
 import shutil
 import signal
@@ -179,13 +178,6 @@ class NetcheckAgainstDaemonTest(harness.DaemonTestCase):
 
 
 if __name__ == "__main__":
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument("--netcheck")
-    parser.add_argument("--daemon")
-    known, rest = parser.parse_known_args()
-    NETCHECK = os.path.abspath(known.netcheck) if known.netcheck else NETCHECK
-    if known.daemon:
-        harness.DAEMON_PATH = os.path.abspath(known.daemon)
     if not NETCHECK:
-        sys.exit("no checker given (--netcheck PATH or TESSEL_NETCHECK)")
-    unittest.main(argv=[sys.argv[0]] + rest)
+        sys.exit("no checker: TESSEL_NETCHECK is not set (CTest sets it; see README)")
+    harness.main()

@@ -12,6 +12,9 @@ import signal
 import stat
 import time
 
+from tesselkit import namespaces
+from tesselkit.namespaces import real_tool
+
 import harness
 
 TWO_PORT_STATIC = """bridge eth0eth1
@@ -45,7 +48,7 @@ class StatusTest(harness.DaemonTestCase):
     def setUp(self):
         super().setUp()
         self.sandbox.use_config_pipe()
-        self.ip = harness.real_tool("ip")
+        self.ip = real_tool("ip")
 
     # --- helpers ---------------------------------------------------------------------
 
@@ -172,8 +175,8 @@ class StatusTest(harness.DaemonTestCase):
             return True
 
         harness.wait_until(client_known, "the DHCP client's pid in the document", timeout=15)
-        clients = [inside for _, inside, args in harness.namespaces.without_forked_copies(
-            [entry for entry in harness.namespaces.processes_in_pid_namespace_of(daemon.pid)
+        clients = [inside for _, inside, args in namespaces.without_forked_copies(
+            [entry for entry in namespaces.processes_in_pid_namespace_of(daemon.pid)
              if entry[2][0] == "udhcpc" and "veth1" in entry[2]])]
         self.assertEqual(len(clients), 1, daemon.namespace_processes())
         self.assertEqual(self.interface(self.document(), "veth1")["dhcp_client"], {"pid": clients[0], "starts": 1})

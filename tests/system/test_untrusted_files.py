@@ -7,6 +7,7 @@ still end promptly on SIGTERM."""
 import os
 import shutil
 import signal
+import subprocess
 import time
 
 import harness
@@ -38,7 +39,7 @@ class UntrustedLeaseTest(harness.DaemonTestCase):
 
     def in_daemon(self, daemon, argv, user=AS_NOBODY):
         """Runs argv in the daemon's mount namespace (its /tmp), as nobody by default."""
-        result = harness.subprocess.run(
+        result = subprocess.run(
             ["nsenter", "--target", str(daemon.pid), "--mount", "--"] + user + argv,
             capture_output=True, text=True, timeout=harness.TIMEOUT)
         self.assertEqual(result.returncode, 0, " ".join(argv) + ": " + result.stderr)
@@ -132,7 +133,7 @@ class UntrustedEntryStopTest(harness.DaemonTestCase):
         # Planted after the start of DHCP (which clears the path), twice: each time
         # the next cycle passes over it.
         for count in (1, 2):
-            harness.subprocess.run(["nsenter", "--target", str(daemon.pid), "--mount", "--"] + AS_NOBODY +
+            subprocess.run(["nsenter", "--target", str(daemon.pid), "--mount", "--"] + AS_NOBODY +
                                    ["mkfifo", LEASE_PATH], check=True)
             daemon.wait_for_message(IGNORED + "a FIFO", count=count)
         started = time.monotonic()

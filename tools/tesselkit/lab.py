@@ -18,7 +18,6 @@ from .standins import install_stalling, recorded_times
 from .waiting import wait_until
 
 LAB_TOOL = os.path.join(ROOT, "tools", "lab")
-DEFAULT_DAEMON = os.path.join(ROOT, "build", "tessel-networkd")
 # What the lab needs on this machine, besides root and network namespaces.
 LAB_TOOLS = ("ip", "nsenter", "dnsmasq", "udhcpc", "arptables-legacy", "iptables", "busybox")
 
@@ -53,9 +52,12 @@ def run(args, check=True, timeout=60):
 
 
 class Lab:
-    def __init__(self, name, daemon=DEFAULT_DAEMON):
+    def __init__(self, name, daemon=None, ctl=None):
+        """The lab of this name; `daemon` and `ctl` are what start() runs there
+        (tools/lab's TESSEL_DAEMON and TESSEL_CTL), None where unused."""
         self.name = name
         self.daemon = daemon
+        self.ctl_path = ctl
         self.env = layout(name)
         self.state = self.env["STATE"]
         self.dev = self.env["DEV_NS"]
@@ -65,7 +67,10 @@ class Lab:
         self._netlink = None
 
     def tool(self, *args, check=True, timeout=60, extra_env=None):
-        env = dict(os.environ, TESSEL_LAB=self.name, TESSEL_LAB_DAEMON=self.daemon, **(extra_env or {}))
+        env = dict(os.environ, TESSEL_LAB=self.name, **(extra_env or {}))
+        for variable, path in (("TESSEL_DAEMON", self.daemon), ("TESSEL_CTL", self.ctl_path)):
+            if path is not None:
+                env[variable] = path
         result = subprocess.run([LAB_TOOL] + list(args), capture_output=True, text=True, env=env, timeout=timeout)
         if check and result.returncode != 0:
             raise AssertionError("tools/lab %s failed (%d): %s%s" % (" ".join(args), result.returncode,
