@@ -19,14 +19,14 @@ event, until the test hands it a text (Daemon.run_cycle), so a test knows where
 each cycle begins and ends, without timing. (The daemon reads nothing but a
 regular file, and never waits on one, so a named pipe cannot do this.)
 
-Sandbox.start() runs the daemon under
-  unshare --net --mount --pid --fork --mount-proc
-with a small shell as the namespace's init: it mounts the private /tmp and
-/proc/cmdline, creates the asked-for interfaces with the real ip (inside the new
-network namespace only), then runs the daemon as its child and keeps its exit
-status. The daemon is therefore not pid 1 and gets the ordinary signal
-semantics. When the daemon ends, the init ends, and the kernel ends whatever else
-ran in the namespace (stand-ins left running, for instance).
+Sandbox.start() runs the daemon through the toolkit's runner
+(tesselkit.namespaces.start), in new network, mount and PID namespaces whose
+small shell init binds the private /tmp, /run and /proc/cmdline, creates the
+asked-for interfaces with the real ip (inside the new network namespace only),
+then runs the daemon as its child and keeps its exit status. The daemon is
+therefore not pid 1 and gets the ordinary signal semantics. When the daemon
+ends, the init ends, and the kernel ends whatever else ran in the namespace
+(stand-ins left running, for instance).
 
 The paths come from the environment, which CTest sets for every test
 (tests/CMakeLists.txt): TESSEL_DAEMON (the daemon), TESSEL_CTL (the operator
@@ -61,7 +61,7 @@ try:
 except ModuleNotFoundError as missing:
     sys.exit("harness: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
 from tesselkit.logs import parse_log_line
-from tesselkit.namespaces import real_tool
+from tesselkit.namespaces import SETUP_FAILED
 
 __all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "Daemon", "DaemonTestCase", "EMULATOR", "POLL_INTERVAL", "Sandbox",
            "TIMEOUT", "main", "run_cycles_in_step", "wait_until"]
@@ -71,7 +71,6 @@ TIMEOUT = float(os.environ.get("TESSEL_TEST_TIMEOUT", "20"))
 POLL_INTERVAL = 0.02
 
 CMDLINE = "console=ttyS0,115200 mac=02:00:00:00:00:42 rootwait\n"
-SETUP_FAILED = 97  # the init's own status when the namespace could not be prepared
 
 DAEMON_PATH = os.environ.get("TESSEL_DAEMON")
 CTL_PATH = os.environ.get("TESSEL_CTL")  # the operator command
@@ -113,21 +112,6 @@ signal.signal(signal.SIGTERM, stop)
 note("READY")
 while True:
     time.sleep(1)
-"""
-
-# The namespace's init. Arguments: the daemon and its arguments.
-INIT_SCRIPT = r"""
-fail() { echo "harness setup: $*" >&2; echo @SETUP_FAILED@ > "$TESSEL_STATUS"; exit @SETUP_FAILED@; }
-mount --bind "$TESSEL_WORK/tmp" /tmp || fail "cannot mount the private /tmp"
-mount --bind "$TESSEL_WORK/run" /run || fail "cannot mount the private /run"
-mount --bind "$TESSEL_WORK/cmdline" /proc/cmdline || fail "cannot mount over /proc/cmdline"
-@SETUP@
-"$@" &
-daemon=$!
-wait "$daemon"
-status=$?
-echo "$status" > "$TESSEL_STATUS"
-exit "$status"
 """
 
 
@@ -424,22 +408,6 @@ class Sandbox:
         """
         if args is None:
             args = ["--config", self.config_path]
-        lines = ["IP=" + real_tool("ip")]
-        for name in interfaces:
-            lines.append(
-                '"$IP" link add {0} type veth peer name {0}-peer && "$IP" link set {0}-peer up '
-                '|| fail "cannot create {0}"'.format(name)
-            )
-        for name in up:
-            lines.append('"$IP" link set {0} up || fail "cannot set {0} up"'.format(name))
-            lines.append(
-                'tries=0; until "$IP" -o link show {0} | grep -q " state UP "; do tries=$((tries + 1)); '
-                '[ $tries -lt 2000 ] || fail "{0} does not come up"; sleep 0.01; done'.format(name)
-            )
-        lines.extend(setup)
-        script = (
-            INIT_SCRIPT.replace("@SETUP_FAILED@", str(SETUP_FAILED)).replace("@SETUP@", "\n".join(lines))
-        )
         environment = dict(os.environ)
         environment.update(env or {})
         environment["PATH"] = self.path("bin") + os.pathsep + environment.get("PATH", "/usr/bin:/bin")
@@ -447,16 +415,19 @@ class Sandbox:
         suffix = "" if not self.daemons else "-%d" % (len(self.daemons) + 1)
         output_path = self.path("output%s.log" % suffix)
         status_path = self.path("exit-status" + suffix)
-        environment["TESSEL_STATUS"] = status_path
         output = open(output_path, "wb")
         try:
-            process = subprocess.Popen(
-                namespaces.UNSHARE + ["--kill-child", "sh", "-c", script, "init"] + EMULATOR + [self.daemon_path]
-                + list(args),
+            process = namespaces.start(
+                EMULATOR + [self.daemon_path] + list(args),
+                binds=[(self.path("tmp"), "/tmp"), (self.path("run"), "/run"), (self.path("cmdline"), "/proc/cmdline")],
+                interfaces=interfaces,
+                up=up,
+                setup=setup,
+                status_path=status_path,
+                env=environment,
                 stdin=subprocess.DEVNULL,
                 stdout=output,
                 stderr=subprocess.STDOUT,
-                env=environment,
                 cwd=self.work,
             )
         finally:

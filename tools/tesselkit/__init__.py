@@ -4,14 +4,16 @@
     standins    recording stand-ins for the device's tools, and reading what they recorded
     waiting     polling until a condition holds
     inotify     file events of a directory or file
-    namespaces  probes and helpers for the namespaces the daemon runs in
+    namespaces  the runner that puts a command into new namespaces (start), probes and helpers
     logs        the daemon's log lines
     netlink     links, addresses, routes and bridge ports of a network namespace (pyroute2)
     frames      raw Ethernet frames sent and captured on an interface (scapy)
     lab         the device lab (tools/lab): its layout and the lab as an object
     isolation   the isolation checks of a running two-port lab (python3 -m tesselkit.isolation)
+    bench       tools/bench, one module a measurement
 
-Tests import from here; nothing here imports tests. The modules that need
+The import root is tools/ (PYTHONPATH). Tests import from here; nothing here
+imports tests, and no module imports one that imports it. The modules that need
 Debian's python3-pyroute2 and python3-scapy (netlink, frames, lab, isolation)
 are only imported by those that use them.
 """

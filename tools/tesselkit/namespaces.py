@@ -1,16 +1,97 @@
-"""The namespaces the daemon runs in: whether they can be had here, entering a
-network namespace, and the processes of a PID namespace."""
+"""The namespaces the daemon runs in: the one runner that starts a command in
+fresh ones (start), whether they can be had here, entering a network
+namespace, and the processes of a PID namespace."""
 import contextlib
 import ctypes
 import os
+import shlex
 import shutil
-import socket
 import subprocess
 import sys
 
 # New network, mount and PID namespaces with their own /proc: what the daemon
 # gets in the system tests, the benchmark and the leak check.
 UNSHARE = ["unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc"]
+SETUP_FAILED = 97  # the init's own status when the namespaces could not be prepared
+
+# The namespaces' init, a small shell (pid 1): refuses unless it is the first
+# process of new PID and network namespaces, prepares them, then runs its
+# arguments as its only child and keeps that child's exit status (128 + N
+# after signal N). The command is therefore
+# not pid 1 and gets the ordinary signal semantics. When it ends, the init
+# ends, and the kernel ends whatever else ran in the namespaces. The first line
+# marks it, so that what runs inside can tell it is (refuse_unless_inside).
+_INIT_MARK = "# tesselkit.namespaces init"
+_INIT = _INIT_MARK + r"""
+fail() { echo "namespace setup: $*" >&2; [ -z "${TESSEL_STATUS:-}" ] || echo @SETUP_FAILED@ > "$TESSEL_STATUS"; exit @SETUP_FAILED@; }
+IP=@IP@
+[ "$$" = 1 ] && [ "$(readlink /proc/self/ns/net)" != @OUTSIDE@ ] || fail "not the first process of new namespaces; refusing"
+@SETUP@
+"$@" &
+child=$!
+wait "$child"
+status=$?
+[ -z "${TESSEL_STATUS:-}" ] || echo "$status" > "$TESSEL_STATUS"
+exit "$status"
+"""
+
+
+def start(command, binds=(), tmpfs=(), loopback=False, interfaces=(), up=(), setup=(), status_path=None, env=None,
+          **popen):
+    """Starts `command` in new network, mount and PID namespaces and returns the
+    Popen of unshare (in our namespaces; its child is the init, the command the
+    init's child). The init, before the command:
+      binds: (source, target) pairs, each source bind-mounted on its target;
+      tmpfs: (target, options) pairs, a private tmpfs on each ("" for no options);
+      loopback: sets lo up;
+      interfaces: names created as veth pairs with the real ip; NAME's peer is
+          NAME-peer, up, so that NAME gets a carrier once it is set up;
+      up: names of those set up and awaited until the kernel reports them
+          running (operational state UP, a moment after the carrier);
+      setup: further shell lines; "$IP" is the real ip, `fail WHY` gives up.
+    status_path: a file that gets the command's exit status, or SETUP_FAILED.
+    env: the environment (default ours); popen: further arguments of Popen."""
+    lines = []
+    for source, target in binds:
+        lines.append('mount --bind {0} {1} || fail "cannot mount {0} on {1}"'.format(shlex.quote(source),
+                                                                                  shlex.quote(target)))
+    for target, options in tmpfs:
+        lines.append('mount -t tmpfs {0}tmpfs {1} || fail "cannot mount a tmpfs on {1}"'.format(
+            "-o %s " % shlex.quote(options) if options else "", shlex.quote(target)))
+    if loopback:
+        lines.append('"$IP" link set lo up || fail "cannot set lo up"')
+    for name in interfaces:
+        lines.append('"$IP" link add {0} type veth peer name {0}-peer && "$IP" link set {0}-peer up '
+                     '|| fail "cannot create {0}"'.format(name))
+    for name in up:
+        lines.append('"$IP" link set {0} up || fail "cannot set {0} up"'.format(name))
+        lines.append('tries=0; until "$IP" -o link show {0} | grep -q " state UP "; do tries=$((tries + 1)); '
+                     '[ $tries -lt 2000 ] || fail "{0} does not come up"; sleep 0.01; done'.format(name))
+    lines.extend(setup)
+    script = (_INIT.replace("@SETUP_FAILED@", str(SETUP_FAILED))
+              .replace("@IP@", shlex.quote(real_tool("ip")))
+              .replace("@OUTSIDE@", shlex.quote(os.readlink("/proc/self/ns/net")))
+              .replace("@SETUP@", "\n".join(lines)))
+    environment = dict(os.environ if env is None else env)
+    if status_path is not None:
+        environment["TESSEL_STATUS"] = status_path
+    return subprocess.Popen(UNSHARE + ["--kill-child", "sh", "-c", script, "init"] + list(command),
+                            env=environment, **popen)
+
+
+def refuse_unless_inside(who):
+    """Exits unless this process runs inside namespaces that start() made (their
+    init checked they were new): what runs the daemon's commands never runs on
+    the machine's network."""
+    try:
+        with open("/proc/1/cmdline", "rb") as cmdline:
+            init = cmdline.read().split(b"\0")
+    except OSError:
+        init = []
+    if len(init) < 4 or init[:2] != [b"sh", b"-c"] or not init[2].startswith(_INIT_MARK.encode()) \
+            or init[3] != b"init":
+        sys.exit("%s: not inside namespaces of tesselkit.namespaces.start; refusing" % who)
+
 
 _CLONE_NEWNET = 0x40000000
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -29,14 +110,6 @@ def unavailable_reason():
             probe = subprocess.run(UNSHARE + ["true"], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
             _reason = "" if probe.returncode == 0 else "cannot create namespaces here: " + probe.stderr.strip()
     return _reason
-
-
-def refuse_unless_fresh(who):
-    """Exits unless this is the first process of fresh PID and network namespaces
-    (nothing but lo): what runs the daemon's commands never runs on the machine's network."""
-    names = [name for _, name in socket.if_nameindex()]
-    if os.getpid() != 1 or names != ["lo"]:
-        sys.exit("%s: not inside fresh namespaces (pid %d, interfaces %s); refusing" % (who, os.getpid(), names))
 
 
 def real_tool(name):

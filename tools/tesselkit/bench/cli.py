@@ -10,7 +10,7 @@ from . import PERF_BENCH, PERF_DIR, PERF_MINIMAL, ROOT, arm, build, cycles, inpr
 from .sandbox import Work
 
 
-def daemon_runs(work, real_ip, daemon, bench, minimal, cycle_count):
+def daemon_runs(work, daemon, bench, minimal, cycle_count):
     """The running daemon's figures; its runs go side by side, about a minute in all."""
     cgroup = cycles.make_cgroup()
     print("daemon runs (about %d s) ..." % (cycle_count + 10), file=sys.stderr)
@@ -20,7 +20,7 @@ def daemon_runs(work, real_ip, daemon, bench, minimal, cycle_count):
     results = {}
 
     def run(kind, options):
-        results[kind] = work.run(kind, real_ip, **options)
+        results[kind] = work.run(kind, **options)
 
     threads = [threading.Thread(target=run, args=(kind, options)) for kind, options in runs]
     try:
@@ -52,17 +52,16 @@ def main(description):
     daemon = os.path.join(build_dir, "tessel-networkd")
     bench = os.path.join(build_dir, PERF_DIR, PERF_BENCH)
     minimal = os.path.join(build_dir, PERF_DIR, PERF_MINIMAL)
-    real_ip = shutil.which("ip")
-    if real_ip is None:
+    if shutil.which("ip") is None:
         sys.exit("bench: needs iproute2's ip to create interfaces inside its namespaces")
 
     path = tempfile.mkdtemp(prefix="tessel-bench-", dir="/var/tmp")
     try:
         work = Work(path)
         print("in-process figures ...", file=sys.stderr)
-        figures = inprocess.measure(work, real_ip, bench)
+        figures = inprocess.measure(work, bench)
         if not args.skip_daemon:
-            figures.update(daemon_runs(work, real_ip, daemon, bench, minimal, args.cycles))
+            figures.update(daemon_runs(work, daemon, bench, minimal, args.cycles))
     finally:
         shutil.rmtree(path, ignore_errors=True)
 

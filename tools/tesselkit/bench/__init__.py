@@ -8,14 +8,18 @@
     arm        the stripped size of the ARM daemon
     report     the table: each figure with its floor and its goal
     sandbox    the work directory (stand-ins, configurations) and running a measurement
-               inside new namespaces (python3 -m benchkit.sandbox --kind KIND ... runs it there)
+               inside new namespaces (tesselkit.namespaces.start)
+    inside     the inside of one such run (python3 -m tesselkit.bench.inside --kind KIND ...)
     cli        tools/bench's command line
+
+Imports go one way: cli -> the measurements -> sandbox; inside -> the measurements.
 """
 import os
 import subprocess
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-TOOLS = os.path.join(ROOT, "tools")
+from tesselkit import ROOT
+
+TOOLS = os.path.join(ROOT, "tools")  # the import root of the runs inside the namespaces
 PERF_DIR = "perf"  # where the build puts tools/perf's programs
 PERF_BENCH = "tessel-bench"  # tools/perf's in-process benchmark
 PERF_MINIMAL = "tessel-minimal"  # the smallest C++ program linked like the daemon

@@ -14,12 +14,12 @@ def inside(args):
     return result
 
 
-def measure(work, real_ip, bench):
+def measure(work, bench):
     figures = {}
-    figures.update(work.run("tool", real_ip, command=[bench, "idle", work.configs["idle"], "20000"]))
-    figures.update(work.run("tool", real_ip, interfaces="eth0",
+    figures.update(work.run("tool", command=[bench, "idle", work.configs["idle"], "20000"]))
+    figures.update(work.run("tool", interfaces="eth0",
                             command=[bench, "steady", work.configs["steady"], "600"]))
-    figures.update(work.run("tool", real_ip, command=[bench, "status", "2000"]))
-    figures.update(work.run("tool", real_ip, command=[bench, "bridge", "20"]))
-    figures.update(work.run("tool", real_ip, command=[bench, "stopdhcp", "2000"]))
+    figures.update(work.run("tool", command=[bench, "status", "2000"]))
+    figures.update(work.run("tool", command=[bench, "bridge", "20"]))
+    figures.update(work.run("tool", command=[bench, "stopdhcp", "2000"]))
     return figures
