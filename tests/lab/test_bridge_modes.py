@@ -5,10 +5,9 @@ restarts the DHCP client, whose lease comes back."""
 import re
 import time
 
+from labtest import LabTestCase, main, wait_for
 from tesselkit.device import TWO_PORT_CONFIG
 from tesselkit.lab import run
-
-from labtest import LabTestCase, main, wait_for
 
 # eth0 only: veth1 static on the eth0 side's network, reached through eth0.
 ETH0_CONFIG = """bridge eth0

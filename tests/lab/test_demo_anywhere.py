@@ -11,11 +11,10 @@ import subprocess
 import tempfile
 import unittest
 
+from labtest import DAEMON, LAB_NAME, main
 from tesselkit import ROOT
 from tesselkit.device import VETH3_ADDR
 from tesselkit.lab import run
-
-from labtest import DAEMON, LAB_NAME, main
 
 WRAPPER = """#!/bin/sh
 # Changes into the caller's directory first, as pyenv's shims do.

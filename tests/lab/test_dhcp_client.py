@@ -6,10 +6,9 @@ import re
 import subprocess
 import time
 
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 from tesselkit.device import TWO_PORT_CONFIG
 from tesselkit.inotify import IN_MOVED_FROM, IN_MOVED_TO
-
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.50 255.255.255.0 192.168.77.1")
 LEASE_FILE = "dhcp_veth1.txt"

@@ -7,10 +7,9 @@ import os
 import signal
 import time
 
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG
 from tesselkit.namespaces import without_forked_copies
-
-from labtest import PEER1_ADDR, LabTestCase, main
 
 CLIENT_ARGS = ["-i", "veth1"] + DHCP_CLIENT_ARGS.split()
 

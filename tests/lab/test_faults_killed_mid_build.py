@@ -8,10 +8,9 @@ import os
 import signal
 import time
 
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
-
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 
 class KilledMidBuildTest(LabTestCase):

@@ -18,11 +18,10 @@ import signal
 import time
 import unittest
 
+from labtest import LAB_NAME, PEER1_ADDR, Lab, main, wait_for
 from tesselkit import isolation
 from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.lab import run
-
-from labtest import LAB_NAME, PEER1_ADDR, Lab, main, wait_for
 
 SOAK_SECONDS = float(os.environ.get("TESSEL_SOAK_SECONDS", "600"))
 SAMPLE_EVERY = 30

@@ -10,10 +10,9 @@ at all, while the legacy one waits for /run/xtables.lock (by default, with no
 -w, since iptables 1.8.9), which any other program changing the rules holds."""
 import time
 
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
-
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 DEADLINE_S = 20  # of every command the daemon runs
 

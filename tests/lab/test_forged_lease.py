@@ -6,10 +6,9 @@ and puts a FIFO there. None of it changes veth1's address or the default routes,
 the daemon names each one in a warning, and the next real lease is still taken up."""
 import re
 
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 from tesselkit.device import TWO_PORT_CONFIG
 from tesselkit.inotify import IN_MOVED_FROM, IN_MOVED_TO
-
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 AS_NOBODY = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
 LEASE_PATH = "/tmp/dhcp_veth1.txt"

@@ -6,10 +6,9 @@ port of br0 again and the sequence stops."""
 import re
 import subprocess
 
+from labtest import LabTestCase, main, wait_for
 from tesselkit.device import REGISTER_SEQUENCE
 from tesselkit.lab import run
-
-from labtest import LabTestCase, main, wait_for
 
 CONFIG = """bridge eth0eth1
 phy frame

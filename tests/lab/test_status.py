@@ -6,9 +6,8 @@ it, eth0's link. Stopped, the daemon is reported as not running."""
 import json
 import re
 
-from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
-
 from labtest import LabTestCase, main, wait_for
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
 
 
 class StatusOnTheDeviceTest(LabTestCase):

@@ -7,11 +7,10 @@ interfaces) together with the counters of the rules that dropped them."""
 import re
 import unittest
 
+from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, lab_module, main, wait_for
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
 from tesselkit.frames import Port, arp_frame, arp_match, icmp_echo_frame, marker_match, settle
 from tesselkit.lab import run
-
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, lab_module, main, wait_for
 
 MODULE = lab_module(globals(), start_config=TWO_PORT_CONFIG)
 

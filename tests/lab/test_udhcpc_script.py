@@ -4,9 +4,8 @@ daemon: the lease files it leaves on the device for a lease, a renewal and a
 release, exactly as the daemon reads them."""
 import re
 
-from tesselkit.inotify import IN_MOVED_TO
-
 from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from tesselkit.inotify import IN_MOVED_TO
 
 LEASE = "/tmp/dhcp_eth1.txt"
 

@@ -7,10 +7,9 @@ entry, iptables exits 4 ("can't open lock file /run/xtables.lock: Read-only
 file system") and the build stops at "iptables -F" for good."""
 import os
 
+from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 from tesselkit import ROOT, isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
-
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
 
 TMPFILES = os.path.join(ROOT, "dist", "tmpfiles.d", "tessel-networkd.conf")
 

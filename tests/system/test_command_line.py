@@ -1,8 +1,7 @@
 """The daemon's command line: usage on --help, status 1 and usage on a rejected line."""
 
-from tesselkit.logs import parse_log_line
-
 import harness
+from tesselkit.logs import parse_log_line
 
 # What ShowUsage prints after its one-line banner.
 USAGE = (

@@ -2,10 +2,9 @@
 daemon's namespace) changed from outside while the daemon runs: up, administratively
 down, up without carrier, and gone."""
 
-from tesselkit.namespaces import real_tool
-
 import harness
 from expected_commands import BRIDGE_ETH0, REGISTER_WRITES, START_UP
+from tesselkit.namespaces import real_tool
 
 CONFIG = """bridge eth0
 phy copper

@@ -11,10 +11,9 @@ import subprocess
 import sys
 import time
 
-from tesselkit import namespaces
-
 import harness
 from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, START_UP
+from tesselkit import namespaces
 
 ETH1_STATIC = """bridge eth1
 phy copper

@@ -7,9 +7,8 @@ import subprocess
 import tempfile
 import time
 
-from tesselkit.namespaces import real_tool
-
 import harness
+from tesselkit.namespaces import real_tool
 
 # Runs what a daemon would, through the stand-ins, and reports what it saw in /tmp.
 PROBE = r"""#!/bin/sh

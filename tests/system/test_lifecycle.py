@@ -3,9 +3,8 @@
 import datetime
 import signal
 
-from tesselkit.logs import parse_log_line
-
 import harness
+from tesselkit.logs import parse_log_line
 
 STARTUP_COMMANDS = [
     "ip link set dev lo up",

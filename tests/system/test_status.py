@@ -12,10 +12,9 @@ import signal
 import stat
 import time
 
+import harness
 from tesselkit import namespaces
 from tesselkit.namespaces import real_tool
-
-import harness
 
 TWO_PORT_STATIC = """bridge eth0eth1
 phy frame
