@@ -1,6 +1,6 @@
 """Command sequences that several system tests expect, as the stand-ins record them
 (with /proc/cmdline holding "mac=02:00:00:00:00:42"). Written out by hand, in run order."""
-from harness import device
+from tesselkit import device
 
 START_UP = [
     "ip link set dev lo up",
