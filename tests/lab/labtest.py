@@ -14,7 +14,7 @@ import unittest
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
 
 from tesselkit import ROOT, lab
-from tesselkit.device import REGISTER_SEQUENCE, TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
 from tesselkit.frames import (BROADCAST, Port, arp_frame, arp_match, icmp_echo_frame, marker_match,
                               parse_arp, settle)
 from tesselkit.inotify import IN_CREATE, IN_DELETE, IN_MOVED_FROM, IN_MOVED_TO, IN_OPEN, Watch as DirWatch
@@ -25,7 +25,7 @@ from tesselkit.waiting import wait_until
 # What the test files use, the toolkit's names included.
 __all__ = ["BROADCAST", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "DirWatch", "IN_CREATE", "IN_DELETE", "IN_MOVED_FROM", "IN_MOVED_TO",
            "IN_OPEN", "LAB_NAME", "Lab", "LabTestCase", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Port",
-           "REGISTER_SEQUENCE", "ROOT", "TWO_PORT_CONFIG", "VETH3_ADDR", "VETH3_MAC", "arp_frame", "arp_match",
+           "ROOT", "TWO_PORT_CONFIG", "VETH3_ADDR", "VETH3_MAC", "arp_frame", "arp_match",
            "check_isolation", "icmp_echo_frame", "lab_module", "main", "marker_match", "parse_arp", "run", "settle",
            "unavailable_reason", "wait_for"]
 

@@ -6,7 +6,11 @@ port of br0 again and the sequence stops."""
 import re
 import subprocess
 
-from labtest import REGISTER_SEQUENCE, LabTestCase, main, run, wait_for
+from labtest import LabTestCase, main, run, wait_for
+from tesselkit import timelines
+
+# The register writes, in order, as devmem is called.
+REGISTER_SEQUENCE = timelines.commands(timelines.fixture("register-writes.timeline"))
 
 CONFIG = """bridge eth0eth1
 phy frame
