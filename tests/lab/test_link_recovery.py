@@ -7,8 +7,11 @@ import re
 import subprocess
 
 from labtest import LabTestCase, main, wait_for
-from tesselkit.device import REGISTER_SEQUENCE
+from tesselkit import timelines
 from tesselkit.lab import run
+
+# The register writes, in order, as devmem is called.
+REGISTER_SEQUENCE = timelines.commands(timelines.fixture("register-writes.timeline"))
 
 CONFIG = """bridge eth0eth1
 phy frame

@@ -1,173 +1,75 @@
-// Timelines that more than one unit's tests expect, written out in full: the
-// bridge build of each mode (with empty MAC texts, and mac=02:00:00:00:77:01
-// on the kernel command line) and the register writes that
-// recover eth0. Literal on purpose, never built by the code under test.
+// Timelines that more than one test expects, in C++ and in the Python system
+// and lab tests alike: the bridge build of each mode and the register writes
+// that recover eth0. Each is written out by hand once, as a file in
+// tests/fixtures/ (CTest names the folder in TESSEL_FIXTURES), never built by
+// the code under test.
 #pragma once
 
+#include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
-// clang-format off
-// SetupBridge(BRIDGE_MODE_ETH0, "", ""): its 21 commands between its two entries.
-inline const std::vector<std::string> kBridgeBuildEth0 = {
-    "INFO SetupBridge: Setting up bridge for control network",
-    "$ ip link set br0 down",
-    "$ ip addr flush dev br0",
-    "$ ip link set eth0 down",
-    "$ ip addr flush dev eth0",
-    "$ ip link set eth1 down",
-    "$ ip addr flush dev eth1",
-    "$ ip link del name br0",
-    "$ ip link add name br0 type bridge",
-    "$ ip link set br0 up",
-    "$ ip addr flush dev br0",
-    "$ ip link set br0 arp off",
-    "$ ip link set eth0 master br0",
-    "$ ip link set eth0 up",
-    "$ ip link add name veth1 type veth",
-    "$ ip link set veth0 master br0",
-    "$ ip link set veth0 up",
-    "$ ip link set veth1 up",
-    "$ ip link set dev veth1 address 02:00:00:00:77:01",
-    "$ ip addr flush dev br0",
-    "$ ip link set br0 arp off",
-    "$ ip link set eth0 arp off",
-    "INFO SetupBridge: Done with bridge setup",
-};
+#include "tests/support/Files.h"
 
-// SetupBridge(BRIDGE_MODE_ETH1, "", ""): its 21 commands between its two entries.
-inline const std::vector<std::string> kBridgeBuildEth1 = {
-    "INFO SetupBridge: Setting up bridge for control network",
-    "$ ip link set br0 down",
-    "$ ip addr flush dev br0",
-    "$ ip link set eth0 down",
-    "$ ip addr flush dev eth0",
-    "$ ip link set eth1 down",
-    "$ ip addr flush dev eth1",
-    "$ ip link del name br0",
-    "$ ip link add name br0 type bridge",
-    "$ ip link set br0 up",
-    "$ ip addr flush dev br0",
-    "$ ip link set br0 arp off",
-    "$ ip link set eth1 master br0",
-    "$ ip link set eth1 up",
-    "$ ip link add name veth1 type veth",
-    "$ ip link set veth0 master br0",
-    "$ ip link set veth0 up",
-    "$ ip link set veth1 up",
-    "$ ip link set dev veth1 address 02:00:00:00:77:01",
-    "$ ip addr flush dev br0",
-    "$ ip link set br0 arp off",
-    "$ ip link set eth1 arp off",
-    "INFO SetupBridge: Done with bridge setup",
-};
+// The veth1 MAC of the kernel command line the unit tests give the daemon.
+constexpr const char* kTestVeth1Mac = "02:00:00:00:77:01";
 
-// SetupBridge(BRIDGE_MODE_ETH0ETH1, "", ""): its 84 commands, with the second pair and the
-// isolation rules, between its two entries.
-inline const std::vector<std::string> kBridgeBuildEth0Eth1 = {
-    "INFO SetupBridge: Setting up bridge for control network",
-    "$ ip link set br0 down",
-    "$ ip addr flush dev br0",
-    "$ ip link set eth0 down",
-    "$ ip addr flush dev eth0",
-    "$ ip link set eth1 down",
-    "$ ip addr flush dev eth1",
-    "$ ip link del name br0",
-    "$ ip link add name br0 type bridge",
-    "$ ip link set br0 up",
-    "$ ip addr flush dev br0",
-    "$ ip link set br0 arp off",
-    "$ ip link set eth0 master br0",
-    "$ ip link set eth0 up",
-    "$ ip link set eth1 master br0",
-    "$ ip link set eth1 up",
-    "$ ip link add name veth1 type veth",
-    "$ ip link set veth0 master br0",
-    "$ ip link set veth0 up",
-    "$ ip link set veth1 up",
-    "$ ip link set dev veth1 address 02:00:00:00:77:01",
-    "$ ip addr flush dev br0",
-    "$ ip link set br0 arp off",
-    "$ ip link set eth0 arp off",
-    "$ ip link set eth1 arp off",
-    "$ ip link add name veth3 type veth",
-    "$ ip link set veth2 master br0",
-    "$ ip link set veth2 up",
-    "$ ip link set veth3 up",
-    "$ ip link set dev veth3 address 02:23:02:00:00:00",
-    "$ arptables -F",
-    "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP",
-    "$ arptables -A FORWARD --in-interface veth2 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --in-interface eth1 --out-interface veth2 -j DROP",
-    "$ arptables -A FORWARD --in-interface veth0 --out-interface eth0 -j DROP",
-    "$ arptables -A FORWARD --in-interface eth0 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.253 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.253 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.254 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.254 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.253 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.253 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.254 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.254 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.253 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.253 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.254 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.254 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.253 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.253 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-ip 10.253.254.254 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-ip 10.253.254.254 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --in-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --out-interface eth1 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --in-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:00 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --source-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP",
-    "$ arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP",
-    "$ iptables -F",
-    "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A INPUT --source 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A INPUT --destination 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A INPUT --destination 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A FORWARD --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-in eth1 -j DROP",
-    "$ iptables -A FORWARD --source 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
-    "$ iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
-    "$ iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
-    "$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
-    "$ bridge link set dev eth1 learning_sync off",
-    "$ bridge link set dev eth1 learning off",
-    "$ ip -s -s neigh flush all",
-    "INFO SetupBridge: Done with bridge setup",
-};
+// The timeline in tests/fixtures/`name`, without its comments and blank lines,
+// each "@NAME@" replaced by its value. A fixture that cannot be read gives one
+// line that says so, which no timeline under test equals.
+inline std::vector<std::string> ReadTimelineFixture(const std::string& name,
+                                                    const std::map<std::string, std::string>& values = {}) {
+    const char* folder = std::getenv("TESSEL_FIXTURES");
+    if (folder == nullptr || *folder == '\0') return {"cannot read fixture " + name + ": TESSEL_FIXTURES is not set"};
+    const std::string path = std::string(folder) + "/" + name;
+    const std::string text = ReadFile(path);
+    if (text.empty()) return {"cannot read fixture " + path};
+    std::vector<std::string> timeline;
+    for (std::string line : SplitLines(text)) {
+        if (line.empty() || line[0] == '#') continue;
+        for (const auto& [key, value] : values) {
+            const std::string placeholder = "@" + key + "@";
+            for (size_t at = line.find(placeholder); at != std::string::npos; at = line.find(placeholder, at)) {
+                line.replace(at, placeholder.size(), value);
+                at += value.size();
+            }
+        }
+        timeline.push_back(line);
+    }
+    return timeline;
+}
+
+// SetupBridge(mode, "", "") under a command line with mac=kTestVeth1Mac: its
+// commands between its two entries (21, 21 and 84; the out-of-range modes 18).
+inline const std::vector<std::string>& BridgeBuildEth0() {
+    static const auto timeline = ReadTimelineFixture("bridge-eth0.timeline", {{"VETH1_MAC", kTestVeth1Mac}});
+    return timeline;
+}
+inline const std::vector<std::string>& BridgeBuildEth1() {
+    static const auto timeline = ReadTimelineFixture("bridge-eth1.timeline", {{"VETH1_MAC", kTestVeth1Mac}});
+    return timeline;
+}
+inline const std::vector<std::string>& BridgeBuildEth0Eth1() {
+    static const auto timeline = ReadTimelineFixture("bridge-eth0eth1.timeline", {{"VETH1_MAC", kTestVeth1Mac}});
+    return timeline;
+}
+inline const std::vector<std::string>& BridgeBuildOtherMode() {
+    static const auto timeline = ReadTimelineFixture("bridge-other-mode.timeline", {{"VETH1_MAC", kTestVeth1Mac}});
+    return timeline;
+}
 
 // The register writes, with their pauses, as a pass runs them.
-inline const std::vector<std::string> kRegisterWrites = {
-    "$ devmem 0xFF200088 32 0x3",
-    "pause 100 ms",
-    "$ devmem 0xFF200088 32 0x0",
-    "pause 100 ms",
-    "$ devmem 0xFF20008C 32 0x701",
-    "$ devmem 0xFF20008C 32 0x700",
-    "pause 100 ms",
-    "$ devmem 0xFF20008C 32 0x701",
-    "$ devmem 0xFF20008C 32 0x700",
-    "pause 100 ms",
-    "$ devmem 0xFF200088 32 0x2",
-    "pause 100 ms",
-    "$ devmem 0xFF200088 32 0x0",
-    "pause 100 ms",
-};
-// clang-format on
+inline const std::vector<std::string>& RegisterWrites() {
+    static const auto timeline = ReadTimelineFixture("register-writes.timeline");
+    return timeline;
+}
+
+// The commands of a timeline, without the "$ " they are shown with.
+inline std::vector<std::string> CommandsOf(const std::vector<std::string>& timeline) {
+    std::vector<std::string> commands;
+    for (const std::string& line : timeline) {
+        if (line.rfind("$ ", 0) == 0) commands.push_back(line.substr(2));
+    }
+    return commands;
+}

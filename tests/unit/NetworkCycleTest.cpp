@@ -186,52 +186,52 @@ const Lines kPhyWrite = {
 TEST(NetworkCycleTest, FirstUsablePassInEachBridgeMode) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}}),
-              Join({{"pass 1"}, kBridgeBuildEth0, kReattach, kRegisterWrites, kVeth1Static, kPhyWrite}));
+              Join({{"pass 1"}, BridgeBuildEth0(), kReattach, RegisterWrites(), kVeth1Static, kPhyWrite}));
     // eth0 is not watched, yet the first usable pass writes the registers.
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth1Static, ""}}),
-              Join({{"pass 1"}, kBridgeBuildEth1, kRegisterWrites, kVeth1Static, kPhyWrite}));
+              Join({{"pass 1"}, BridgeBuildEth1(), RegisterWrites(), kVeth1Static, kPhyWrite}));
     EXPECT_EQ(
         RunPasses(Eth0::kUp, {{kBothStatic, ""}}),
-        Join({{"pass 1"}, kBridgeBuildEth0Eth1, kReattach, kRegisterWrites, kVeth1Static, kVeth3Static, kPhyWrite}));
+        Join({{"pass 1"}, BridgeBuildEth0Eth1(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite}));
 }
 
 TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
     TESSEL_NEED_NAMESPACES();
-    const Lines first = Join({{"pass 1"}, kBridgeBuildEth0});
+    const Lines first = Join({{"pass 1"}, BridgeBuildEth0()});
     const Lines rest = Join({kVeth1Static, kPhyWrite});
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}, {"", ""}, {"", ""}}),
-              Join({first, kReattach, kRegisterWrites, rest, {"pass 2"}, kReattach, {"pass 3"}, kReattach}));
+              Join({first, kReattach, RegisterWrites(), rest, {"pass 2"}, kReattach, {"pass 3"}, kReattach}));
     // A down link is bounced and the registers written on every pass.
     const Lines down = Join({first,
                              kBounceEth0,
-                             kRegisterWrites,
+                             RegisterWrites(),
                              rest,
                              {"pass 2"},
                              kBounceEth0,
-                             kRegisterWrites,
+                             RegisterWrites(),
                              {"pass 3"},
                              kBounceEth0,
-                             kRegisterWrites});
+                             RegisterWrites()});
     EXPECT_EQ(RunPasses(Eth0::kDown, {{kEth0Static, ""}, {"", ""}, {"", ""}}), down);
     EXPECT_EQ(RunPasses(Eth0::kNoCarrier, {{kEth0Static, ""}, {"", ""}, {"", ""}}), down);
     // A failed query is not a down link: nothing is bounced, the registers only at first.
     EXPECT_EQ(
         RunPasses(Eth0::kMissing, {{kEth0Static, ""}, {"", ""}, {"", ""}}),
         Join(
-            {first, kLinkQueryFails, kRegisterWrites, rest, {"pass 2"}, kLinkQueryFails, {"pass 3"}, kLinkQueryFails}));
+            {first, kLinkQueryFails, RegisterWrites(), rest, {"pass 2"}, kLinkQueryFails, {"pass 3"}, kLinkQueryFails}));
 }
 
 TEST(NetworkCycleTest, BridgeModeChangeRebuildsAndStopsServicingVeth3) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}, {kEth0Static, ""}, {"", ""}}), Join({{"pass 1"},
-                                                                                            kBridgeBuildEth0Eth1,
+                                                                                            BridgeBuildEth0Eth1(),
                                                                                             kReattach,
-                                                                                            kRegisterWrites,
+                                                                                            RegisterWrites(),
                                                                                             kVeth1Static,
                                                                                             kVeth3Static,
                                                                                             kPhyWrite,
                                                                                             {"pass 2"},
-                                                                                            kBridgeBuildEth0,
+                                                                                            BridgeBuildEth0(),
                                                                                             kReattach,
                                                                                             kVeth1Static,
                                                                                             {"pass 3"},
@@ -241,9 +241,9 @@ TEST(NetworkCycleTest, BridgeModeChangeRebuildsAndStopsServicingVeth3) {
 TEST(NetworkCycleTest, PhyModeChangeWritesItAndBouncesEth1Only) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}, {kEth0Frame, ""}, {"", ""}}), Join({{"pass 1"},
-                                                                                           kBridgeBuildEth0,
+                                                                                           BridgeBuildEth0(),
                                                                                            kReattach,
-                                                                                           kRegisterWrites,
+                                                                                           RegisterWrites(),
                                                                                            kVeth1Static,
                                                                                            kPhyWrite,
                                                                                            {"pass 2"},
@@ -257,9 +257,9 @@ TEST(NetworkCycleTest, UnusableFileBetweenGoodOnesChangesNothing) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}, {"bridge nowhere\n", ""}, {kEth0Static, ""}}),
               Join({{"pass 1"},
-                    kBridgeBuildEth0,
+                    BridgeBuildEth0(),
                     kReattach,
-                    kRegisterWrites,
+                    RegisterWrites(),
                     kVeth1Static,
                     kPhyWrite,
                     {"pass 2"},
@@ -281,9 +281,9 @@ TEST(NetworkCycleTest, DhcpStartLeaseRenewalAndLoss) {
         RunPasses(Eth0::kUp,
                   {{kEth0Dhcp, ""}, {"", kLease}, {"", ""}, {"", kLease}, {"", "veth1 0.0.0.0 0.0.0.0\n"}, {"", ""}}),
         Join({{"pass 1"},
-              kBridgeBuildEth0,
+              BridgeBuildEth0(),
               kReattach,
-              kRegisterWrites,
+              RegisterWrites(),
               kClientStart,
               kPhyWrite,
               {"pass 2"},
@@ -388,7 +388,7 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
     EXPECT_EQ(timeline, Join({{"pass 1"},
                               failedBuild,
                               {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
-                              kRegisterWrites,
+                              RegisterWrites(),
                               kVeth1Static,
                               kPhyWrite,
                               {"pass 2"},
@@ -402,7 +402,7 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
                               kVeth1Static,
                               // Nothing until second 7; the fault has gone meanwhile.
                               {"pass 8"},
-                              kBridgeBuildEth1,
+                              BridgeBuildEth1(),
                               {"NOTICE NoteWorkDone: Recovered bridge setup after 3 failed attempts"},
                               kVeth1Static}));
 }
@@ -523,8 +523,8 @@ TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterP
     };
     EXPECT_EQ(timeline,
               Join({{"pass 1"},
-                    kBridgeBuildEth1,
-                    kRegisterWrites,
+                    BridgeBuildEth1(),
+                    RegisterWrites(),
                     kClientStart,
                     kPhyWrite,
                     {"pass 2", "INFO CheckForNewDhcpAddress: New DHCP lease for veth1"},
@@ -558,8 +558,8 @@ TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
         });
     const Lines expected =
         Join({{"pass 1"},
-              kBridgeBuildEth1,
-              kRegisterWrites,
+              BridgeBuildEth1(),
+              RegisterWrites(),
               kClientStart,
               kPhyWrite,
               // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.

@@ -1,22 +1,11 @@
 """Facts of the device that tests and tools share (the daemon has its own copy
-in C++): the tools it calls, the eth0 register write sequence, the fixed
-addresses of the second internal network and the example configurations."""
+in C++): the tools it calls, the fixed addresses of the second internal network
+and the example configurations. The expected command timelines are the tests'
+fixtures (tests/fixtures, read with tesselkit.timelines)."""
 import os
 
 # The device's tools the daemon runs; tests and tools give it stand-ins for them.
 TOOLS = ("ip", "bridge", "arptables", "iptables", "devmem", "udhcpc")
-
-# The eth0 link recovery's register writes, in order, as devmem is called.
-REGISTER_SEQUENCE = [
-    "devmem 0xFF200088 32 0x3",
-    "devmem 0xFF200088 32 0x0",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF20008C 32 0x701",
-    "devmem 0xFF20008C 32 0x700",
-    "devmem 0xFF200088 32 0x2",
-    "devmem 0xFF200088 32 0x0",
-]
 
 # The second internal network, which the isolation rules keep off eth1 and veth0:
 # veth3 and the host on eth0's side.
