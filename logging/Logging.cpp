@@ -1,12 +1,14 @@
 #include "logging/Logging.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -19,6 +21,7 @@ namespace {
 std::atomic<int> s_level{LOGGING_SEVERITY_INFO};
 std::atomic<bool> s_toStdout{true};
 std::atomic<SystemLogSink> s_systemLogSink{nullptr};
+std::atomic<bool> s_priorityPrefix{false};
 
 const char* const kLevelNames[] = {"EMERG", "ALERT", "CRIT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
 
@@ -142,7 +145,37 @@ private:
     sigset_t m_previous;
 };
 
+// One decimal number of `text` up to `end` (not included), nothing else, no sign.
+bool ParseDecimal(const char* text, const char* end, unsigned long long& value) {
+    if (text == end) return false;
+    value = 0;
+    for (const char* c = text; c != end; ++c) {
+        if (*c < '0' || *c > '9') return false;
+        const unsigned long long digit = static_cast<unsigned long long>(*c - '0');
+        if (value > (~0ULL - digit) / 10) return false;
+        value = value * 10 + digit;
+    }
+    return true;
+}
+
 }  // namespace
+
+bool UsePriorityPrefixIfStdoutIsJournal() {
+    bool journal = false;
+    // Set by whoever started the daemon: taken only in its exact form.
+    const char* stream = getenv("JOURNAL_STREAM");
+    const char* colon = stream != nullptr ? strchr(stream, ':') : nullptr;
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    struct stat out {};
+    if (colon != nullptr && ParseDecimal(stream, colon, device) &&
+        ParseDecimal(colon + 1, colon + strlen(colon), inode) && fstat(STDOUT_FILENO, &out) == 0) {
+        journal = static_cast<unsigned long long>(out.st_dev) == device &&
+                  static_cast<unsigned long long>(out.st_ino) == inode;
+    }
+    s_priorityPrefix = journal;
+    return journal;
+}
 
 const char* SeverityName(int severity) {
     return kLevelNames[severity >= LOGGING_SEVERITY_EMERG && severity <= LOGGING_SEVERITY_DEBUG
@@ -165,6 +198,11 @@ void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, con
     if (s_toStdout.load()) {
         char header[512];
         LineBuilder builder(header, sizeof header);
+        if (s_priorityPrefix.load()) {
+            builder.Char('<');
+            builder.Number(severity, 1);
+            builder.Char('>');
+        }
         AppendTimestamp(builder);
         builder.Char(' ');
         builder.Text(SeverityName(severity));

@@ -27,6 +27,14 @@ void SetLogLevel(LOGGING_SEVERITY_LEVEL level);
 // true: one line per entry on standard output; false: the system log.
 void SetLogToStdout(bool toStdout);
 
+// Whether standard output is the journal's stream: $JOURNAL_STREAM ("DEVICE:INODE",
+// set by the service manager) names the file standard output is open on. Then
+// each line on standard output starts with "<N>", N its severity, which the
+// journal takes as the entry's priority and leaves out of the text it stores;
+// anywhere else the line stays as it is. Looked at when called (once at start;
+// tests again after they move standard output); returns what it found.
+bool UsePriorityPrefixIfStdoutIsJournal();
+
 // Writes one entry. `toSystemLog` sends it to the system log as well, whatever
 // SetLogToStdout chose. Signals are held while an entry is made, so a handler
 // that logs never splits another entry; its own entry follows whole. From a

@@ -42,6 +42,8 @@ void ShowUsage(CliProcessing& cli) {
 
 int main(int argc, char** argv) {
     Logging::SetLogToStdout(true);
+    // Under the service manager each entry carries its priority into the journal.
+    Logging::UsePriorityPrefixIfStdoutIsJournal();
     Logging::SetLogLevel(Logging::LOGGING_SEVERITY_INFO);
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "tessel-networkd starting");
 

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -657,6 +658,95 @@ TEST_F(LoggingTest, EntriesInterruptedAnywhereStayWholeLines) {
     EXPECT_EQ(next, logged);
     EXPECT_EQ(handlerLines, static_cast<size_t>(g_handled));
     EXPECT_GT(g_handled, 0);
+}
+
+// --- The journal's priority prefix ---------------------------------------------------
+
+// $JOURNAL_STREAM set to `value` while in scope; afterwards unset and the prefix
+// decision taken again, so no later test sees it.
+class JournalStream {
+public:
+    explicit JournalStream(const std::string& value) { setenv("JOURNAL_STREAM", value.c_str(), 1); }
+    ~JournalStream() {
+        unsetenv("JOURNAL_STREAM");
+        Logging::UsePriorityPrefixIfStdoutIsJournal();
+    }
+    JournalStream(const JournalStream&) = delete;
+    JournalStream& operator=(const JournalStream&) = delete;
+};
+
+// "DEVICE:INODE" of what standard output is open on.
+std::string StdoutStream() {
+    struct stat out {};
+    if (fstat(STDOUT_FILENO, &out) != 0) return "unknown";
+    return std::to_string(static_cast<unsigned long long>(out.st_dev)) + ":" +
+           std::to_string(static_cast<unsigned long long>(out.st_ino));
+}
+
+// One entry of each severity on a pipe, after the decision under `stream`
+// ("" names the pipe itself). Returns the text and whether the prefix was chosen.
+std::string EveryLevelUnder(const std::string& stream, bool& chosen) {
+    Pipe pipe;
+    StdoutTo redirect(pipe.WriteEnd());
+    JournalStream journal(stream.empty() ? StdoutStream() : stream);
+    chosen = Logging::UsePriorityPrefixIfStdoutIsJournal();
+    for (int severity = Logging::LOGGING_SEVERITY_EMERG; severity <= Logging::LOGGING_SEVERITY_DEBUG; ++severity) {
+        Logging::AddEntryWithLocation(static_cast<Logging::LOGGING_SEVERITY_LEVEL>(severity), false, "entry", "f.cpp",
+                                      "Fn", 7);
+    }
+    std::string text = pipe.ReadAvailable();
+    redirect.Restore();
+    return text;
+}
+
+TEST_F(LoggingTest, EntriesToTheJournalStreamStartWithTheirPriority) {
+    bool chosen = false;
+    std::vector<std::string> lines = SplitLines(EveryLevelUnder("", chosen));
+    EXPECT_TRUE(chosen);
+    const char* const levels[] = {"EMERG", "ALERT", "CRIT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
+    ASSERT_EQ(lines.size(), 8U);
+    for (size_t severity = 0; severity < lines.size(); ++severity) {
+        SCOPED_TRACE(severity);
+        const std::string prefix = "<" + std::to_string(severity) + ">";
+        ASSERT_EQ(lines[severity].rfind(prefix, 0), 0U) << lines[severity];
+        // Behind the prefix, the line exactly as anywhere else.
+        EXPECT_EQ(WithoutStampAndLine(lines[severity].substr(prefix.size())),
+                  std::string(levels[severity]) + " f.cpp Fn: entry");
+    }
+}
+
+TEST_F(LoggingTest, LinesStayAsTheyAreWhenStdoutIsNotTheJournalStream) {
+    struct stat out {};
+    ASSERT_EQ(fstat(STDOUT_FILENO, &out), 0);
+    const std::string device = std::to_string(static_cast<unsigned long long>(out.st_dev));
+    // Another file's, malformed, or with more than the two numbers.
+    for (const std::string& stream :
+         {std::string("1:1"), device + ":", ":" + device, std::string("12"), std::string("a:b"), std::string(":"),
+          std::string("1:2:3"), std::string(" 1:2"), std::string("-1:-1"), std::string("99999999999999999999999:1"),
+          std::string("0x1:0x2")}) {
+        SCOPED_TRACE(stream);
+        bool chosen = true;
+        std::vector<std::string> lines = SplitLines(EveryLevelUnder(stream, chosen));
+        EXPECT_FALSE(chosen);
+        ASSERT_EQ(lines.size(), 8U);
+        for (const std::string& line : lines) EXPECT_NE(WithoutStampAndLine(line), "") << line;
+    }
+    // None at all.
+    unsetenv("JOURNAL_STREAM");
+    EXPECT_FALSE(Logging::UsePriorityPrefixIfStdoutIsJournal());
+}
+
+TEST_F(LoggingTest, TheJournalStreamOfAnotherDescriptorDoesNotCount) {
+    // The pipe the entries go to is not the one JOURNAL_STREAM names.
+    Pipe named;
+    struct stat other {};
+    ASSERT_EQ(fstat(named.WriteEnd(), &other), 0);
+    bool chosen = true;
+    std::string text = EveryLevelUnder(std::to_string(static_cast<unsigned long long>(other.st_dev)) + ":" +
+                                           std::to_string(static_cast<unsigned long long>(other.st_ino)),
+                                       chosen);
+    EXPECT_FALSE(chosen);
+    EXPECT_EQ(text.find('<'), std::string::npos) << text;
 }
 
 }  // namespace
