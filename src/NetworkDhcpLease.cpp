@@ -52,6 +52,24 @@ std::string ClaimName(const std::string& path, unsigned int attempt) {
     return path + ".taken-" + Util::Format("%016llx", static_cast<unsigned long long>(mix));
 }
 
+// Moves `path` to `name` in one step, never following a link at either. Kernels
+// before 3.15 lack renameat2 (ENOSYS), and some file systems its
+// RENAME_NOREPLACE (EINVAL): there a plain rename, once nothing is at the
+// name, does the same. The name cannot be guessed in advance, so whatever
+// could appear there in between is at most replaced, never followed or read;
+// and a lease written to `path` meanwhile stays there either way.
+int RenameToFreshName(const std::string& path, const std::string& name) {
+    if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    if (errno != ENOSYS && errno != EINVAL) return -1;
+    struct stat existing {};
+    if (lstat(name.c_str(), &existing) == 0) {
+        errno = EEXIST;
+        return -1;
+    }
+    if (errno != ENOENT) return -1;
+    return rename(path.c_str(), name.c_str());
+}
+
 // Whatever was moved to the claimed name, removed on every path out of the
 // reader: a lease once claimed is read at most once. A directory goes only when
 // empty; one that is not stays under the claimed name, out of the script's way.
@@ -71,7 +89,7 @@ public:
         int error = EEXIST;
         for (unsigned int attempt = 0; attempt < 4 && error == EEXIST; ++attempt) {
             std::string name = ClaimName(path, attempt);
-            if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) {
+            if (RenameToFreshName(path, name) == 0) {
                 m_path = name;
                 return 0;
             }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -11,12 +12,15 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Namespaces.h"
 #include "tests/support/NetworkRecords.h"
+#include "tests/support/RefusedSystemCalls.h"
 
 namespace {
 
@@ -625,6 +629,84 @@ TEST_F(CheckForNewDhcpAddressTest, NameFromTheFileHasItsControlCharactersEscaped
     Lines timeline = Check("eth\x1b[2J\a\\ 10.0.0.5 255.255.255.0\n", state);
     ASSERT_FALSE(timeline.empty());
     EXPECT_EQ(timeline[0], "INFO CheckForNewDhcpAddress: DHCP did not provide gateway for eth\\x1b[2J\\x07\\\\");
+}
+
+}  // namespace
+
+namespace {
+
+// --- Kernels before 3.15 (no renameat2) and file systems without RENAME_NOREPLACE ---
+
+// `body` in a forked child whose renameat2 calls fail with `error`; one line
+// "skipped: WHY" where no filter can be put in place.
+Lines WithoutRenameat2(int error, const std::function<Lines()>& body) {
+    return InNewNamespaces(0, [&] {
+        std::string why = RefuseSystemCalls({SYS_renameat2}, error);
+        if (!why.empty()) return Lines{"skipped: " + why};
+        // The kernel answers as such a kernel would (the C library turns a missing
+        // renameat2 into EINVAL when flags are given).
+        if (syscall(SYS_renameat2, AT_FDCWD, "/nonexistent-a", AT_FDCWD, "/nonexistent-b", RENAME_NOREPLACE) == 0 ||
+            errno != error) {
+            return Lines{"the filter is not in force"};
+        }
+        return body();
+    });
+}
+
+class OldKernelLeaseTest : public UntrustedLeaseTest {};
+
+TEST_F(OldKernelLeaseTest, LeaseIsClaimedAndTakenWithoutRenameat2) {
+    for (int error : {ENOSYS, EINVAL}) {
+        SCOPED_TRACE(strerror(error));
+        m_file.Write(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+        Lines lines = WithoutRenameat2(error, [&] {
+            DHCP_STATE state{};
+            LogCapture log;
+            CommandRecorder commands;
+            CheckForNewDhcpAddress(N(), 10, state);
+            Lines timeline = log.Timeline();
+            timeline.push_back(Describe(state));
+            return timeline;
+        });
+        if (lines.size() == 1 && lines[0].rfind("skipped: ", 0) == 0) GTEST_SKIP() << lines[0];
+        EXPECT_EQ(lines, (Lines{
+                             "INFO CheckForNewDhcpAddress: New DHCP lease for " + N(),
+                             "$ ip route flush dev " + N(),
+                             "$ ip addr flush dev " + N(),
+                             "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
+                             "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
+                             "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                             "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
+                             "valid 10.0.0.5 255.255.255.0 10.0.0.1",
+                         }));
+        // Read once: nothing of it is left, under its name or the claimed one.
+        EXPECT_EQ(m_file.Left(), std::vector<std::string>{});
+    }
+}
+
+TEST_F(OldKernelLeaseTest, NoFileIsStillTheQuietCase) {
+    Lines lines = WithoutRenameat2(ENOSYS, [&] {
+        DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");
+        LogCapture log;
+        CommandRecorder commands;
+        CheckForNewDhcpAddress(N(), 10, state);
+        Lines timeline = log.Timeline();
+        timeline.push_back(Describe(state));
+        return timeline;
+    });
+    if (lines.size() == 1 && lines[0].rfind("skipped: ", 0) == 0) GTEST_SKIP() << lines[0];
+    EXPECT_EQ(lines, Lines{"valid 10.0.0.5 255.255.255.0 10.0.0.1"});
+}
+
+TEST_F(OldKernelLeaseTest, SymbolicLinkIsStillNotFollowed) {
+    std::string target = m_file.Path() + "-target";
+    WriteLease(target, N() + " 10.9.9.9 255.0.0.0\n10.9.9.1\n");
+    ASSERT_EQ(symlink(target.c_str(), m_file.Path().c_str()), 0);
+    Lines lines = WithoutRenameat2(ENOSYS, [&] { return CheckUntrusted(); });
+    if (lines.size() == 1 && lines[0].rfind("skipped: ", 0) == 0) GTEST_SKIP() << lines[0];
+    EXPECT_EQ(lines, Lines{Warning("a symbolic link")});
+    EXPECT_EQ(m_file.Left(), std::vector<std::string>{"dhcp_" + N() + ".txt-target"});
+    EXPECT_EQ(ReadWhole(target), N() + " 10.9.9.9 255.0.0.0\n10.9.9.1\n");
 }
 
 }  // namespace
