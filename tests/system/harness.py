@@ -30,7 +30,8 @@ ends, the init ends, and the kernel ends whatever else ran in the namespace
 
 The paths come from the environment, which CTest sets for every test
 (tests/CMakeLists.txt): TESSEL_DAEMON (the daemon), TESSEL_CTL (the operator
-command), TESSEL_EMULATOR (a cross build's emulator) and PYTHONPATH (the
+command), TESSEL_EMULATOR (what runs the target's programs: a cross build's emulator,
+or tessel-old-kernel for the tests as on Linux 3.10) and PYTHONPATH (the
 toolkit, the source's tools/).
 
 The real network tools are never run in the test machine's own namespace: the
