@@ -1,7 +1,6 @@
 """Shared support of the lab tests: the tests' lab (tools/lab) as a Python
-object and waiting by polling, built on the toolkit (tools/tesselkit), which
-the tests import directly for the rest (frames, file events, the device's
-facts); the lab's layout comes from `tools/lab env`. The daemon and the
+object, built on the toolkit (tools/tesselkit), which the tests import
+directly for the rest (waiting, frames, file events, the device's facts); the lab's layout comes from `tools/lab env`. The daemon and the
 operator command are TESSEL_DAEMON and TESSEL_CTL, the toolkit is on
 PYTHONPATH: CTest sets them (tests/CMakeLists.txt).
 
@@ -18,10 +17,9 @@ try:
     from tesselkit import lab
 except ModuleNotFoundError as missing:
     sys.exit("labtest: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
-from tesselkit.waiting import wait_until
 
 __all__ = ["CTL", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "LAB_NAME", "Lab", "LabTestCase", "PEER0_ADDR", "PEER0_MAC",
-           "PEER1_ADDR", "lab_module", "main", "unavailable_reason", "wait_for"]
+           "PEER1_ADDR", "lab_module", "main", "unavailable_reason"]
 
 # Tests use a lab of their own name, so a demo left running (tools/demo --keep) stays untouched.
 LAB_NAME = os.environ.get("TESSEL_LAB", "tessel-labtest")
@@ -55,11 +53,6 @@ def main():
         sys.exit(77)
     unittest.main(verbosity=2)
 
-
-def wait_for(condition, timeout, what, interval=0.05):
-    """Polls until condition() gives a true value and returns it; fails the
-    test with `what` after `timeout` seconds."""
-    return wait_until(condition, what, timeout, interval)
 
 
 class Lab(lab.Lab):

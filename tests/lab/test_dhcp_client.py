@@ -6,9 +6,10 @@ import re
 import subprocess
 import time
 
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit.device import TWO_PORT_CONFIG
 from tesselkit.inotify import IN_MOVED_FROM, IN_MOVED_TO
+from tesselkit.waiting import wait_until
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.50 255.255.255.0 192.168.77.1")
 LEASE_FILE = "dhcp_veth1.txt"
@@ -41,8 +42,7 @@ class DhcpClientTest(LabTestCase):
     def lease_file_to_address(self, watch, what):
         """Waits for veth1's lease, polling finely; returns the lease and the
         time from the script's last lease file before it to the address."""
-        lease = wait_for(lambda: watch.events(IN_MOVED_TO, LEASE_FILE) and self.lab.lease_address(), 20, what,
-                         interval=0.02)
+        lease = wait_until(lambda: watch.events(IN_MOVED_TO, LEASE_FILE) and self.lab.lease_address(), what, 20, interval=0.02)
         seen = time.monotonic()
         written = [t for t in watch.events(IN_MOVED_TO, LEASE_FILE) if t <= seen][-1]
         return lease, written, seen
@@ -54,8 +54,8 @@ class DhcpClientTest(LabTestCase):
             # udhcpc writes a file on its start (no lease), then the lease's.
             lease, written, seen = self.lease_file_to_address(watch, "veth1's lease")
             # The daemon claims the file (renames it away) to read it, then deletes it.
-            wait_for(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE) and
-                     watch.events(IN_MOVED_FROM, LEASE_FILE)[-1] >= written, 5, "the daemon to take the lease file")
+            wait_until(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE) and
+                     watch.events(IN_MOVED_FROM, LEASE_FILE)[-1] >= written, "the daemon to take the lease file", 5)
         print("timing: daemon start to lease file %.2f s, lease file to address %.2f s" %
               (written - started, seen - written))
         self.assertLess(written - started, 15)
@@ -73,9 +73,9 @@ class DhcpClientTest(LabTestCase):
         monitor = self.address_monitor()
         with self.lab.watch_tmp() as watch:
             self.lab.device("kill", "-USR1", str(client))
-            wait_for(lambda: self.acks() > acks, 10, "the server to acknowledge the renewal")
-            wait_for(lambda: watch.events(IN_MOVED_TO, LEASE_FILE), 10, "the script to report the renewal")
-            wait_for(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), 5, "the daemon to read the renewal")
+            wait_until(lambda: self.acks() > acks, "the server to acknowledge the renewal", 10)
+            wait_until(lambda: watch.events(IN_MOVED_TO, LEASE_FILE), "the script to report the renewal", 10)
+            wait_until(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), "the daemon to read the renewal", 5)
         monitor.terminate()
         events = monitor.communicate(timeout=10)[0]
         self.assertEqual([], [line for line in events.splitlines() if "veth1" in line])
@@ -91,7 +91,7 @@ class DhcpClientTest(LabTestCase):
         client = self.only_client()
         mark = len(self.lab.daemon_log())
         self.lab.device("kill", "-USR2", str(client))
-        wait_for(lambda: self.lab.addresses("veth1") == [], 5, "veth1 to be flushed")
+        wait_until(lambda: self.lab.addresses("veth1") == [], "veth1 to be flushed", 5)
         self.lab.wait_for_routes([])
         self.assertIn("No DHCP lease for veth1", self.lab.daemon_log_since(mark))
 
@@ -116,28 +116,27 @@ class DhcpClientTest(LabTestCase):
 
         mark = len(self.lab.daemon_log())
         self.lab.start(TWO_PORT_CONFIG)
-        wait_for(lambda: "New DHCP lease for veth1" in self.lab.daemon_log_since(mark), 20, "a new lease")
+        wait_until(lambda: "New DHCP lease for veth1" in self.lab.daemon_log_since(mark), "a new lease", 20)
         self.assertEqual(lease, self.lab.wait_for_lease())
         self.assertIn("Killing udhcpc pid %d for interface veth1" % old, self.lab.daemon_log_since(mark))
-        wait_for(lambda: old not in self.lab.udhcpc_clients(), 5, "the old client to end")
+        wait_until(lambda: old not in self.lab.udhcpc_clients(), "the old client to end", 5)
         self.assertNotEqual(old, self.only_client())
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)])
 
     def test_static_to_dhcp_and_back(self):
         self.lab.start(STATIC_CONFIG)
-        wait_for(lambda: self.lab.addresses("veth1") == ["192.168.77.50/24"], 10, "veth1's static address")
+        wait_until(lambda: self.lab.addresses("veth1") == ["192.168.77.50/24"], "veth1's static address", 10)
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)])
         self.assertEqual({}, self.lab.udhcpc_clients())
 
         self.lab.config(TWO_PORT_CONFIG)
-        wait_for(lambda: self.lab.lease_address() and len(self.lab.addresses("veth1")) == 1, 20,
-                 "veth1's lease in place of the static address")
+        wait_until(lambda: self.lab.lease_address() and len(self.lab.addresses("veth1")) == 1, "veth1's lease in place of the static address", 20)
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)])
         client = self.only_client()
 
         mark = len(self.lab.daemon_log())
         self.lab.config(STATIC_CONFIG)
-        wait_for(lambda: self.lab.addresses("veth1") == ["192.168.77.50/24"], 10, "veth1's static address again")
+        wait_until(lambda: self.lab.addresses("veth1") == ["192.168.77.50/24"], "veth1's static address again", 10)
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)])
         self.assertIn("Configuring interface veth1 for static IP", self.lab.daemon_log_since(mark))
         # The client is left running; its reports are no longer read.

@@ -8,9 +8,10 @@ import os
 import signal
 import time
 
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.waiting import wait_until
 
 
 class KilledMidBuildTest(LabTestCase):
@@ -24,14 +25,13 @@ class KilledMidBuildTest(LabTestCase):
         with self.lab.stalled_tool("arptables", "-A") as stall:
             self.lab.start(TWO_PORT_CONFIG)
             mark = self.lab.start_mark
-            wait_for(stall.stalled, 15, "the bridge build to add its first ARP rule")
+            wait_until(stall.stalled, "the bridge build to add its first ARP rule", 15)
             pid = self.lab.daemon_pid()
             os.kill(pid, signal.SIGKILL)
-            wait_for(lambda: self.lab.daemon_pid() is None, 5, "the daemon to die")
+            wait_until(lambda: self.lab.daemon_pid() is None, "the daemon to die", 5)
             # The command it was running finishes on its own, as it would on the device.
             stall.release()
-            wait_for(lambda: self.device_commands() == [], 5,
-                     lambda: "the daemon's last command to end: %s" % self.device_commands())
+            wait_until(lambda: self.device_commands() == [], lambda: "the daemon's last command to end: %s" % self.device_commands(), 5)
         # Half built: the ports are in br0, but only the rule in flight is in force.
         self.assertNotIn("Done with bridge setup", self.lab.daemon_log_since(mark))
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
@@ -44,7 +44,7 @@ class KilledMidBuildTest(LabTestCase):
         mark = self.lab.start_mark
         self.lab.wait_for_log("INFO", "Done with bridge setup", mark, 10)
         lease = self.lab.wait_for_lease()
-        wait_for(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
+        wait_until(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)
         converged = time.monotonic()
         print("timing: restart to converged (lease, addresses, route) %.2f s" % (converged - restarted))

@@ -18,10 +18,11 @@ import signal
 import time
 import unittest
 
-from labtest import LAB_NAME, PEER1_ADDR, Lab, main, wait_for
+from labtest import LAB_NAME, PEER1_ADDR, Lab, main
 from tesselkit import isolation
 from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.lab import run
+from tesselkit.waiting import wait_until
 
 SOAK_SECONDS = float(os.environ.get("TESSEL_SOAK_SECONDS", "600"))
 SAMPLE_EVERY = 30
@@ -89,7 +90,7 @@ class SoakTest(unittest.TestCase):
     def timed(self, what, action, condition, timeout, description):
         started = time.monotonic()
         action()
-        wait_for(condition, timeout, description, interval=0.1)
+        wait_until(condition, description, timeout, interval=0.1)
         self.recoveries[what].append(time.monotonic() - started)
 
     # --- the faults and changes -------------------------------------------------------
@@ -137,7 +138,7 @@ class SoakTest(unittest.TestCase):
     # --- samples ----------------------------------------------------------------------
 
     def sample(self, pid, started):
-        wait_for(self.in_two_port_dhcp, 20, self.describe, interval=0.1)
+        wait_until(self.in_two_port_dhcp, self.describe, 20, interval=0.1)
         self.lab.wait_for_cycles(2)  # at rest: nothing pending
         # Each cycle runs a command (eth0 back into br0) and opens the
         # configuration for a moment: the least seen over a whole cycle is

@@ -10,9 +10,10 @@ at all, while the legacy one waits for /run/xtables.lock (by default, with no
 -w, since iptables 1.8.9), which any other program changing the rules holds."""
 import time
 
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.waiting import wait_until
 
 DEADLINE_S = 20  # of every command the daemon runs
 
@@ -30,19 +31,19 @@ class XtablesLockTest(LabTestCase):
             started = time.monotonic()
             self.lab.start(TWO_PORT_CONFIG)
             mark = self.lab.start_mark
-            first = wait_for(self.iptables_flushes, 10, "the bridge build to reach iptables -F")
+            first = wait_until(self.iptables_flushes, "the bridge build to reach iptables -F", 10)
             error = self.lab.wait_for_log("ERROR", "Command still running after %d s, ending it: iptables -F"
                                           % DEADLINE_S, mark, DEADLINE_S + 10)
             warned = self.lab.wait_for_log("WARN", "Retrying bridge setup in 1 s (failed attempts: 1)", mark, 5)
             # Without its IP rules eth1 is kept out of the way: the internal
             # network never meets eth1's side unfiltered.
             self.lab.wait_for_log("WARN", "Keeping eth1 down until the isolation rules are in place", mark, 5)
-            wait_for(lambda: self.lab.link("eth1")["operstate"] == "DOWN", 5, "eth1 to be down")
+            wait_until(lambda: self.lab.link("eth1")["operstate"] == "DOWN", "eth1 to be down", 5)
             failed_after = time.monotonic() - started
             # The retry hangs at the same step while the lock is held.
             # (After veth1's client has given up in the foreground: about 9 s
             # without a server, as eth1 is down.)
-            retry = wait_for(lambda: self.iptables_flushes() - first, 20, "the retry to reach iptables -F")
+            retry = wait_until(lambda: self.iptables_flushes() - first, "the retry to reach iptables -F", 20)
             self.assertNotIn("Done with bridge setup", self.lab.daemon_log_since(mark))
             self.assertEqual([], self.lab.ip_rules())
             self.assertEqual("DOWN", self.lab.link("eth1")["operstate"])
@@ -58,7 +59,7 @@ class XtablesLockTest(LabTestCase):
 
         notice = self.lab.wait_for_log("NOTICE", "Recovered bridge setup after 1 failed attempts", mark, 10)
         recovered = time.monotonic()
-        wait_for(lambda: not self.iptables_flushes() & retry, 5, "the waiting iptables -F to end")
+        wait_until(lambda: not self.iptables_flushes() & retry, "the waiting iptables -F to end", 5)
         print("timing: lock freed to %r %.2f s" % (notice.message, recovered - released))
         self.assertLess(recovered - released, 3.0)
         self.assertEqual(1, self.lab.daemon_log_since(mark).count("Done with bridge setup"))
@@ -72,7 +73,7 @@ class XtablesLockTest(LabTestCase):
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
         self.assertEqual("UP", self.lab.link("eth1")["operstate"])
         self.lab.wait_for_lease()
-        wait_for(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
+        wait_until(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)
         self.assertEqual(0, isolation.check(self.lab), "isolation checks failed (see above)")
 

@@ -6,9 +6,10 @@ and puts a FIFO there. None of it changes veth1's address or the default routes,
 the daemon names each one in a warning, and the next real lease is still taken up."""
 import re
 
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit.device import TWO_PORT_CONFIG
 from tesselkit.inotify import IN_MOVED_FROM, IN_MOVED_TO
+from tesselkit.waiting import wait_until
 
 AS_NOBODY = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
 LEASE_PATH = "/tmp/dhcp_veth1.txt"
@@ -26,8 +27,8 @@ class ForgedLeaseTest(LabTestCase):
         count = self.lab.daemon_log().count(IGNORED + why)
         with self.lab.watch_tmp() as watch:
             self.lab.device(*(user + ["sh", "-c", "\n".join(shell_lines)]))
-            wait_for(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), 5, "the daemon to take the planted entry")
-        wait_for(lambda: self.lab.daemon_log().count(IGNORED + why) > count, 5, "the warning: " + why)
+            wait_until(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), "the daemon to take the planted entry", 5)
+        wait_until(lambda: self.lab.daemon_log().count(IGNORED + why) > count, "the warning: " + why, 5)
         self.lab.wait_for_cycles(1)
 
     def test_forged_leases_change_nothing_on_the_interfaces(self):
@@ -61,8 +62,8 @@ class ForgedLeaseTest(LabTestCase):
         client = str(list(self.lab.udhcpc_clients())[0])
         with self.lab.watch_tmp() as watch:
             self.lab.device("kill", "-USR1", client)
-            wait_for(lambda: watch.events(IN_MOVED_TO, LEASE_FILE), 10, "the script to report the renewal")
-            wait_for(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), 5, "the daemon to take the renewal")
+            wait_until(lambda: watch.events(IN_MOVED_TO, LEASE_FILE), "the script to report the renewal", 10)
+            wait_until(lambda: watch.events(IN_MOVED_FROM, LEASE_FILE), "the daemon to take the renewal", 5)
         self.assertEqual(lease, self.lab.lease_address())
         self.assertEqual(before, self.state())
 

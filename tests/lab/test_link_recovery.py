@@ -6,9 +6,10 @@ port of br0 again and the sequence stops."""
 import re
 import subprocess
 
-from labtest import LabTestCase, main, wait_for
+from labtest import LabTestCase, main
 from tesselkit import timelines
 from tesselkit.lab import run
+from tesselkit.waiting import wait_until
 
 # The register writes, in order, as devmem is called.
 REGISTER_SEQUENCE = timelines.commands(timelines.fixture("register-writes.timeline"))
@@ -37,8 +38,8 @@ class LinkRecoveryTest(LabTestCase):
 
     def test_lost_carrier_bounces_eth0_and_pulses_registers_until_the_peer_is_back(self):
         self.lab.start(CONFIG)
-        wait_for(lambda: self.lab.addresses("veth1") == ["192.168.77.60/24"], 15, "the daemon's first cycle")
-        wait_for(self.eth0_in_br0, 10, "eth0 in br0")
+        wait_until(lambda: self.lab.addresses("veth1") == ["192.168.77.60/24"], "the daemon's first cycle", 15)
+        wait_until(self.eth0_in_br0, "eth0 in br0", 10)
         self.lab.wait_for_first_cycle()
         # A usable first cycle runs the sequence once.
         self.assertEqual(1, len(self.sequences()))
@@ -53,11 +54,11 @@ class LinkRecoveryTest(LabTestCase):
         run(["ip", "-n", self.lab.dev, "link", "set", "eth0", "nomaster"])
         self.addCleanup(run, ["ip", "-n", self.lab.net0, "link", "set", "peer0", "up"])
 
-        wait_for(lambda: len(self.sequences()) >= 4, 15, "three more register write sequences")
+        wait_until(lambda: len(self.sequences()) >= 4, "three more register write sequences", 15)
         # While the link is down the daemon does not put eth0 back.
         self.assertFalse(self.eth0_in_br0())
         run(["ip", "-n", self.lab.net0, "link", "set", "peer0", "up"])
-        wait_for(self.eth0_in_br0, 10, "eth0 back in br0")
+        wait_until(self.eth0_in_br0, "eth0 back in br0", 10)
         monitor.terminate()
         events = monitor.communicate(timeout=10)[0]
 

@@ -6,8 +6,9 @@ it, eth0's link. Stopped, the daemon is reported as not running."""
 import json
 import re
 
-from labtest import LabTestCase, main, wait_for
+from labtest import LabTestCase, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.waiting import wait_until
 
 
 class StatusOnTheDeviceTest(LabTestCase):
@@ -20,7 +21,7 @@ class StatusOnTheDeviceTest(LabTestCase):
             result = self.lab.ctl("status")
             return result if result.returncode == 0 else None
 
-        table = wait_for(healthy, 15, "tessel-networkctl status to report the device healthy").stdout
+        table = wait_until(healthy, "tessel-networkctl status to report the device healthy", 15).stdout
         print("\n" + table)
         self.assertRegex(table, r"State: +healthy\n")
         self.assertRegex(table, r"Bridge mode: +eth0eth1 \(configured eth0eth1\)\n")

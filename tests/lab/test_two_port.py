@@ -7,10 +7,11 @@ interfaces) together with the counters of the rules that dropped them."""
 import re
 import unittest
 
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, lab_module, main, wait_for
+from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, lab_module, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
 from tesselkit.frames import Port, arp_frame, arp_match, icmp_echo_frame, marker_match, settle
 from tesselkit.lab import run
+from tesselkit.waiting import wait_until
 
 MODULE = lab_module(globals(), start_config=TWO_PORT_CONFIG)
 
@@ -20,7 +21,7 @@ class TwoPortTest(unittest.TestCase):
     def setUpClass(cls):
         cls.lab = MODULE["lab"]
         cls.lease = cls.lab.wait_for_lease()
-        wait_for(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
+        wait_until(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
         cls.lab.wait_for_first_cycle()
 
     def setUp(self):
@@ -90,8 +91,8 @@ class TwoPortTest(unittest.TestCase):
         peer0.send(arp_frame(1, PEER0_MAC, PEER0_ADDR, self.lease))
         peer0.send(arp_frame(1, "02:00:00:00:fe:99", "10.253.254.99", "10.253.254.77"))
         # Both cross the bridge to veth2 (so they were sent and flooded) ...
-        wait_for(lambda: veth3.arrived(arp_match(1, PEER0_ADDR, self.lease)), 5, "ARP from eth0's side on veth3")
-        wait_for(lambda: veth3.arrived(arp_match(1, "10.253.254.99")), 5, "ARP from eth0's side on veth3")
+        wait_until(lambda: veth3.arrived(arp_match(1, PEER0_ADDR, self.lease)), "ARP from eth0's side on veth3", 5)
+        wait_until(lambda: veth3.arrived(arp_match(1, "10.253.254.99")), "ARP from eth0's side on veth3", 5)
         settle(self.ports)
         # ... but never to veth0.
         self.assertEqual([], veth1.arrived(arp_match(sender_ip=PEER0_ADDR)))
@@ -105,7 +106,7 @@ class TwoPortTest(unittest.TestCase):
         before, _ = self.counters()
         peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, "192.168.77.250"))
         peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, VETH3_ADDR))
-        wait_for(lambda: veth1.arrived(arp_match(1, PEER1_ADDR, "192.168.77.250")), 5, "ARP from eth1's side on veth1")
+        wait_until(lambda: veth1.arrived(arp_match(1, PEER1_ADDR, "192.168.77.250")), "ARP from eth1's side on veth1", 5)
         settle(self.ports)
         self.assertEqual([], veth3.arrived(arp_match(sender_ip=PEER1_ADDR)))
         # A question about the internal pair goes nowhere at all.
@@ -121,7 +122,7 @@ class TwoPortTest(unittest.TestCase):
         for target in (self.lease, VETH3_ADDR, PEER0_ADDR):
             peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, target))
         # veth1 answers for itself (so questions and answers do cross) ...
-        wait_for(lambda: peer1.arrived(arp_match(2, self.lease, PEER1_ADDR)), 5, "veth1's ARP answer")
+        wait_until(lambda: peer1.arrived(arp_match(2, self.lease, PEER1_ADDR)), "veth1's ARP answer", 5)
         settle(self.ports)
         # ... nobody answers for the internal pair.
         self.assertEqual([], peer1.arrived(arp_match(2, VETH3_ADDR)))
@@ -146,9 +147,9 @@ class TwoPortTest(unittest.TestCase):
         # Controls: eth1's side reaches veth1 and is answered; eth0's side reaches veth3.
         peer1.send(icmp_echo_frame(peer1.mac, DEVICE_MAC, PEER1_ADDR, self.lease, b"control-veth1"))
         peer0.send(icmp_echo_frame(PEER0_MAC, VETH3_MAC, PEER0_ADDR, VETH3_ADDR, b"control-veth3"))
-        wait_for(lambda: veth1.arrived(marker_match(b"control-veth1")), 5, "the control packet on veth1")
-        wait_for(lambda: peer1.arrived(marker_match(b"control-veth1")), 5, "veth1's echo reply on peer1")
-        wait_for(lambda: veth3.arrived(marker_match(b"control-veth3")), 5, "the control packet on veth3")
+        wait_until(lambda: veth1.arrived(marker_match(b"control-veth1")), "the control packet on veth1", 5)
+        wait_until(lambda: peer1.arrived(marker_match(b"control-veth1")), "veth1's echo reply on peer1", 5)
+        wait_until(lambda: veth3.arrived(marker_match(b"control-veth3")), "the control packet on veth3", 5)
 
         # From eth1's side to the pair, by every way into the device.
         peer1.send(icmp_echo_frame(peer1.mac, DEVICE_MAC, PEER1_ADDR, VETH3_ADDR, b"via-veth1"))

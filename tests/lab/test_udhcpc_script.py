@@ -4,8 +4,9 @@ daemon: the lease files it leaves on the device for a lease, a renewal and a
 release, exactly as the daemon reads them."""
 import re
 
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit.inotify import IN_MOVED_TO
+from tesselkit.waiting import wait_until
 
 LEASE = "/tmp/dhcp_eth1.txt"
 
@@ -20,17 +21,17 @@ class UdhcpcScriptTest(LabTestCase):
             self.assertEqual(1, len(clients), clients)
             client = str(list(clients)[0])
             # udhcpc -b returns once it has its first lease: start (no lease), then the lease.
-            text = wait_for(lambda: self.lab.device_file(LEASE), 10, "the lease file")
+            text = wait_until(lambda: self.lab.device_file(LEASE), "the lease file", 10)
             match = re.fullmatch(r"eth1 (192\.168\.77\.1\d\d) 255\.255\.255\.0\n%s\n" % re.escape(PEER1_ADDR), text)
             self.assertIsNotNone(match, text)
             self.assertEqual(2, len(watch.events(IN_MOVED_TO, "dhcp_eth1.txt")))
 
             self.lab.device("kill", "-USR1", client)
-            wait_for(lambda: len(watch.events(IN_MOVED_TO, "dhcp_eth1.txt")) == 3, 10, "the renewal's lease file")
+            wait_until(lambda: len(watch.events(IN_MOVED_TO, "dhcp_eth1.txt")) == 3, "the renewal's lease file", 10)
             self.assertEqual(text, self.lab.device_file(LEASE))
 
             self.lab.device("kill", "-USR2", client)
-            wait_for(lambda: len(watch.events(IN_MOVED_TO, "dhcp_eth1.txt")) == 4, 10, "the release's lease file")
+            wait_until(lambda: len(watch.events(IN_MOVED_TO, "dhcp_eth1.txt")) == 4, "the release's lease file", 10)
             self.assertEqual("eth1 0.0.0.0 0.0.0.0\n", self.lab.device_file(LEASE))
         # Files are renamed into place: no part of one is left behind.
         self.assertEqual(["dhcp_eth1.txt"], self.lab.device("ls", "-A", "/tmp").stdout.split())

@@ -7,9 +7,10 @@ entry, iptables exits 4 ("can't open lock file /run/xtables.lock: Read-only
 file system") and the build stops at "iptables -F" for good."""
 import os
 
-from labtest import PEER1_ADDR, LabTestCase, main, wait_for
+from labtest import PEER1_ADDR, LabTestCase, main
 from tesselkit import ROOT, isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.waiting import wait_until
 
 TMPFILES = os.path.join(ROOT, "dist", "tmpfiles.d", "tessel-networkd.conf")
 
@@ -40,12 +41,12 @@ class ReadOnlyRunTest(LabTestCase):
         self.assertEqual(38, len(arp))
         self.assertEqual(12, len(ip))
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
-        wait_for(lambda: self.lab.link("eth1")["operstate"] == "UP", 10, "eth1 to be up")
+        wait_until(lambda: self.lab.link("eth1")["operstate"] == "UP", "eth1 to be up", 10)
         self.lab.wait_for_lease()
-        wait_for(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], 10, "veth3's static address")
+        wait_until(lambda: self.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
         self.lab.wait_for_routes([(PEER1_ADDR, "veth1", 10)], 10)
         # The status document went to the unit's runtime directory all the same.
-        wait_for(lambda: self.lab.status_document(), 10, "the status document")
+        wait_until(lambda: self.lab.status_document(), "the status document", 10)
         self.assertEqual(0, isolation.check(self.lab), "isolation checks failed (see above)")
 
 
