@@ -257,13 +257,17 @@ volatile sig_atomic_t g_nTaken[4] = {0, 0, 0, 0};
 volatile sig_atomic_t g_nTakenCount = 0;
 
 void NestingHandler(int sig) {
-    ++g_nHandlerDepth;
+    // Read and written apart: C++20 deprecates ++ and -- on volatile objects.
+    g_nHandlerDepth = g_nHandlerDepth + 1;
     if (g_nHandlerDepth > g_nHandlerMaxDepth) g_nHandlerMaxDepth = g_nHandlerDepth;
-    if (g_nTakenCount < 4) g_nTaken[g_nTakenCount++] = sig;
+    if (g_nTakenCount < 4) {
+        g_nTaken[g_nTakenCount] = sig;
+        g_nTakenCount = g_nTakenCount + 1;
+    }
     // A second, different stop signal while the first is handled.
     if (sig == SIGHUP) kill(getpid(), SIGTERM);
     if (sig == SIGINT) kill(getpid(), SIGQUIT);
-    --g_nHandlerDepth;
+    g_nHandlerDepth = g_nHandlerDepth - 1;
 }
 
 TEST(InstallStopHandlerTest, ASecondStopSignalWaitsForTheFirstHandlerToFinish) {
