@@ -8,15 +8,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "src/UniqueFile.h"
 #include "util/Util.h"
 
@@ -126,23 +127,17 @@ bool ForEachClient(const std::string& interfaceName, Found found) {
 constexpr unsigned int kClientReleaseWaitMs = 3000;
 constexpr unsigned int kClientKillWaitMs = 1000;
 
-int64_t SteadyNowMs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // Waits until none of `pids` is a client of the interface any more (ended, a
 // zombie, or the pid taken by another program), `waitMs` at most, and less when
 // a stop's grace runs out. Returns those still there. Real time, not a pause of
 // the cycle: nothing waits when no client was running.
 std::vector<pid_t> WaitForClientsToGo(std::vector<pid_t> pids, const std::string& interfaceName, unsigned int waitMs) {
-    const int64_t endMs = SteadyNowMs() + waitMs;
+    const int64_t endMs = SteadyMs() + waitMs;
     for (;;) {
         pids.erase(std::remove_if(pids.begin(), pids.end(),
                                   [&interfaceName](pid_t pid) { return !IsDhcpClientOf(pid, interfaceName); }),
                    pids.end());
-        if (pids.empty() || SteadyNowMs() >= endMs || StopGraceOver()) return pids;
+        if (pids.empty() || SteadyMs() >= endMs || StopGraceOver()) return pids;
         SleepLettingSignalsIn(10);
     }
 }

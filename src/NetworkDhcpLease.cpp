@@ -19,8 +19,9 @@
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/InputText.h"
 #include "src/Network.h"
+#include "src/NetworkInputText.h"
+#include "src/NetworkShell.h"
 #include "src/UniqueFile.h"
 #include "util/Util.h"
 

@@ -35,6 +35,7 @@
 
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "src/InputText.h"
+#include "src/NetworkInputText.h"
 #include "src/Network.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"

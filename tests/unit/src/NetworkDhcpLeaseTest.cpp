@@ -14,6 +14,7 @@
 #include <string>
 
 #include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"

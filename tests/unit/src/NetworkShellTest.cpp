@@ -10,7 +10,7 @@
 #include <optional>
 #include <sstream>
 
-#include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"

@@ -1,4 +1,4 @@
-#include "src/InputText.h"
+#include "src/NetworkInputText.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "src/ServiceNotify.h"
+#include "src/NetworkNotify.h"
 
 #include <errno.h>
 #include <stddef.h>
