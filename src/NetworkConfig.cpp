@@ -12,6 +12,7 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "util/UniqueFd.h"
 
 // An ERROR entry about the file, also noted for a caller that collects them; a
 // macro, so the entry names the function and line that found the problem.
@@ -82,14 +83,14 @@ struct ConfigText {
 // false (with nothing read) otherwise. Opened without blocking, so a FIFO or a
 // device at the path never holds the cycle up, and checked before any read.
 bool ReadConfigFile(const std::string& path, ConfigText& text) {
-    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return false;
+    const Util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (!fd.IsOpen()) return false;
     struct stat status {};
     bool usable =
-        fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && static_cast<size_t>(status.st_size) <= kConfigBytesMax;
+        fstat(fd.Get(), &status) == 0 && S_ISREG(status.st_mode) && static_cast<size_t>(status.st_size) <= kConfigBytesMax;
     while (usable) {
         size_t wanted = sizeof text.bytes - text.size;
-        ssize_t count = read(fd, text.bytes + text.size, wanted);
+        ssize_t count = read(fd.Get(), text.bytes + text.size, wanted);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) {
             text.error = true;
@@ -104,7 +105,6 @@ bool ReadConfigFile(const std::string& path, ConfigText& text) {
         bool whole = status.st_size > 0 && text.size >= static_cast<size_t>(status.st_size);
         if (count == 0 || (whole && static_cast<size_t>(count) < wanted)) break;
     }
-    close(fd);
     return usable;
 }
 

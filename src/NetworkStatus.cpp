@@ -13,6 +13,7 @@
 #include <string>
 
 #include "logging/Logging.h"
+#include "util/UniqueFd.h"
 #include "util/Util.h"
 
 #ifndef TESSEL_VERSION
@@ -210,27 +211,6 @@ void WriteInterface(JsonWriter& json, const char* name, const STATUS_INTERFACE& 
 
 // --- the file -----------------------------------------------------------------
 
-// A descriptor closed on every path out of the call that opened it.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return m_fd; }
-    // Closes now; false (errno set) when the close reported an error.
-    bool Close() {
-        const int fd = m_fd;
-        m_fd = -1;
-        return close(fd) == 0;
-    }
-
-private:
-    int m_fd;
-};
-
 const char kTemporaryName[] = ".status.json.new";
 
 std::string Reason(const std::string& what) { return what + ": " + strerror(errno); }
@@ -253,8 +233,8 @@ bool ReplaceIn(int directoryFd, const std::string& text, std::string& error) {
         error = Reason(std::string("cannot remove ") + kTemporaryName);
         return false;
     }
-    Descriptor file(openat(directoryFd, kTemporaryName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (file.Get() < 0) {
+    Util::UniqueFd file(openat(directoryFd, kTemporaryName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file.IsOpen()) {
         error = Reason(std::string("cannot create ") + kTemporaryName);
         return false;
     }
@@ -412,8 +392,8 @@ bool WriteStatusFile(const std::string& directory, const std::string& text, std:
         return false;
     }
     // O_NOFOLLOW: a symbolic link put where the directory should be is refused, not followed.
-    Descriptor dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (dir.Get() < 0) {
+    const Util::UniqueFd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.IsOpen()) {
         // ELOOP: a symbolic link; ENOTDIR: anything else that is no directory.
         error =
             errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory" : Reason("cannot open " + directory);
