@@ -13,6 +13,7 @@
 #include <string>
 
 #include "logging/Logging.h"
+#include "src/NetworkModes.h"
 #include "util/UniqueFd.h"
 #include "util/Util.h"
 
@@ -68,21 +69,6 @@ void TakeInterface(const CYCLE_STATE& state, const IP_CONFIG& configured, const 
 }
 
 // --- the text -----------------------------------------------------------------
-
-const char* BridgeModeName(BRIDGE_MODE mode) {
-    switch (mode) {
-        case BRIDGE_MODE_ETH0:
-            return "eth0";
-        case BRIDGE_MODE_ETH1:
-            return "eth1";
-        case BRIDGE_MODE_ETH0ETH1:
-            return "eth0eth1";
-    }
-    return "unknown";
-}
-
-// The configuration file's words: "frame" is SGMII, anything else copper.
-const char* PhyModeName(PHY_MODE mode) { return mode == PHY_MODE_SGMII ? "frame" : "copper"; }
 
 // One call a member rather than its code at every place: the document's
 // functions stay small (GCC's and clang's attribute).
@@ -338,8 +324,8 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     for (const std::string& problem : s.m_configProblems) json.String(nullptr, problem);
     json.Close(']');
     if (s.m_bConfigured) {
-        json.String("bridge_mode", BridgeModeName(s.m_eConfiguredBridgeMode));
-        json.String("phy_mode", PhyModeName(s.m_eConfiguredPhyMode));
+        json.String("bridge_mode", BridgeModeWord(s.m_eConfiguredBridgeMode));
+        json.String("phy_mode", PhyModeWord(s.m_eConfiguredPhyMode));
     } else {
         json.Null("bridge_mode");
         json.Null("phy_mode");
@@ -347,12 +333,12 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     json.Close('}');
 
     if (s.m_bBridgeInForce) {
-        json.String("bridge_mode", BridgeModeName(s.m_eBridgeMode));
+        json.String("bridge_mode", BridgeModeWord(s.m_eBridgeMode));
     } else {
         json.Null("bridge_mode");
     }
     if (s.m_bPhyInForce) {
-        json.String("phy_mode", PhyModeName(s.m_ePhyMode));
+        json.String("phy_mode", PhyModeWord(s.m_ePhyMode));
     } else {
         json.Null("phy_mode");
     }
