@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "src/NetworkStatus.h"
+#include "src/NetworkStatusSchema.h"
 #include "tools/netcheck/ConfigCheck.h"
 #include "tools/networkctl/StatusView.h"
 

@@ -37,6 +37,9 @@
 #include "src/NetworkCycle.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
+#include "src/NetworkStatusFile.h"
+#include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusSnapshot.h"
 #include "util/UniqueDir.h"
 #include "util/UniqueFd.h"
 

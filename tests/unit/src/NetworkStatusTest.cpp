@@ -8,7 +8,11 @@
 #include <vector>
 
 #include "src/NetworkCycle.h"
+#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
+#include "src/NetworkStatusFile.h"
+#include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusSnapshot.h"
 #include "tests/support/Files.h"
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
