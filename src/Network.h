@@ -28,12 +28,22 @@ enum PHY_MODE : uint32_t {
     PHY_MODE_SGMII = 1,   // RGMII to SGMII, PHY type 4
 };
 
+// The C library's address and time records have no equality of their own: the
+// one each, here, that every record's defaulted comparison uses for them.
+inline bool operator==(const in_addr& a, const in_addr& b) { return a.s_addr == b.s_addr; }
+inline bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+// Records compare field by field (defaulted, so no field can be left out): the
+// padding after a flag holds nothing that counts.
+
 // One interface's IPv4 addressing. A gateway of 0.0.0.0 means no default route.
 struct IP_CONFIG {
     bool m_bDhcp;  // true: the addresses come from the DHCP client
     in_addr m_ipAddress;
     in_addr m_subnetMask;  // a dotted mask, never a prefix length
     in_addr m_gateway;
+
+    bool operator==(const IP_CONFIG&) const = default;
 };
 
 // The DHCP lease in force on one interface. Zero-filled means no lease.
@@ -42,20 +52,9 @@ struct DHCP_STATE {
     in_addr m_ipAddress;
     in_addr m_subnetMask;
     in_addr m_gateway;
+
+    bool operator==(const DHCP_STATE&) const = default;
 };
-
-// Records compare field by field: the padding after a flag holds nothing that counts.
-inline bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
-    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-inline bool operator!=(const IP_CONFIG& a, const IP_CONFIG& b) { return !(a == b); }
-
-inline bool operator==(const DHCP_STATE& a, const DHCP_STATE& b) {
-    return a.m_bLeaseValid == b.m_bLeaseValid && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-inline bool operator!=(const DHCP_STATE& a, const DHCP_STATE& b) { return !(a == b); }
 
 struct USER_SETTINGS {
     BRIDGE_MODE m_eBridgeMode;
@@ -64,13 +63,9 @@ struct USER_SETTINGS {
     IP_CONFIG m_veth3Config;
     IP_CONFIG m_vrx0Config;
     IP_CONFIG m_vrx1Config;
-};
 
-inline bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
-    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
-           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
-}
-inline bool operator!=(const USER_SETTINGS& a, const USER_SETTINGS& b) { return !(a == b); }
+    bool operator==(const USER_SETTINGS&) const = default;
+};
 
 // --- Configuration --------------------------------------------------------
 

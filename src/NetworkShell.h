@@ -16,13 +16,9 @@ struct COMMAND_OUTCOME {
     bool m_bTimedOut = false;  // ran past its deadline and was ended by the runner
 
     bool Succeeded() const { return m_bStarted && !m_bTimedOut && m_bExited && m_nStatus == 0; }
+    // Field by field.
+    bool operator==(const COMMAND_OUTCOME&) const = default;
 };
-
-inline bool operator==(const COMMAND_OUTCOME& a, const COMMAND_OUTCOME& b) {
-    return a.m_bStarted == b.m_bStarted && a.m_nError == b.m_nError && a.m_bExited == b.m_bExited &&
-           a.m_nStatus == b.m_nStatus && a.m_bTimedOut == b.m_bTimedOut;
-}
-inline bool operator!=(const COMMAND_OUTCOME& a, const COMMAND_OUTCOME& b) { return !(a == b); }
 
 // The outcome in words: "exit status 2", "ended by signal 9", "not started (...)",
 // "ended after its deadline".

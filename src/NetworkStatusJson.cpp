@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 
+#include "src/Network.h"
 #include "src/NetworkModes.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatusSchema.h"
@@ -17,8 +18,6 @@
 #include "util/Util.h"
 
 namespace {
-
-bool IsZero(const timespec& t) { return t.tv_sec == 0 && t.tv_nsec == 0; }
 
 // One call a member rather than its code at every place: the document's
 // functions stay small (GCC's and clang's attribute).
@@ -67,7 +66,7 @@ public:
     }
     // ISO 8601 with the zone, or null for the zero time.
     NOINLINE void Time(const char* name, const timespec& t) {
-        if (IsZero(t)) return Null(name);
+        if (t == timespec{}) return Null(name);
         String(name, Util::FormatIsoTime(t));
     }
 
@@ -97,7 +96,7 @@ void WriteWork(JsonWriter& json, const char* name, const STATUS_WORK& work) {
     json.Open(name, '{');
     json.Bool("failing", work.m_nFailures != 0);
     json.Number("failures", work.m_nFailures);
-    if (IsZero(work.m_failedAt)) {
+    if (work.m_failedAt == timespec{}) {
         json.Null("last_failure");
     } else {
         json.Open("last_failure", '{');

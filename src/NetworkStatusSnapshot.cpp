@@ -13,12 +13,9 @@
 
 namespace {
 
-bool SameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
-bool IsZero(const timespec& t) { return t.tv_sec == 0 && t.tv_nsec == 0; }
-
 void TakeWork(const WORK_HEALTH& health, STATUS_WORK& work) {
     work.m_nFailures = health.m_nFailures;
-    const bool bEverFailed = !IsZero(health.m_failedAt);
+    const bool bEverFailed = health.m_failedAt != timespec{};
     // assign() keeps the text's storage: no allocation once it has held a command this long.
     work.m_command.assign(bEverFailed ? health.m_lastFailure.m_command : std::string());
     work.m_outcome = bEverFailed ? health.m_lastFailure.m_outcome : COMMAND_OUTCOME{};
@@ -59,31 +56,6 @@ void TakeInterface(const CYCLE_STATE& state, const IP_CONFIG& configured, const 
 }
 
 }  // namespace
-
-bool operator==(const STATUS_WORK& a, const STATUS_WORK& b) {
-    return a.m_nFailures == b.m_nFailures && a.m_command == b.m_command && a.m_outcome == b.m_outcome &&
-           SameTime(a.m_failedAt, b.m_failedAt) && SameTime(a.m_recoveredAt, b.m_recoveredAt);
-}
-
-bool operator==(const STATUS_INTERFACE& a, const STATUS_INTERFACE& b) {
-    return a.m_bShown == b.m_bShown && a.m_bRequested == b.m_bRequested && a.m_requested == b.m_requested &&
-           a.m_bInForce == b.m_bInForce && a.m_bFromDhcp == b.m_bFromDhcp && a.m_address.s_addr == b.m_address.s_addr &&
-           a.m_mask.s_addr == b.m_mask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr &&
-           a.m_nMetric == b.m_nMetric && SameTime(a.m_leaseAt, b.m_leaseAt) && a.m_clientPid == b.m_clientPid &&
-           a.m_nClientStarts == b.m_nClientStarts && a.m_work == b.m_work;
-}
-
-bool operator==(const STATUS_SNAPSHOT& a, const STATUS_SNAPSHOT& b) {
-    return a.m_bConfigRead == b.m_bConfigRead && a.m_bConfigUsable == b.m_bConfigUsable &&
-           a.m_configProblems == b.m_configProblems && a.m_bConfigured == b.m_bConfigured &&
-           a.m_eConfiguredBridgeMode == b.m_eConfiguredBridgeMode && a.m_eConfiguredPhyMode == b.m_eConfiguredPhyMode &&
-           a.m_bBridgeInForce == b.m_bBridgeInForce && a.m_eBridgeMode == b.m_eBridgeMode &&
-           a.m_bPhyInForce == b.m_bPhyInForce && a.m_ePhyMode == b.m_ePhyMode && a.m_bEth0Used == b.m_bEth0Used &&
-           a.m_bEth0LinkUp == b.m_bEth0LinkUp && a.m_nEth0Recoveries == b.m_nEth0Recoveries &&
-           SameTime(a.m_eth0RecoveredAt, b.m_eth0RecoveredAt) && a.m_startup == b.m_startup &&
-           a.m_bridge == b.m_bridge && a.m_registers == b.m_registers && a.m_phy == b.m_phy && a.m_veth1 == b.m_veth1 &&
-           a.m_veth3 == b.m_veth3;
-}
 
 void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_bConfigRead = state.m_bConfigRead;

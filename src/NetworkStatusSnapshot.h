@@ -21,6 +21,8 @@ struct STATUS_WORK {
     COMMAND_OUTCOME m_outcome;     // how it ended
     timespec m_failedAt{};         // zero: never failed
     timespec m_recoveredAt{};      // zero: not recovered since
+
+    bool operator==(const STATUS_WORK&) const = default;
 };
 
 // One served interface as the document shows it.
@@ -38,6 +40,8 @@ struct STATUS_INTERFACE {
     pid_t m_clientPid = 0;  // the DHCP client, 0 when none is known
     unsigned int m_nClientStarts = 0;
     STATUS_WORK m_work;  // its addressing work
+
+    bool operator==(const STATUS_INTERFACE&) const = default;
 };
 
 // Every field of the document that can change while the daemon runs. Taken after
@@ -64,15 +68,10 @@ struct STATUS_SNAPSHOT {
     STATUS_WORK m_phy;        // the PHY mode's eth1 bounce
     STATUS_INTERFACE m_veth1;
     STATUS_INTERFACE m_veth3;
-};
 
-// Field by field, as the document would show them.
-bool operator==(const STATUS_WORK& a, const STATUS_WORK& b);
-inline bool operator!=(const STATUS_WORK& a, const STATUS_WORK& b) { return !(a == b); }
-bool operator==(const STATUS_INTERFACE& a, const STATUS_INTERFACE& b);
-inline bool operator!=(const STATUS_INTERFACE& a, const STATUS_INTERFACE& b) { return !(a == b); }
-bool operator==(const STATUS_SNAPSHOT& a, const STATUS_SNAPSHOT& b);
-inline bool operator!=(const STATUS_SNAPSHOT& a, const STATUS_SNAPSHOT& b) { return !(a == b); }
+    // Field by field, every field: defaulted, so none can be left out.
+    bool operator==(const STATUS_SNAPSHOT&) const = default;
+};
 
 // Fills `snapshot` from the cycle's state, in place (its texts keep their storage).
 void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot);

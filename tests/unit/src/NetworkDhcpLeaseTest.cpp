@@ -16,6 +16,7 @@
 #include "src/Network.h"
 #include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/FieldChanges.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
 
@@ -101,6 +102,10 @@ protected:
     LeaseFile m_file;
     const std::string& N() const { return m_file.Name(); }
 };
+
+TEST(LeaseStateTest, EqualityNoticesAChangeInEachFieldInTurn) {
+    ExpectEveryChangeNoticed(LeaseState(true, "192.168.77.100", "255.255.255.0", "192.168.77.1"), LeaseStateChanges());
+}
 
 TEST_F(CheckForNewDhcpAddressTest, NoFileDoesNothing) {
     DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");

@@ -12,6 +12,7 @@
 
 #include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/FieldChanges.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -135,6 +136,10 @@ TEST(RunShellCommandTest, EachCommandHasAProcessGroupOfItsOwn) {
     EXPECT_GT(pid, 0);
     EXPECT_EQ(group, pid);
     EXPECT_NE(group, static_cast<long>(getpgrp()));
+}
+
+TEST(CommandOutcomeTest, EqualityNoticesAChangeInEachFieldInTurn) {
+    ExpectEveryChangeNoticed(COMMAND_OUTCOME{}, OutcomeChanges());
 }
 
 TEST(DescribeOutcomeTest, NamesAStartThatFailedAndADeadline) {
