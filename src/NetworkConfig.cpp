@@ -83,8 +83,8 @@ bool ReadConfigFile(const std::string& path, ConfigText& text) {
     const Util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!fd.IsOpen()) return false;
     struct stat status {};
-    bool usable =
-        fstat(fd.Get(), &status) == 0 && S_ISREG(status.st_mode) && static_cast<size_t>(status.st_size) <= kConfigBytesMax;
+    bool usable = fstat(fd.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                  static_cast<size_t>(status.st_size) <= kConfigBytesMax;
     while (usable) {
         size_t wanted = sizeof text.bytes - text.size;
         ssize_t count = read(fd.Get(), text.bytes + text.size, wanted);

@@ -39,7 +39,8 @@ bool ReplaceIn(int directoryFd, const std::string& text, std::string& error) {
         error = Reason(std::string("cannot remove ") + kTemporaryName);
         return false;
     }
-    Util::UniqueFd file(openat(directoryFd, kTemporaryName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    Util::UniqueFd file(
+        openat(directoryFd, kTemporaryName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file.IsOpen()) {
         error = Reason(std::string("cannot create ") + kTemporaryName);
         return false;

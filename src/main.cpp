@@ -13,6 +13,7 @@
 #include "src/NetworkNotify.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
+#include "src/NetworkStatusSchema.h"
 #include "util/Util.h"
 
 namespace {

@@ -80,8 +80,7 @@ inline FieldChanges<DHCP_STATE> LeaseStateChanges() {
 
 inline FieldChanges<USER_SETTINGS> SettingsChanges() {
     FieldChanges<USER_SETTINGS> changes = {
-        {"m_eBridgeMode",
-         [](USER_SETTINGS& s) { s.m_eBridgeMode = static_cast<BRIDGE_MODE>(s.m_eBridgeMode + 1U); }},
+        {"m_eBridgeMode", [](USER_SETTINGS& s) { s.m_eBridgeMode = static_cast<BRIDGE_MODE>(s.m_eBridgeMode + 1U); }},
         {"m_ePhyMode", [](USER_SETTINGS& s) { s.m_ePhyMode = static_cast<PHY_MODE>(s.m_ePhyMode + 1U); }},
     };
     AddFieldChanges(changes, "m_veth1Config", &USER_SETTINGS::m_veth1Config, IpConfigChanges());

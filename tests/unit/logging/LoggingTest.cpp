@@ -214,8 +214,8 @@ TEST_F(LoggingTest, LineHasLocalTimeLevelFileLineFunctionAndMessage) {
         std::string stamp;
         std::string rest;
         ASSERT_TRUE(SplitStamp(text, stamp, rest)) << text;
-        EXPECT_EQ(rest,
-                  "INFO tests/unit/logging/LoggingTest.cpp:" + std::to_string(g_helperLine) + " LogFromHelper: hello, world\n");
+        EXPECT_EQ(rest, "INFO tests/unit/logging/LoggingTest.cpp:" + std::to_string(g_helperLine) +
+                            " LogFromHelper: hello, world\n");
         EXPECT_LE(LocalStamp(before), stamp);
         EXPECT_GE(LocalStamp(after), stamp);
     }
@@ -518,9 +518,9 @@ TEST_F(LoggingTest, HandlerLoggingDuringAFlaggedEntryGivesTwoWholeLines) {
         EXPECT_GE(LocalStamp(after), stamp);
         rests.push_back(WithoutStampAndLine(line));
     }
-    EXPECT_EQ(rests,
-              (std::vector<std::string>{"WARN tests/unit/logging/LoggingTest.cpp TestBody: outer entry",
-                                        "INFO tests/unit/logging/LoggingTest.cpp LogFromSignalHandler: " + handlerMessage}));
+    EXPECT_EQ(rests, (std::vector<std::string>{
+                         "WARN tests/unit/logging/LoggingTest.cpp TestBody: outer entry",
+                         "INFO tests/unit/logging/LoggingTest.cpp LogFromSignalHandler: " + handlerMessage}));
     EXPECT_EQ(g_systemLog, (std::vector<std::string>{"<4> outer entry"}));
 }
 

@@ -256,10 +256,13 @@ FieldChanges<STATUS_SNAPSHOT> SnapshotChanges() {
     FieldChanges<STATUS_SNAPSHOT> changes = {
         {"m_bConfigRead", [](STATUS_SNAPSHOT& s) { s.m_bConfigRead = !s.m_bConfigRead; }},
         {"m_bConfigUsable", [](STATUS_SNAPSHOT& s) { s.m_bConfigUsable = !s.m_bConfigUsable; }},
-        {"m_configProblems", [](STATUS_SNAPSHOT& s) { s.m_configProblems.emplace_back("No veth3 line in config file"); }},
+        {"m_configProblems",
+         [](STATUS_SNAPSHOT& s) { s.m_configProblems.emplace_back("No veth3 line in config file"); }},
         {"m_bConfigured", [](STATUS_SNAPSHOT& s) { s.m_bConfigured = !s.m_bConfigured; }},
         {"m_eConfiguredBridgeMode",
-         [](STATUS_SNAPSHOT& s) { s.m_eConfiguredBridgeMode = static_cast<BRIDGE_MODE>(s.m_eConfiguredBridgeMode + 1U); }},
+         [](STATUS_SNAPSHOT& s) {
+             s.m_eConfiguredBridgeMode = static_cast<BRIDGE_MODE>(s.m_eConfiguredBridgeMode + 1U);
+         }},
         {"m_eConfiguredPhyMode",
          [](STATUS_SNAPSHOT& s) { s.m_eConfiguredPhyMode = static_cast<PHY_MODE>(s.m_eConfiguredPhyMode + 1U); }},
         {"m_bBridgeInForce", [](STATUS_SNAPSHOT& s) { s.m_bBridgeInForce = !s.m_bBridgeInForce; }},
