@@ -23,8 +23,12 @@ using FieldChanges = std::vector<std::pair<std::string, std::function<void(Recor
 template <typename Outer, typename Inner>
 void AddFieldChanges(FieldChanges<Outer>& changes, const std::string& name, Inner Outer::*member,
                      const FieldChanges<Inner>& inner) {
-    for (const auto& [innerName, change] : inner) {
-        changes.emplace_back(name + "." + innerName, [member, change](Outer& outer) { change(outer.*member); });
+    for (const auto& entry : inner) {
+        std::string fullName = name;
+        fullName += '.';
+        fullName += entry.first;
+        changes.emplace_back(std::move(fullName),
+                             [member, change = entry.second](Outer& outer) { change(outer.*member); });
     }
 }
 

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -107,7 +108,8 @@ TEST(NotifyTest, TheWatchdogIsFedAtMostEveryHalfPeriodOnceReady) {
     // Readiness counts as a feed: nothing within the second after it.
     NotifyWatchdog();
     EXPECT_EQ(listener.Take(), std::nullopt);
-    usleep(1100 * 1000);
+    const timespec beyondHalf = {1, 100 * 1000 * 1000};
+    nanosleep(&beyondHalf, nullptr);
     NotifyWatchdog();
     EXPECT_EQ(listener.Take(), "WATCHDOG=1");
     NotifyWatchdog();

@@ -38,7 +38,7 @@ TEST(UniqueFdTest, AMoveHandsTheDescriptorOverAndClosesWhatTheTargetHeld) {
     const int a = first.Get();
     const int b = second.Get();
     second = std::move(first);
-    EXPECT_FALSE(first.IsOpen());  // NOLINT(bugprone-use-after-move): moved-from owns nothing
+    EXPECT_FALSE(first.IsOpen());  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move): it owns nothing now
     EXPECT_EQ(second.Get(), a);
     EXPECT_FALSE(IsOpenDescriptor(b));
     Util::UniqueFd third(std::move(second));
