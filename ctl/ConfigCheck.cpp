@@ -10,6 +10,7 @@
 #include "ctl/ConfigCheck.h"
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkModes.h"
 
 namespace {
 
@@ -63,16 +64,16 @@ std::string OptionalText(bool bValid, const IP_CONFIG& read, const IP_CONFIG& pr
     return "no valid line (not needed)";
 }
 
-const char* BridgeText(BRIDGE_MODE mode) {
-    switch (mode) {
-        case BRIDGE_MODE_ETH0:
-            return "eth0: eth0 in br0";
-        case BRIDGE_MODE_ETH1:
-            return "eth1: eth1 in br0";
-        case BRIDGE_MODE_ETH0ETH1:
-            return "eth0eth1: eth0 and eth1 in br0, second pair veth2/veth3 with the isolation rules";
-    }
-    return "unknown";
+// The mode's word and what it bridges: "eth1: eth1 in br0".
+std::string BridgeText(BRIDGE_MODE mode) {
+    const BRIDGE_MODE_TEXT* text = FindBridgeMode(mode);
+    return text != nullptr ? std::string(text->m_szWord) + ": " + text->m_szPorts : "unknown";
+}
+
+// The mode's word and the wiring: "frame: RGMII to SGMII".
+std::string PhyText(PHY_MODE mode) {
+    const PHY_MODE_TEXT& text = PhyModeText(mode);
+    return std::string(text.m_szWord) + ": " + text.m_szWiring;
 }
 
 }  // namespace
@@ -117,9 +118,9 @@ int CheckConfigFile(const std::string& path) {
     bool bVeth1Set = SameConfig(s.m_veth1Config, p.m_veth1Config);
     bool bVeth3Set = SameConfig(s.m_veth3Config, p.m_veth3Config);
 
-    printf("bridge  %s\n", bBridgeSet ? BridgeText(s.m_eBridgeMode) : "no valid line");
+    printf("bridge  %s\n", bBridgeSet ? BridgeText(s.m_eBridgeMode).c_str() : "no valid line");
     if (bPhySet) {
-        printf("phy     %s\n", s.m_ePhyMode == PHY_MODE_SGMII ? "frame: RGMII to SGMII" : "copper: RGMII to copper");
+        printf("phy     %s\n", PhyText(s.m_ePhyMode).c_str());
     } else {
         printf("phy     no valid line: copper when the daemon starts, else the mode it has\n");
     }

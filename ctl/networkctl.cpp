@@ -18,7 +18,7 @@
 
 #include "ctl/ConfigCheck.h"
 #include "ctl/StatusView.h"
-#include "src/NetworkStatus.h"
+#include "src/NetworkStatusSchema.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkShell.h"
 
 // Log entries are still formatted and written, only to /dev/null, so the
 // logging paths are exercised without flooding the fuzzer's output.

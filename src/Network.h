@@ -1,4 +1,6 @@
 // Configuration records and every network control function of the daemon.
+// The runner the functions' commands go through is src/NetworkShell.h, the
+// retries of failed work src/NetworkRetry.h.
 #pragma once
 
 #include <netinet/in.h>
@@ -6,9 +8,11 @@
 #include <time.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
+
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
 
 // Which physical ports join br0. Kept as arithmetic on the value: bit 1 cleared
 // gives 0 for the modes with eth0, value - 1 (unsigned) <= 1 for the modes with eth1.
@@ -24,12 +28,22 @@ enum PHY_MODE : uint32_t {
     PHY_MODE_SGMII = 1,   // RGMII to SGMII, PHY type 4
 };
 
+// The C library's address and time records have no equality of their own: the
+// one each, here, that every record's defaulted comparison uses for them.
+inline bool operator==(const in_addr& a, const in_addr& b) { return a.s_addr == b.s_addr; }
+inline bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+// Records compare field by field (defaulted, so no field can be left out): the
+// padding after a flag holds nothing that counts.
+
 // One interface's IPv4 addressing. A gateway of 0.0.0.0 means no default route.
 struct IP_CONFIG {
     bool m_bDhcp;  // true: the addresses come from the DHCP client
     in_addr m_ipAddress;
     in_addr m_subnetMask;  // a dotted mask, never a prefix length
     in_addr m_gateway;
+
+    bool operator==(const IP_CONFIG&) const = default;
 };
 
 // The DHCP lease in force on one interface. Zero-filled means no lease.
@@ -38,20 +52,9 @@ struct DHCP_STATE {
     in_addr m_ipAddress;
     in_addr m_subnetMask;
     in_addr m_gateway;
+
+    bool operator==(const DHCP_STATE&) const = default;
 };
-
-// Records compare field by field: the padding after a flag holds nothing that counts.
-inline bool operator==(const IP_CONFIG& a, const IP_CONFIG& b) {
-    return a.m_bDhcp == b.m_bDhcp && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-inline bool operator!=(const IP_CONFIG& a, const IP_CONFIG& b) { return !(a == b); }
-
-inline bool operator==(const DHCP_STATE& a, const DHCP_STATE& b) {
-    return a.m_bLeaseValid == b.m_bLeaseValid && a.m_ipAddress.s_addr == b.m_ipAddress.s_addr &&
-           a.m_subnetMask.s_addr == b.m_subnetMask.s_addr && a.m_gateway.s_addr == b.m_gateway.s_addr;
-}
-inline bool operator!=(const DHCP_STATE& a, const DHCP_STATE& b) { return !(a == b); }
 
 struct USER_SETTINGS {
     BRIDGE_MODE m_eBridgeMode;
@@ -60,110 +63,9 @@ struct USER_SETTINGS {
     IP_CONFIG m_veth3Config;
     IP_CONFIG m_vrx0Config;
     IP_CONFIG m_vrx1Config;
+
+    bool operator==(const USER_SETTINGS&) const = default;
 };
-
-inline bool operator==(const USER_SETTINGS& a, const USER_SETTINGS& b) {
-    return a.m_eBridgeMode == b.m_eBridgeMode && a.m_ePhyMode == b.m_ePhyMode && a.m_veth1Config == b.m_veth1Config &&
-           a.m_veth3Config == b.m_veth3Config && a.m_vrx0Config == b.m_vrx0Config && a.m_vrx1Config == b.m_vrx1Config;
-}
-inline bool operator!=(const USER_SETTINGS& a, const USER_SETTINGS& b) { return !(a == b); }
-
-// --- Shell commands -------------------------------------------------------
-
-// How one command ended. A default record is a command that ran and exited 0.
-struct COMMAND_OUTCOME {
-    bool m_bStarted = true;    // false: no process ran; m_nError says why
-    int m_nError = 0;          // the errno of a start that failed
-    bool m_bExited = true;     // ended by exit (m_nStatus is its status), not by a signal
-    int m_nStatus = 0;         // the exit status, or the signal that ended it
-    bool m_bTimedOut = false;  // ran past its deadline and was ended by the runner
-
-    bool Succeeded() const { return m_bStarted && !m_bTimedOut && m_bExited && m_nStatus == 0; }
-};
-
-inline bool operator==(const COMMAND_OUTCOME& a, const COMMAND_OUTCOME& b) {
-    return a.m_bStarted == b.m_bStarted && a.m_nError == b.m_nError && a.m_bExited == b.m_bExited &&
-           a.m_nStatus == b.m_nStatus && a.m_bTimedOut == b.m_bTimedOut;
-}
-inline bool operator!=(const COMMAND_OUTCOME& a, const COMMAND_OUTCOME& b) { return !(a == b); }
-
-// The outcome in words: "exit status 2", "ended by signal 9", "not started (...)",
-// "ended after its deadline".
-std::string DescribeOutcome(const COMMAND_OUTCOME& outcome);
-
-// How long a command may run before the runner ends it, and how long it has
-// after SIGTERM before SIGKILL.
-constexpr unsigned int kCommandDeadlineMs = 20000;
-constexpr unsigned int kCommandKillGraceMs = 2000;
-
-// Runs one command line through /bin/sh -c and waits for it. Every shell command
-// of the daemon goes through here.
-COMMAND_OUTCOME RunCommand(const std::string& command);
-
-// The function RunCommand hands its text to. Tests put a recorder here; an empty
-// function puts the real runner back. Returns the one it replaced.
-using CommandRunner = std::function<COMMAND_OUTCOME(const std::string& command)>;
-CommandRunner SetCommandRunner(CommandRunner runner);
-
-// The real runner: starts the shell in a process group of its own, with default
-// signal dispositions and an empty signal mask, and lets the daemon's stop
-// signals in while it waits, so a stop requested during a command is neither
-// lost nor delayed past the cycle. A command still running at its deadline is
-// ended, group and all (SIGTERM, then SIGKILL), with an ERROR entry.
-COMMAND_OUTCOME RunShellCommand(const std::string& command);
-
-// Called from the stop signals' handler (async-signal-safe). From then on the
-// daemon has a short grace to finish what it is doing: commands still running
-// after it are ended, none is started, and pauses end, so a stop never waits
-// on a command that hangs.
-void RequestStop();
-bool StopRequested();
-// Whether the grace after a stop request has run out.
-bool StopGraceOver();
-// Forgets a stop request (for tests that request one).
-void ClearStopRequest();
-// Installs `handler` for the stop signals (SIGHUP, SIGINT, SIGTERM, SIGQUIT),
-// with all of them held off while it runs, so it is never re-entered.
-void InstallStopHandler(void (*handler)(int));
-// Blocks the stop signals: the daemon takes them only while it waits (its
-// pauses and running commands), so the handler, which logs, never lands in the
-// middle of a heap or log call.
-void BlockStopSignals();
-
-// One step of a piece of work: a command and whether the work needs it to
-// succeed. Steps that only clear what may not exist may fail.
-struct SHELL_STEP {
-    const char* m_szCommand;
-    bool m_bMustSucceed;
-};
-
-// Why a piece of work stopped short: the step that failed, and how.
-struct WORK_FAILURE {
-    std::string m_command;
-    COMMAND_OUTCOME m_outcome;
-};
-
-// `failure`, or a record of no interest when it is null (for callers that do
-// not ask why a piece of work stopped).
-WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
-
-// Runs one step. Returns false, with `failure` filled in and an ERROR entry, when
-// the work cannot go on: a step that must succeed failed, or any step could not
-// be started or ran past its deadline.
-bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure);
-
-// Waits `milliseconds`; every pause of the daemon (the loop's second, the register
-// pulses) goes through here, so tests can record pauses beside the commands.
-void Pause(unsigned int milliseconds);
-
-// The function Pause hands its duration to; tests put a recorder here, an empty
-// function puts the real pause back. Returns the one it replaced.
-using PauseRunner = std::function<void(unsigned int milliseconds)>;
-PauseRunner SetPauseRunner(PauseRunner runner);
-
-// The real pause: sleeps the whole period, resuming after a signal is taken, and
-// is, with a running command, where the daemon's stop signals are let in.
-void SleepLettingSignalsIn(unsigned int milliseconds);
 
 // --- Configuration --------------------------------------------------------
 
@@ -182,35 +84,6 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config);
 // ("No veth1 line in config file"), which is not logged.
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
                     bool& bVrx1Valid, std::vector<std::string>* problems = nullptr);
-
-// --- Retried work ---------------------------------------------------------
-
-// The health of one piece of work that must succeed (the bridge build, one
-// interface's addressing): after a failure it is tried again on a later cycle,
-// waiting 1, 2, 4 ... up to 60 seconds between attempts.
-struct WORK_HEALTH {
-    unsigned int m_nFailures = 0;  // failed attempts since the last success; 0: healthy
-    int64_t m_nRetryAtMs = 0;      // monotonic time before which it is not tried again
-    WORK_FAILURE m_lastFailure;    // the last failure, kept after recovery for the record
-    timespec m_failedAt{};         // real time of the last failure; zero: never failed
-    timespec m_recoveredAt{};      // real time of the success after it; zero: not yet
-};
-
-// The longest wait between two attempts of failing work.
-constexpr unsigned int kRetryMaxDelayMs = 60000;
-
-// Milliseconds of the monotonic clock the retries and client checks go by.
-int64_t MonotonicMs();
-// Sets the clock MonotonicMs reads (tests); nullptr puts the system's back.
-using MonotonicClock = int64_t (*)();
-MonotonicClock SetMonotonicClock(MonotonicClock clock);
-
-// Whether the work is healthy or its wait after the last failure is over.
-bool WorkDue(const WORK_HEALTH& health);
-// Notes a failed attempt of the work named `work` and when to try it again.
-void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure);
-// Notes a successful attempt; after failures, a NOTICE entry says it recovered.
-void NoteWorkDone(WORK_HEALTH& health, const std::string& work);
 
 // --- Bridge, addresses, links ---------------------------------------------
 

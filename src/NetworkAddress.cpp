@@ -1,7 +1,10 @@
 #include <arpa/inet.h>
 
+#include <string>
+
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "util/Util.h"
 
 namespace {

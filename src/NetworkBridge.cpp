@@ -1,10 +1,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <string>
 
 #include "logging/Logging.h"
-#include "src/InputText.h"
 #include "src/Network.h"
+#include "src/NetworkInputText.h"
+#include "src/NetworkShell.h"
 
 namespace {
 

@@ -12,6 +12,8 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkModes.h"
+#include "util/UniqueFd.h"
 
 // An ERROR entry about the file, also noted for a caller that collects them; a
 // macro, so the entry names the function and line that found the problem.
@@ -52,18 +54,14 @@ LineKind FindLineKind(const char* line) {
     return LINE_OTHER;
 }
 
-bool BridgeModeFromWord(const char* word, BRIDGE_MODE& mode) {
-    static const struct {
-        const char* word;
-        BRIDGE_MODE mode;
-    } kBridgeWords[] = {{"eth0", BRIDGE_MODE_ETH0}, {"eth1", BRIDGE_MODE_ETH1}, {"eth0eth1", BRIDGE_MODE_ETH0ETH1}};
-    for (const auto& entry : kBridgeWords) {
-        if (strcmp(word, entry.word) == 0) {
-            mode = entry.mode;
-            return true;
-        }
+// The bridge words a line may hold, as the message names them: "eth0|eth1|eth0eth1".
+std::string BridgeModeChoices() {
+    std::string choices;
+    for (const BRIDGE_MODE_TEXT& text : kBridgeModeTexts) {
+        if (!choices.empty()) choices += '|';
+        choices += text.m_szWord;
     }
-    return false;
+    return choices;
 }
 
 // A configuration file is a few hundred bytes; nothing near this is one.
@@ -82,14 +80,14 @@ struct ConfigText {
 // false (with nothing read) otherwise. Opened without blocking, so a FIFO or a
 // device at the path never holds the cycle up, and checked before any read.
 bool ReadConfigFile(const std::string& path, ConfigText& text) {
-    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return false;
+    const Util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (!fd.IsOpen()) return false;
     struct stat status {};
-    bool usable =
-        fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && static_cast<size_t>(status.st_size) <= kConfigBytesMax;
+    bool usable = fstat(fd.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                  static_cast<size_t>(status.st_size) <= kConfigBytesMax;
     while (usable) {
         size_t wanted = sizeof text.bytes - text.size;
-        ssize_t count = read(fd, text.bytes + text.size, wanted);
+        ssize_t count = read(fd.Get(), text.bytes + text.size, wanted);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) {
             text.error = true;
@@ -104,7 +102,6 @@ bool ReadConfigFile(const std::string& path, ConfigText& text) {
         bool whole = status.st_size > 0 && text.size >= static_cast<size_t>(status.st_size);
         if (count == 0 || (whole && static_cast<size_t>(count) < wanted)) break;
     }
-    close(fd);
     return usable;
 }
 
@@ -221,25 +218,28 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
         switch (FindLineKind(line)) {
             case LINE_BRIDGE: {
                 bBridgeLine = true;
+                // As long as the longest word ("eth0eth1"): a longer one is cut, and then no word.
                 char word[9];
-                BRIDGE_MODE mode;
-                if (sscanf(line, "%*s %8s", word) != 1) {
+                const bool bWord = sscanf(line, "%*s %8s", word) == 1;
+                const BRIDGE_MODE_TEXT* mode = bWord ? FindBridgeModeByWord(word) : nullptr;
+                if (!bWord) {
                     CONFIG_ERROR(kNoValueWord);
-                } else if (!BridgeModeFromWord(word, mode)) {
-                    CONFIG_ERROR("Invalid bridge mode entry, expected eth0|eth1|eth0eth1");
+                } else if (mode == nullptr) {
+                    CONFIG_ERROR("Invalid bridge mode entry, expected " + BridgeModeChoices());
                 } else {
-                    read.m_eBridgeMode = mode;
+                    read.m_eBridgeMode = mode->m_eMode;
                     bBridgeSeen = true;  // only ever set: a later bad line does not undo a good one
                 }
                 break;
             }
             case LINE_PHY: {
+                // As long as "frame", the one word that is not copper.
                 char word[6];
                 if (sscanf(line, "%*s %5s", word) != 1) {
                     CONFIG_ERROR(kNoValueWord);
                 } else {
                     // Every word but "frame" means copper, without complaint.
-                    read.m_ePhyMode = strcmp(word, "frame") == 0 ? PHY_MODE_SGMII : PHY_MODE_COPPER;
+                    read.m_ePhyMode = PhyModeFromWord(word);
                 }
                 break;
             }

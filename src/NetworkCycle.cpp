@@ -1,10 +1,13 @@
 // The supervision cycle, one pass at a time, against the state the caller keeps.
 #include "src/NetworkCycle.h"
 
+#include <cstddef>
 #include <string>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
 #include "util/Util.h"
 
 namespace {

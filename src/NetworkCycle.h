@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "src/Network.h"
+#include "src/NetworkRetry.h"
 
 // The route metrics of the served interfaces: veth1's default route is preferred.
 constexpr unsigned int kVeth1Metric = 10;

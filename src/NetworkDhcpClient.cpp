@@ -7,24 +7,21 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
-#include "src/UniqueFile.h"
+#include "src/NetworkShell.h"
+#include "util/UniqueDir.h"
+#include "util/UniqueFd.h"
 #include "util/Util.h"
 
 namespace {
-
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
 
 // One read of a process's command line sees at most this much of it.
 constexpr size_t kCmdlineBytes = 256;
@@ -57,14 +54,13 @@ std::vector<std::string> UdhcpcArguments(const char* bytes, size_t count) {
 // for every process, so no stream and no allocation: one read into the stack,
 // of which the kernel fills as much as the command line has, up to 256 bytes.
 std::vector<std::string> ReadUdhcpcArguments(int directory, const char* path) {
-    int fd = openat(directory, path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return {};
+    const Util::UniqueFd fd(openat(directory, path, O_RDONLY | O_CLOEXEC));
+    if (!fd.IsOpen()) return {};
     char bytes[kCmdlineBytes];
     ssize_t count = 0;
     do {
-        count = read(fd, bytes, sizeof bytes);
+        count = read(fd.Get(), bytes, sizeof bytes);
     } while (count < 0 && errno == EINTR);
-    close(fd);
     if (count <= 0) return {};
     return UdhcpcArguments(bytes, static_cast<size_t>(count));
 }
@@ -73,10 +69,18 @@ std::vector<std::string> ReadUdhcpcArguments(int directory, const char* path) {
 // state ppid pgrp ..."); false when it cannot be read. The name may hold
 // anything, so the fields are counted from its last ')'.
 bool ReadParentAndGroup(pid_t pid, pid_t& parent, pid_t& group) {
-    UniqueFile file(fopen(("/proc/" + Util::Format("%ld", static_cast<long>(pid)) + "/stat").c_str(), "rb"));
-    if (!file) return false;
+    const std::string path = "/proc/" + Util::Format("%ld", static_cast<long>(pid)) + "/stat";
+    const Util::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen()) return false;
+    // As much of the line as fits, read to its end as fread would.
     char line[512];
-    size_t count = fread(line, 1, sizeof line - 1, file.get());
+    size_t count = 0;
+    while (count < sizeof line - 1) {
+        const ssize_t got = read(file.Get(), line + count, sizeof line - 1 - count);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        count += static_cast<size_t>(got);
+    }
     line[count] = '\0';
     const char* end = strrchr(line, ')');
     long parentField = 0;
@@ -107,7 +111,7 @@ bool Serves(const std::vector<std::string>& arguments, const std::string& interf
 // when /proc cannot be read.
 template <typename Found>
 bool ForEachClient(const std::string& interfaceName, Found found) {
-    std::unique_ptr<DIR, DirectoryCloser> proc(opendir("/proc"));
+    const Util::UniqueDir proc(opendir("/proc"));
     if (!proc) return false;
     char path[sizeof(dirent::d_name) + sizeof "/cmdline"];
     while (const dirent* entry = readdir(proc.get())) {
@@ -126,23 +130,17 @@ bool ForEachClient(const std::string& interfaceName, Found found) {
 constexpr unsigned int kClientReleaseWaitMs = 3000;
 constexpr unsigned int kClientKillWaitMs = 1000;
 
-int64_t SteadyNowMs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 // Waits until none of `pids` is a client of the interface any more (ended, a
 // zombie, or the pid taken by another program), `waitMs` at most, and less when
 // a stop's grace runs out. Returns those still there. Real time, not a pause of
 // the cycle: nothing waits when no client was running.
 std::vector<pid_t> WaitForClientsToGo(std::vector<pid_t> pids, const std::string& interfaceName, unsigned int waitMs) {
-    const int64_t endMs = SteadyNowMs() + waitMs;
+    const int64_t endMs = SteadyMs() + waitMs;
     for (;;) {
         pids.erase(std::remove_if(pids.begin(), pids.end(),
                                   [&interfaceName](pid_t pid) { return !IsDhcpClientOf(pid, interfaceName); }),
                    pids.end());
-        if (pids.empty() || SteadyNowMs() >= endMs || StopGraceOver()) return pids;
+        if (pids.empty() || SteadyMs() >= endMs || StopGraceOver()) return pids;
         SleepLettingSignalsIn(10);
     }
 }

@@ -15,13 +15,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/InputText.h"
 #include "src/Network.h"
-#include "src/UniqueFile.h"
+#include "src/NetworkInputText.h"
+#include "src/NetworkShell.h"
+#include "util/UniqueFd.h"
+#include "util/UniqueFile.h"
 #include "util/Util.h"
 
 namespace {
@@ -113,13 +114,13 @@ const char* KindOf(mode_t mode) {
 
 // Opens the claimed entry as a stream when it can be trusted; otherwise returns
 // nothing and says in `why` why not.
-UniqueFile OpenTrusted(const std::string& claimed, std::string& why) {
-    int fd = open(claimed.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+Util::UniqueFile OpenTrusted(const std::string& claimed, std::string& why) {
+    Util::UniqueFd fd(open(claimed.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     struct stat status {};
-    if (fd < 0) {
+    if (!fd.IsOpen()) {
         // O_NOFOLLOW ends in ELOOP on a link; a socket cannot be opened at all.
         why = errno == ELOOP ? "a symbolic link" : errno == ENXIO ? "a socket" : strerror(errno);
-    } else if (fstat(fd, &status) != 0) {
+    } else if (fstat(fd.Get(), &status) != 0) {
         why = strerror(errno);
     } else if (!S_ISREG(status.st_mode)) {
         why = KindOf(status.st_mode);
@@ -132,11 +133,14 @@ UniqueFile OpenTrusted(const std::string& claimed, std::string& why) {
         why = "a file with other links";
     }
     if (why.empty()) {
-        UniqueFile file(fdopen(fd, "r"));
-        if (file) return file;
+        Util::UniqueFile file(fdopen(fd.Get(), "r"));
+        if (file) {
+            // The stream owns the descriptor now and closes it.
+            fd.Release();
+            return file;
+        }
         why = strerror(errno);
     }
-    if (fd >= 0) close(fd);
     return nullptr;
 }
 
@@ -158,7 +162,7 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     // No file is the usual case: the script writes one only when something changed.
     if (error == ENOENT) return true;
     std::string why;
-    UniqueFile file;
+    Util::UniqueFile file;
     if (error != 0) {
         why = std::string("cannot be claimed (") + strerror(error) + ")";
     } else {

@@ -1,36 +1,15 @@
+#include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <memory>
+#include <string>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
-#include "src/UniqueFile.h"
-
-namespace {
-
-// Closes the query socket whichever way the query ends.
-class SocketHandle {
-public:
-    explicit SocketHandle(int fd) : m_fd(fd) {}
-    ~SocketHandle() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    SocketHandle(const SocketHandle&) = delete;
-    SocketHandle& operator=(const SocketHandle&) = delete;
-
-    bool IsOpen() const { return m_fd >= 0; }
-    int Fd() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-}  // namespace
+#include "util/UniqueFd.h"
 
 int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {
     up = false;
@@ -40,12 +19,13 @@ int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {
     // Names are shorter than the field; the last byte stays the terminator.
     strncpy(request.ifr_name, name.c_str(), sizeof request.ifr_name - 1);
 
-    SocketHandle socketHandle(socket(AF_INET, SOCK_DGRAM, 0));
-    if (!socketHandle.IsOpen()) {
+    // Closed whichever way the query ends.
+    const Util::UniqueFd querySocket(socket(AF_INET, SOCK_DGRAM, 0));
+    if (!querySocket.IsOpen()) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to query link status for " + name + " cannot open socket");
         return -1;
     }
-    if (ioctl(socketHandle.Fd(), SIOCGIFFLAGS, &request) != 0) {
+    if (ioctl(querySocket.Get(), SIOCGIFFLAGS, &request) != 0) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to query link status for " + name + " ioctl failed");
         return -1;
     }
@@ -57,11 +37,12 @@ int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {
 }
 
 void SetEthernetPhyMode(const std::string& path, PHY_MODE mode) {
-    // A C stream, not a C++ file stream: the daemon then needs none of the C++
-    // runtime's stream and locale machinery, which made up a third of the
-    // runtime pages it kept resident.
-    UniqueFile port(fopen(path.c_str(), "w"));
-    if (!port) {
+    // A descriptor, opened as fopen(path, "w") would (created or emptied), and
+    // no C++ file stream: the daemon then needs none of the C++ runtime's
+    // stream and locale machinery, which made up a third of the runtime pages
+    // it kept resident.
+    const Util::UniqueFd port(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!port.IsOpen()) {
         // The file comes from a patch to the PHY driver; without it there is
         // nothing to set. Sent to the system log as well so it gets noticed.
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, true, "Unable to open " + path + " patch is required");
@@ -71,11 +52,12 @@ void SetEthernetPhyMode(const std::string& path, PHY_MODE mode) {
     // The driver takes its PHY type number, not the enum's value. Logged first
     // so the choice is on record even if the write fails; that failure, like
     // one on close, is not reported.
+    char type = '0';
     if (mode == PHY_MODE_SGMII) {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using ETH PHY type 4, RGMII to SGMII");
-        fputc('4', port.get());
+        type = '4';
     } else {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using ETH PHY type 0, RGMII to copper");
-        fputc('0', port.get());
     }
+    [[maybe_unused]] const ssize_t written = write(port.Get(), &type, 1);
 }

@@ -1,5 +1,7 @@
 // Work that must succeed is tried again after a failure, with waits that grow so
 // that a lasting fault costs a few commands a minute, not a hundred a second.
+#include "src/NetworkRetry.h"
+
 #include <time.h>
 
 #include <algorithm>
@@ -8,18 +10,13 @@
 #include <utility>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "util/Util.h"
 
 namespace {
 
-int64_t SystemMonotonicMs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-MonotonicClock g_clock = SystemMonotonicMs;
+// The runner's steady clock unless a test has set its own.
+MonotonicClock g_clock = SteadyMs;
 
 // 1, 2, 4 ... seconds after the first, second, third ... failure, at most a minute.
 int64_t RetryDelayMs(unsigned int failures) {
@@ -32,7 +29,7 @@ int64_t RetryDelayMs(unsigned int failures) {
 int64_t MonotonicMs() { return g_clock(); }
 
 MonotonicClock SetMonotonicClock(MonotonicClock clock) {
-    return std::exchange(g_clock, clock != nullptr ? clock : SystemMonotonicMs);
+    return std::exchange(g_clock, clock != nullptr ? clock : SteadyMs);
 }
 
 bool WorkDue(const WORK_HEALTH& health) { return health.m_nFailures == 0 || MonotonicMs() >= health.m_nRetryAtMs; }

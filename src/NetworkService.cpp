@@ -1,8 +1,13 @@
 // Keeping one virtual interface in its configured addressing mode, cycle by cycle.
+#include <time.h>
+
+#include <cstdint>
 #include <string>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
 #include "util/Util.h"
 
 bool SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState,

@@ -1,21 +1,25 @@
 // The one place the daemon's shell commands and pauses go through.
+#include "src/NetworkShell.h"
+
 #include <errno.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
-#include "src/ServiceNotify.h"
+#include "src/NetworkNotify.h"
 #include "util/Util.h"
 
 namespace {
@@ -56,7 +60,11 @@ int64_t SteadyNs() {
     return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
 
+}  // namespace
+
 int64_t SteadyMs() { return SteadyNs() / 1000000; }
+
+namespace {
 
 // When the grace after a stop request ends; INT64_MAX while none was requested.
 int64_t StopGraceEndMs() {

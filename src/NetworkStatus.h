@@ -1,103 +1,17 @@
 // The status document: what the daemon has configured, what is in force and
 // what went wrong, kept as JSON in /run/tessel-networkd/status.json for the
 // operator command (tessel-networkctl) and dashboards. docs/STATUS.md is its schema.
+// Its parts: the snapshot (src/NetworkStatusSnapshot.h), the text
+// (src/NetworkStatusJson.h), the file (src/NetworkStatusFile.h), and here the
+// writer that puts them together after each pass, only when something changed.
 #pragma once
 
-#include <sys/types.h>
-#include <time.h>
-
 #include <string>
-#include <vector>
 
-#include "src/Network.h"
 #include "src/NetworkCycle.h"
-
-// The schema number the document carries; raised when a field changes meaning or goes.
-constexpr int kStatusSchema = 1;
-
-// Where the document lives unless the command line says otherwise, and its name there.
-constexpr const char* kStatusDirectory = "/run/tessel-networkd";
-constexpr const char* kStatusFileName = "status.json";
-
-// One kind of work's health as the document shows it.
-struct STATUS_WORK {
-    unsigned int m_nFailures = 0;  // failed attempts since the last success; 0: healthy
-    std::string m_command;         // the command of the last failure, empty when none
-    COMMAND_OUTCOME m_outcome;     // how it ended
-    timespec m_failedAt{};         // zero: never failed
-    timespec m_recoveredAt{};      // zero: not recovered since
-};
-
-// One served interface as the document shows it.
-struct STATUS_INTERFACE {
-    bool m_bShown = false;      // in the document (veth3 only in the two-port mode)
-    bool m_bRequested = false;  // addressing has been asked for by a usable file
-    IP_CONFIG m_requested{};    // the addressing asked for
-    bool m_bInForce = false;    // an address is in force
-    bool m_bFromDhcp = false;   // ... and it came from a DHCP lease
-    in_addr m_address{};        // the address, mask and gateway in force
-    in_addr m_mask{};
-    in_addr m_gateway{};  // 0.0.0.0: no default route
-    unsigned int m_nMetric = 0;
-    timespec m_leaseAt{};   // when the lease in force was taken up; zero: none
-    pid_t m_clientPid = 0;  // the DHCP client, 0 when none is known
-    unsigned int m_nClientStarts = 0;
-    STATUS_WORK m_work;  // its addressing work
-};
-
-// Every field of the document that can change while the daemon runs. Taken after
-// each pass and compared with the one last written: the document is built and
-// written only when they differ. Nothing in it changes by itself from pass to pass.
-struct STATUS_SNAPSHOT {
-    bool m_bConfigRead = false;
-    bool m_bConfigUsable = false;
-    std::vector<std::string> m_configProblems;
-    bool m_bConfigured = false;  // the last read was usable: the modes below are what it asks for
-    BRIDGE_MODE m_eConfiguredBridgeMode = BRIDGE_MODE_ETH0;
-    PHY_MODE m_eConfiguredPhyMode = PHY_MODE_COPPER;
-    bool m_bBridgeInForce = false;
-    BRIDGE_MODE m_eBridgeMode = BRIDGE_MODE_ETH0;
-    bool m_bPhyInForce = false;
-    PHY_MODE m_ePhyMode = PHY_MODE_COPPER;
-    bool m_bEth0Used = false;  // br0 in force has eth0 as a port
-    bool m_bEth0LinkUp = false;
-    unsigned int m_nEth0Recoveries = 0;
-    timespec m_eth0RecoveredAt{};
-    STATUS_WORK m_startup;
-    STATUS_WORK m_bridge;
-    STATUS_WORK m_registers;  // eth0's register writes
-    STATUS_WORK m_phy;        // the PHY mode's eth1 bounce
-    STATUS_INTERFACE m_veth1;
-    STATUS_INTERFACE m_veth3;
-};
-
-// Field by field, as the document would show them.
-bool operator==(const STATUS_WORK& a, const STATUS_WORK& b);
-inline bool operator!=(const STATUS_WORK& a, const STATUS_WORK& b) { return !(a == b); }
-bool operator==(const STATUS_INTERFACE& a, const STATUS_INTERFACE& b);
-inline bool operator!=(const STATUS_INTERFACE& a, const STATUS_INTERFACE& b) { return !(a == b); }
-bool operator==(const STATUS_SNAPSHOT& a, const STATUS_SNAPSHOT& b);
-inline bool operator!=(const STATUS_SNAPSHOT& a, const STATUS_SNAPSHOT& b) { return !(a == b); }
-
-// Fills `snapshot` from the cycle's state, in place (its texts keep their storage).
-void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot);
-
-// What the document says of the daemon itself; fixed for its run.
-struct STATUS_DAEMON {
-    std::string m_version;
-    pid_t m_pid = 0;
-    timespec m_startedAt{};
-    std::string m_configPath;
-};
-
-// The document's text.
-std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& snapshot);
-
-// Replaces `directory`/status.json with `text` in one step (a file written
-// beside it, mode 0644, renamed over it). Creates the directory (mode 0755)
-// when missing; refuses one that is a symbolic link, not owned by this user or
-// writable by others. False, with the reason in `error`, when it did not happen.
-bool WriteStatusFile(const std::string& directory, const std::string& text, std::string& error);
+#include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusSchema.h"
+#include "src/NetworkStatusSnapshot.h"
 
 // The writer's state, owned by main for the whole run.
 struct STATUS_WRITER {

@@ -9,10 +9,11 @@
 
 #include "cli/CliProcessing.h"
 #include "logging/Logging.h"
-#include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkNotify.h"
+#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
-#include "src/ServiceNotify.h"
+#include "src/NetworkStatusSchema.h"
 #include "util/Util.h"
 
 namespace {

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "util/UniqueFile.h"
 #include "util/Util.h"
 
 namespace Util {
@@ -51,7 +52,6 @@ const unsigned char decTable[256] = {
 
 namespace {
 
-using File = std::unique_ptr<FILE, int (*)(FILE*)>;
 using Buffer = std::unique_ptr<unsigned char, void (*)(void*)>;
 
 // Reads all of inputPath, runs every byte three times through `table` and
@@ -61,7 +61,7 @@ using Buffer = std::unique_ptr<unsigned char, void (*)(void*)>;
 // read are written.
 int TransformFile(const std::string& inputPath, const std::string& outputPath, const unsigned char* table,
                   bool requireWholeFile) {
-    File input(fopen(inputPath.c_str(), "rb"), fclose);
+    UniqueFile input(fopen(inputPath.c_str(), "rb"));
     if (!input) return -1;
     fseek(input.get(), 0, SEEK_END);
     const long size = ftell(input.get());
@@ -78,7 +78,7 @@ int TransformFile(const std::string& inputPath, const std::string& outputPath, c
         for (size_t i = 0; i < read; ++i) buffer.get()[i] = table[buffer.get()[i]];
     }
 
-    File output(fopen(outputPath.c_str(), "wb"), fclose);
+    UniqueFile output(fopen(outputPath.c_str(), "wb"));
     if (!output) return -1;
     fwrite(buffer.get(), 1, read, output.get());
     return 0;

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/LogCapture.h"
 
 class CommandRecorder {

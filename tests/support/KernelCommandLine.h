@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "src/InputText.h"
+#include "src/NetworkInputText.h"
 
 // A kernel command line of the test's own in place of the machine's, as long
 // as it lives.

@@ -35,7 +35,13 @@
 
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
+#include "src/NetworkStatusFile.h"
+#include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusSnapshot.h"
+#include "util/UniqueDir.h"
+#include "util/UniqueFd.h"
 
 namespace {
 
@@ -54,11 +60,10 @@ double CpuMicros() {
 // The least a cycle must do: open, read and close the configuration file.
 void ReadFileOnce(const std::string& path) {
     char buffer[4096];
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    while (read(fd, buffer, sizeof buffer) > 0) {
+    const Util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.IsOpen()) return;
+    while (read(fd.Get(), buffer, sizeof buffer) > 0) {
     }
-    close(fd);
 }
 
 // The least a command costs: /bin/sh -c with it, waited for.
@@ -110,10 +115,10 @@ void RemoveStatusDirectory(const std::string& directory) {
 // The least a replacement of the document costs: its bytes to a new file, renamed over the old.
 void ReplaceFileOnce(const std::string& directory, const std::string& text) {
     const std::string temporary = directory + "/floor.json.new";
-    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return;
-    if (write(fd, text.data(), text.size()) < 0) perror("write");
-    close(fd);
+    Util::UniqueFd fd(open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd.IsOpen()) return;
+    if (write(fd.Get(), text.data(), text.size()) < 0) perror("write");
+    fd.Reset();
     rename(temporary.c_str(), (directory + "/floor.json").c_str());
 }
 
@@ -146,19 +151,17 @@ void StopSleepers(const std::vector<pid_t>& pids) {
 
 // What any scan for clients must do: list /proc and read each process's command line.
 void ScanProcOnce() {
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) return;
+    const Util::UniqueDir proc(opendir("/proc"));
+    if (!proc) return;
     char path[300];
     char bytes[256];
-    while (const dirent* entry = readdir(proc)) {
+    while (const dirent* entry = readdir(proc.get())) {
         if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
         snprintf(path, sizeof path, "/proc/%s/cmdline", entry->d_name);
-        int fd = open(path, O_RDONLY | O_CLOEXEC);
-        if (fd < 0) continue;
-        if (read(fd, bytes, sizeof bytes) < 0) bytes[0] = '\0';
-        close(fd);
+        const Util::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+        if (!fd.IsOpen()) continue;
+        if (read(fd.Get(), bytes, sizeof bytes) < 0) bytes[0] = '\0';
     }
-    closedir(proc);
 }
 
 }  // namespace

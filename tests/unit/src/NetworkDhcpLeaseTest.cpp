@@ -16,7 +16,9 @@
 #include <string>
 
 #include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/FieldChanges.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
 #include "tests/support/NetworkRecords.h"
@@ -104,6 +106,10 @@ protected:
     LeaseFile m_file;
     const std::string& N() const { return m_file.Name(); }
 };
+
+TEST(LeaseStateTest, EqualityNoticesAChangeInEachFieldInTurn) {
+    ExpectEveryChangeNoticed(LeaseState(true, "192.168.77.100", "255.255.255.0", "192.168.77.1"), LeaseStateChanges());
+}
 
 TEST_F(CheckForNewDhcpAddressTest, NoFileDoesNothing) {
     DHCP_STATE state = LeaseState(true, "10.0.0.5", "255.255.255.0", "10.0.0.1");

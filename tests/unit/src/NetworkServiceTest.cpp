@@ -9,6 +9,8 @@
 #include <string>
 
 #include "src/Network.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"

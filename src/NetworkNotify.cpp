@@ -1,4 +1,4 @@
-#include "src/ServiceNotify.h"
+#include "src/NetworkNotify.h"
 
 #include <errno.h>
 #include <stddef.h>
@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include <cstdint>
+
+#include "util/UniqueFd.h"
 
 namespace {
 
@@ -30,14 +32,13 @@ void Send(const char* text) {
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path, length);
     if (path[0] == '@') address.sun_path[0] = '\0';
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return;
+    const Util::UniqueFd socketFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!socketFd.IsOpen()) return;
     const auto addressLength = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-    while (sendto(fd, text, strlen(text), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), addressLength) <
-               0 &&
+    while (sendto(socketFd.Get(), text, strlen(text), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+                  addressLength) < 0 &&
            errno == EINTR) {
     }
-    close(fd);
 }
 
 // Half the watchdog period in microseconds, 0 when there is no watchdog for

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/FakeClient.h"
 #include "tests/support/Files.h"

@@ -8,7 +8,12 @@
 #include <vector>
 
 #include "src/NetworkCycle.h"
+#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
+#include "src/NetworkStatusFile.h"
+#include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusSnapshot.h"
+#include "tests/support/FieldChanges.h"
 #include "tests/support/Files.h"
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
@@ -215,6 +220,76 @@ TEST(StatusSnapshotTest, EqualUntilAFieldTheDocumentShowsChanges) {
     changed.m_veth1.m_nClientCheckAtMs = 123456;
     TakeStatusSnapshot(changed, b);
     EXPECT_TRUE(a == b);
+}
+
+FieldChanges<STATUS_WORK> WorkChanges() {
+    FieldChanges<STATUS_WORK> changes = {
+        {"m_nFailures", [](STATUS_WORK& w) { ++w.m_nFailures; }},
+        {"m_command", [](STATUS_WORK& w) { w.m_command += " x"; }},
+    };
+    AddFieldChanges(changes, "m_outcome", &STATUS_WORK::m_outcome, OutcomeChanges());
+    AddFieldChanges(changes, "m_failedAt", &STATUS_WORK::m_failedAt, TimeChanges());
+    AddFieldChanges(changes, "m_recoveredAt", &STATUS_WORK::m_recoveredAt, TimeChanges());
+    return changes;
+}
+
+FieldChanges<STATUS_INTERFACE> InterfaceChanges() {
+    FieldChanges<STATUS_INTERFACE> changes = {
+        {"m_bShown", [](STATUS_INTERFACE& i) { i.m_bShown = !i.m_bShown; }},
+        {"m_bRequested", [](STATUS_INTERFACE& i) { i.m_bRequested = !i.m_bRequested; }},
+        {"m_bInForce", [](STATUS_INTERFACE& i) { i.m_bInForce = !i.m_bInForce; }},
+        {"m_bFromDhcp", [](STATUS_INTERFACE& i) { i.m_bFromDhcp = !i.m_bFromDhcp; }},
+        {"m_nMetric", [](STATUS_INTERFACE& i) { ++i.m_nMetric; }},
+        {"m_clientPid", [](STATUS_INTERFACE& i) { ++i.m_clientPid; }},
+        {"m_nClientStarts", [](STATUS_INTERFACE& i) { ++i.m_nClientStarts; }},
+    };
+    AddFieldChanges(changes, "m_requested", &STATUS_INTERFACE::m_requested, IpConfigChanges());
+    AddFieldChanges(changes, "m_address", &STATUS_INTERFACE::m_address, AddressChanges());
+    AddFieldChanges(changes, "m_mask", &STATUS_INTERFACE::m_mask, AddressChanges());
+    AddFieldChanges(changes, "m_gateway", &STATUS_INTERFACE::m_gateway, AddressChanges());
+    AddFieldChanges(changes, "m_leaseAt", &STATUS_INTERFACE::m_leaseAt, TimeChanges());
+    AddFieldChanges(changes, "m_work", &STATUS_INTERFACE::m_work, WorkChanges());
+    return changes;
+}
+
+FieldChanges<STATUS_SNAPSHOT> SnapshotChanges() {
+    FieldChanges<STATUS_SNAPSHOT> changes = {
+        {"m_bConfigRead", [](STATUS_SNAPSHOT& s) { s.m_bConfigRead = !s.m_bConfigRead; }},
+        {"m_bConfigUsable", [](STATUS_SNAPSHOT& s) { s.m_bConfigUsable = !s.m_bConfigUsable; }},
+        {"m_configProblems",
+         [](STATUS_SNAPSHOT& s) { s.m_configProblems.emplace_back("No veth3 line in config file"); }},
+        {"m_bConfigured", [](STATUS_SNAPSHOT& s) { s.m_bConfigured = !s.m_bConfigured; }},
+        {"m_eConfiguredBridgeMode",
+         [](STATUS_SNAPSHOT& s) {
+             s.m_eConfiguredBridgeMode = static_cast<BRIDGE_MODE>(s.m_eConfiguredBridgeMode + 1U);
+         }},
+        {"m_eConfiguredPhyMode",
+         [](STATUS_SNAPSHOT& s) { s.m_eConfiguredPhyMode = static_cast<PHY_MODE>(s.m_eConfiguredPhyMode + 1U); }},
+        {"m_bBridgeInForce", [](STATUS_SNAPSHOT& s) { s.m_bBridgeInForce = !s.m_bBridgeInForce; }},
+        {"m_eBridgeMode", [](STATUS_SNAPSHOT& s) { s.m_eBridgeMode = static_cast<BRIDGE_MODE>(s.m_eBridgeMode + 1U); }},
+        {"m_bPhyInForce", [](STATUS_SNAPSHOT& s) { s.m_bPhyInForce = !s.m_bPhyInForce; }},
+        {"m_ePhyMode", [](STATUS_SNAPSHOT& s) { s.m_ePhyMode = static_cast<PHY_MODE>(s.m_ePhyMode + 1U); }},
+        {"m_bEth0Used", [](STATUS_SNAPSHOT& s) { s.m_bEth0Used = !s.m_bEth0Used; }},
+        {"m_bEth0LinkUp", [](STATUS_SNAPSHOT& s) { s.m_bEth0LinkUp = !s.m_bEth0LinkUp; }},
+        {"m_nEth0Recoveries", [](STATUS_SNAPSHOT& s) { ++s.m_nEth0Recoveries; }},
+    };
+    AddFieldChanges(changes, "m_eth0RecoveredAt", &STATUS_SNAPSHOT::m_eth0RecoveredAt, TimeChanges());
+    AddFieldChanges(changes, "m_startup", &STATUS_SNAPSHOT::m_startup, WorkChanges());
+    AddFieldChanges(changes, "m_bridge", &STATUS_SNAPSHOT::m_bridge, WorkChanges());
+    AddFieldChanges(changes, "m_registers", &STATUS_SNAPSHOT::m_registers, WorkChanges());
+    AddFieldChanges(changes, "m_phy", &STATUS_SNAPSHOT::m_phy, WorkChanges());
+    AddFieldChanges(changes, "m_veth1", &STATUS_SNAPSHOT::m_veth1, InterfaceChanges());
+    AddFieldChanges(changes, "m_veth3", &STATUS_SNAPSHOT::m_veth3, InterfaceChanges());
+    return changes;
+}
+
+TEST(StatusSnapshotTest, EqualityNoticesAChangeInEachFieldInTurn) {
+    STATUS_SNAPSHOT snapshot;
+    TakeStatusSnapshot(TwoPortState(), snapshot);
+    ExpectEveryChangeNoticed(snapshot, SnapshotChanges());
+    // A work's and an interface's own equality, beside the snapshot's.
+    ExpectEveryChangeNoticed(snapshot.m_bridge, WorkChanges());
+    ExpectEveryChangeNoticed(snapshot.m_veth1, InterfaceChanges());
 }
 
 TEST(WriteStatusFileTest, CreatesTheDirectoryAndTheFileWithTheirModesWhateverTheUmask) {

@@ -22,6 +22,8 @@
 
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"
 #include "tests/support/FakeClient.h"

@@ -10,8 +10,9 @@
 #include <optional>
 #include <sstream>
 
-#include "src/Network.h"
+#include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
+#include "tests/support/FieldChanges.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -137,6 +138,10 @@ TEST(RunShellCommandTest, EachCommandHasAProcessGroupOfItsOwn) {
     EXPECT_NE(group, static_cast<long>(getpgrp()));
 }
 
+TEST(CommandOutcomeTest, EqualityNoticesAChangeInEachFieldInTurn) {
+    ExpectEveryChangeNoticed(COMMAND_OUTCOME{}, OutcomeChanges());
+}
+
 TEST(DescribeOutcomeTest, NamesAStartThatFailedAndADeadline) {
     COMMAND_OUTCOME notStarted;
     notStarted.m_bStarted = false;
@@ -257,13 +262,17 @@ volatile sig_atomic_t g_nTaken[4] = {0, 0, 0, 0};
 volatile sig_atomic_t g_nTakenCount = 0;
 
 void NestingHandler(int sig) {
-    ++g_nHandlerDepth;
+    // Read and written apart: C++20 deprecates ++ and -- on volatile objects.
+    g_nHandlerDepth = g_nHandlerDepth + 1;
     if (g_nHandlerDepth > g_nHandlerMaxDepth) g_nHandlerMaxDepth = g_nHandlerDepth;
-    if (g_nTakenCount < 4) g_nTaken[g_nTakenCount++] = sig;
+    if (g_nTakenCount < 4) {
+        g_nTaken[g_nTakenCount] = sig;
+        g_nTakenCount = g_nTakenCount + 1;
+    }
     // A second, different stop signal while the first is handled.
     if (sig == SIGHUP) kill(getpid(), SIGTERM);
     if (sig == SIGINT) kill(getpid(), SIGQUIT);
-    --g_nHandlerDepth;
+    g_nHandlerDepth = g_nHandlerDepth - 1;
 }
 
 TEST(InstallStopHandlerTest, ASecondStopSignalWaitsForTheFirstHandlerToFinish) {

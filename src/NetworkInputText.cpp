@@ -1,4 +1,4 @@
-#include "src/InputText.h"
+#include "src/NetworkInputText.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <string>
 #include <utility>
+
+#include "util/UniqueFd.h"
 
 namespace {
 
@@ -52,11 +54,10 @@ bool IsMacAddress(const std::string& text) {
 
 std::string KernelCommandLineMac(const std::string& path) {
     // Non-blocking and bounded: whatever sits at the path, the read ends.
-    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return "";
+    const Util::UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (!fd.IsOpen()) return "";
     char bytes[kCommandLineBytes];
-    ssize_t count = read(fd, bytes, sizeof bytes);
-    close(fd);
+    ssize_t count = read(fd.Get(), bytes, sizeof bytes);
     if (count <= 0) return "";
 
     // awk sees records (lines) and fields split at every "mac=": the second

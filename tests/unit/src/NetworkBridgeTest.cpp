@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "src/InputText.h"
 #include "src/Network.h"
+#include "src/NetworkInputText.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"
 #include "tests/support/KernelCommandLine.h"

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "src/Network.h"
+#include "tests/support/FieldChanges.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
 
@@ -34,6 +35,14 @@ int ParseLine(const std::string& name, const std::string& text, IP_CONFIG& confi
 // Neither zero nor anything a test line writes.
 const IP_CONFIG kOldStatic = IpConfig(false, "198.51.100.7", "255.255.0.0", "198.51.100.1");
 const IP_CONFIG kOldDhcp = IpConfig(true, "198.51.100.7", "255.255.0.0", "198.51.100.1");
+
+TEST(SettingsRecordTest, EqualityNoticesAChangeInEachFieldInTurn) {
+    ExpectEveryChangeNoticed(kOldStatic, IpConfigChanges());
+    USER_SETTINGS settings{};
+    settings.m_veth1Config = kOldStatic;
+    settings.m_veth3Config = kOldDhcp;
+    ExpectEveryChangeNoticed(settings, SettingsChanges());
+}
 
 TEST(ParseInterfaceLineTest, StaticLinesStoreAllThreeAddresses) {
     LogCapture log;

@@ -215,8 +215,8 @@ TEST_F(LoggingTest, LineHasLocalTimeLevelFileLineFunctionAndMessage) {
         std::string stamp;
         std::string rest;
         ASSERT_TRUE(SplitStamp(text, stamp, rest)) << text;
-        EXPECT_EQ(rest,
-                  "INFO tests/unit/LoggingTest.cpp:" + std::to_string(g_helperLine) + " LogFromHelper: hello, world\n");
+        EXPECT_EQ(rest, "INFO tests/unit/logging/LoggingTest.cpp:" + std::to_string(g_helperLine) +
+                            " LogFromHelper: hello, world\n");
         EXPECT_LE(LocalStamp(before), stamp);
         EXPECT_GE(LocalStamp(after), stamp);
     }
@@ -267,7 +267,7 @@ TEST_F(LoggingTest, StampsAroundAndPastTheEndOf32BitTime) {
         LogFromHelper("past 2038");
         std::string text = pipe.ReadAvailable();
         redirect.Restore();
-        EXPECT_EQ(text, std::string(expected.stamp) + " INFO tests/unit/LoggingTest.cpp:" +
+        EXPECT_EQ(text, std::string(expected.stamp) + " INFO tests/unit/logging/LoggingTest.cpp:" +
                             std::to_string(g_helperLine) + " LogFromHelper: past 2038\n");
     }
 }
@@ -382,9 +382,9 @@ TEST_F(LoggingTest, OnStdoutOnlyFlaggedEntriesAlsoReachTheSystemLog) {
     redirect.Restore();
     std::vector<std::string> lines = SplitLines(text);
     ASSERT_EQ(lines.size(), 2U) << text;
-    EXPECT_NE(lines[0].find(" WARN tests/unit/LoggingTest.cpp:"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find(" WARN tests/unit/logging/LoggingTest.cpp:"), std::string::npos) << lines[0];
     EXPECT_EQ(lines[0].substr(lines[0].rfind(": ")), ": plain");
-    EXPECT_NE(lines[1].find(" INFO tests/unit/LoggingTest.cpp:"), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find(" INFO tests/unit/logging/LoggingTest.cpp:"), std::string::npos) << lines[1];
     EXPECT_EQ(lines[1].substr(lines[1].rfind(": ")), ": both ways");
     EXPECT_EQ(g_systemLog, (std::vector<std::string>{"<6> both ways"}));
 }
@@ -450,7 +450,7 @@ TEST_F(LoggingTest, LongMessagesStayOneWholeLine) {
         std::string expectedMessage(sizes[i], 'a');
         expectedMessage.front() = '<';
         expectedMessage.back() = '>';
-        EXPECT_TRUE(rest == "INFO tests/unit/LoggingTest.cpp:" + std::to_string(g_helperLine) +
+        EXPECT_TRUE(rest == "INFO tests/unit/logging/LoggingTest.cpp:" + std::to_string(g_helperLine) +
                                 " LogFromHelper: " + expectedMessage + "\n");
     }
 }
@@ -519,9 +519,9 @@ TEST_F(LoggingTest, HandlerLoggingDuringAFlaggedEntryGivesTwoWholeLines) {
         EXPECT_GE(LocalStamp(after), stamp);
         rests.push_back(WithoutStampAndLine(line));
     }
-    EXPECT_EQ(rests,
-              (std::vector<std::string>{"WARN tests/unit/LoggingTest.cpp TestBody: outer entry",
-                                        "INFO tests/unit/LoggingTest.cpp LogFromSignalHandler: " + handlerMessage}));
+    EXPECT_EQ(rests, (std::vector<std::string>{
+                         "WARN tests/unit/logging/LoggingTest.cpp TestBody: outer entry",
+                         "INFO tests/unit/logging/LoggingTest.cpp LogFromSignalHandler: " + handlerMessage}));
     EXPECT_EQ(g_systemLog, (std::vector<std::string>{"<4> outer entry"}));
 }
 
@@ -587,8 +587,8 @@ TEST_F(LoggingTest, HandlerLoggingWhileAnEntryWaitsOnAFullPipeGivesTwoWholeLines
         rests.push_back(WithoutStampAndLine(line));
     }
     ASSERT_EQ(rests.size(), 2U) << text.substr(0, 400);
-    EXPECT_TRUE(rests[0] == "INFO tests/unit/LoggingTest.cpp TestBody: " + outer) << rests[0].substr(0, 200);
-    EXPECT_EQ(rests[1], "INFO tests/unit/LoggingTest.cpp LogFromSignalHandler: " + handlerMessage);
+    EXPECT_TRUE(rests[0] == "INFO tests/unit/logging/LoggingTest.cpp TestBody: " + outer) << rests[0].substr(0, 200);
+    EXPECT_EQ(rests[1], "INFO tests/unit/logging/LoggingTest.cpp LogFromSignalHandler: " + handlerMessage);
 }
 
 // A timer interrupts a stream of entries at arbitrary points; each interruption
@@ -641,7 +641,7 @@ TEST_F(LoggingTest, EntriesInterruptedAnywhereStayWholeLines) {
     lines.erase(lines.begin());  // the entry before the timer
     for (const std::string& line : lines) {
         Entry entry;
-        if (!ParseEntry(line, entry) || entry.level != "INFO" || entry.file != "tests/unit/LoggingTest.cpp" ||
+        if (!ParseEntry(line, entry) || entry.level != "INFO" || entry.file != "tests/unit/logging/LoggingTest.cpp" ||
             entry.stamp < lowest || entry.stamp > highest) {
             if (malformed++ < 3) ADD_FAILURE() << "bad line: " << line.substr(0, 200);
             continue;

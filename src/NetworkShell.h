@@ -1,0 +1,105 @@
+// The runner every shell command and pause of the daemon goes through: how a
+// command ended, the seams tests put recorders into, the stop request and its
+// grace, and the steps of a piece of work.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+// How one command ended. A default record is a command that ran and exited 0.
+struct COMMAND_OUTCOME {
+    bool m_bStarted = true;    // false: no process ran; m_nError says why
+    int m_nError = 0;          // the errno of a start that failed
+    bool m_bExited = true;     // ended by exit (m_nStatus is its status), not by a signal
+    int m_nStatus = 0;         // the exit status, or the signal that ended it
+    bool m_bTimedOut = false;  // ran past its deadline and was ended by the runner
+
+    bool Succeeded() const { return m_bStarted && !m_bTimedOut && m_bExited && m_nStatus == 0; }
+    // Field by field.
+    bool operator==(const COMMAND_OUTCOME&) const = default;
+};
+
+// The outcome in words: "exit status 2", "ended by signal 9", "not started (...)",
+// "ended after its deadline".
+std::string DescribeOutcome(const COMMAND_OUTCOME& outcome);
+
+// How long a command may run before the runner ends it, and how long it has
+// after SIGTERM before SIGKILL.
+constexpr unsigned int kCommandDeadlineMs = 20000;
+constexpr unsigned int kCommandKillGraceMs = 2000;
+
+// Runs one command line through /bin/sh -c and waits for it. Every shell command
+// of the daemon goes through here.
+COMMAND_OUTCOME RunCommand(const std::string& command);
+
+// The function RunCommand hands its text to. Tests put a recorder here; an empty
+// function puts the real runner back. Returns the one it replaced.
+using CommandRunner = std::function<COMMAND_OUTCOME(const std::string& command)>;
+CommandRunner SetCommandRunner(CommandRunner runner);
+
+// The real runner: starts the shell in a process group of its own, with default
+// signal dispositions and an empty signal mask, and lets the daemon's stop
+// signals in while it waits, so a stop requested during a command is neither
+// lost nor delayed past the cycle. A command still running at its deadline is
+// ended, group and all (SIGTERM, then SIGKILL), with an ERROR entry.
+COMMAND_OUTCOME RunShellCommand(const std::string& command);
+
+// Called from the stop signals' handler (async-signal-safe). From then on the
+// daemon has a short grace to finish what it is doing: commands still running
+// after it are ended, none is started, and pauses end, so a stop never waits
+// on a command that hangs.
+void RequestStop();
+bool StopRequested();
+// Whether the grace after a stop request has run out.
+bool StopGraceOver();
+// Forgets a stop request (for tests that request one).
+void ClearStopRequest();
+// Installs `handler` for the stop signals (SIGHUP, SIGINT, SIGTERM, SIGQUIT),
+// with all of them held off while it runs, so it is never re-entered.
+void InstallStopHandler(void (*handler)(int));
+// Blocks the stop signals: the daemon takes them only while it waits (its
+// pauses and running commands), so the handler, which logs, never lands in the
+// middle of a heap or log call.
+void BlockStopSignals();
+
+// Milliseconds of the system's monotonic clock: the one real steady clock of the
+// daemon. The runner's deadlines, the stop's grace and the wait for stopped DHCP
+// clients read it always; it is also what MonotonicMs reads unless a test has
+// set a clock of its own.
+int64_t SteadyMs();
+
+// One step of a piece of work: a command and whether the work needs it to
+// succeed. Steps that only clear what may not exist may fail.
+struct SHELL_STEP {
+    const char* m_szCommand;
+    bool m_bMustSucceed;
+};
+
+// Why a piece of work stopped short: the step that failed, and how.
+struct WORK_FAILURE {
+    std::string m_command;
+    COMMAND_OUTCOME m_outcome;
+};
+
+// `failure`, or a record of no interest when it is null (for callers that do
+// not ask why a piece of work stopped).
+WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
+
+// Runs one step. Returns false, with `failure` filled in and an ERROR entry, when
+// the work cannot go on: a step that must succeed failed, or any step could not
+// be started or ran past its deadline.
+bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure);
+
+// Waits `milliseconds`; every pause of the daemon (the loop's second, the register
+// pulses) goes through here, so tests can record pauses beside the commands.
+void Pause(unsigned int milliseconds);
+
+// The function Pause hands its duration to; tests put a recorder here, an empty
+// function puts the real pause back. Returns the one it replaced.
+using PauseRunner = std::function<void(unsigned int milliseconds)>;
+PauseRunner SetPauseRunner(PauseRunner runner);
+
+// The real pause: sleeps the whole period, resuming after a signal is taken, and
+// is, with a running command, where the daemon's stop signals are let in.
+void SleepLettingSignalsIn(unsigned int milliseconds);

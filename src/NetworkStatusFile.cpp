@@ -1,0 +1,104 @@
+// Replacing the status document in one step: a file written beside it and
+// renamed over it, in a directory that only this user can write.
+#include "src/NetworkStatusFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "src/NetworkStatusSchema.h"
+#include "util/UniqueFd.h"
+
+namespace {
+
+const char kTemporaryName[] = ".status.json.new";
+
+std::string Reason(const std::string& what) { return what + ": " + strerror(errno); }
+
+bool WriteAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count = write(fd, text.data() + done, text.size() - done);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        done += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+// Writes the temporary file in the directory and renames it over the document.
+bool ReplaceIn(int directoryFd, const std::string& text, std::string& error) {
+    // A file left by a write that broke off is ours to remove.
+    if (unlinkat(directoryFd, kTemporaryName, 0) != 0 && errno != ENOENT) {
+        error = Reason(std::string("cannot remove ") + kTemporaryName);
+        return false;
+    }
+    Util::UniqueFd file(
+        openat(directoryFd, kTemporaryName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!file.IsOpen()) {
+        error = Reason(std::string("cannot create ") + kTemporaryName);
+        return false;
+    }
+    bool bDone = true;
+    // 0644 whatever the umask.
+    if (fchmod(file.Get(), 0644) != 0) {
+        error = Reason("cannot set its mode");
+        bDone = false;
+    } else if (!WriteAll(file.Get(), text)) {
+        error = Reason("cannot write it");
+        bDone = false;
+    }
+    if (!file.Close() && bDone) {
+        error = Reason("cannot close it");
+        bDone = false;
+    }
+    if (bDone && renameat(directoryFd, kTemporaryName, directoryFd, kStatusFileName) != 0) {
+        error = Reason(std::string("cannot rename it to ") + kStatusFileName);
+        bDone = false;
+    }
+    if (!bDone) unlinkat(directoryFd, kTemporaryName, 0);
+    return bDone;
+}
+
+}  // namespace
+
+bool WriteStatusFile(const std::string& directory, const std::string& text, std::string& error) {
+    const bool bCreated = mkdir(directory.c_str(), 0755) == 0;
+    if (!bCreated && errno != EEXIST) {
+        error = Reason("cannot create " + directory);
+        return false;
+    }
+    // O_NOFOLLOW: a symbolic link put where the directory should be is refused, not followed.
+    const Util::UniqueFd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.IsOpen()) {
+        // ELOOP: a symbolic link; ENOTDIR: anything else that is no directory.
+        error =
+            errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory" : Reason("cannot open " + directory);
+        return false;
+    }
+    struct stat status {};
+    if (fstat(dir.Get(), &status) != 0) {
+        error = Reason("cannot examine " + directory);
+        return false;
+    }
+    if (status.st_uid != geteuid()) {
+        error = directory + " belongs to another user";
+        return false;
+    }
+    // 0755 whatever the umask; one made by someone else is used only when nobody else can write it.
+    if (bCreated && fchmod(dir.Get(), 0755) != 0) {
+        error = Reason("cannot set the mode of " + directory);
+        return false;
+    }
+    if (!bCreated && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        error = directory + " is writable by others";
+        return false;
+    }
+    return ReplaceIn(dir.Get(), text, error);
+}

@@ -1,0 +1,11 @@
+// The status document's file, replaced in one step so that a reader never
+// sees half of it.
+#pragma once
+
+#include <string>
+
+// Replaces `directory`/status.json with `text` in one step (a file written
+// beside it, mode 0644, renamed over it). Creates the directory (mode 0755)
+// when missing; refuses one that is a symbolic link, not owned by this user or
+// writable by others. False, with the reason in `error`, when it did not happen.
+bool WriteStatusFile(const std::string& directory, const std::string& text, std::string& error);

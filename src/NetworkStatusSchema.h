@@ -1,0 +1,12 @@
+// What the daemon and the operator command (tessel-networkctl) agree on about
+// the status document: its schema number and where it lives. Includes nothing:
+// the operator command shares no other code with the daemon but the
+// configuration check.
+#pragma once
+
+// The schema number the document carries; raised when a field changes meaning or goes.
+constexpr int kStatusSchema = 1;
+
+// Where the document lives unless the command line says otherwise, and its name there.
+constexpr const char* kStatusDirectory = "/run/tessel-networkd";
+constexpr const char* kStatusFileName = "status.json";

@@ -1,0 +1,77 @@
+// What the status document shows, taken from the cycle's state after each pass:
+// the snapshot, compared with the one last written so that the document is
+// built and written only when something in it changed.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/types.h>
+#include <time.h>
+
+#include <string>
+#include <vector>
+
+#include "src/Network.h"
+#include "src/NetworkCycle.h"
+#include "src/NetworkShell.h"
+
+// One kind of work's health as the document shows it.
+struct STATUS_WORK {
+    unsigned int m_nFailures = 0;  // failed attempts since the last success; 0: healthy
+    std::string m_command;         // the command of the last failure, empty when none
+    COMMAND_OUTCOME m_outcome;     // how it ended
+    timespec m_failedAt{};         // zero: never failed
+    timespec m_recoveredAt{};      // zero: not recovered since
+
+    bool operator==(const STATUS_WORK&) const = default;
+};
+
+// One served interface as the document shows it.
+struct STATUS_INTERFACE {
+    bool m_bShown = false;      // in the document (veth3 only in the two-port mode)
+    bool m_bRequested = false;  // addressing has been asked for by a usable file
+    IP_CONFIG m_requested{};    // the addressing asked for
+    bool m_bInForce = false;    // an address is in force
+    bool m_bFromDhcp = false;   // ... and it came from a DHCP lease
+    in_addr m_address{};        // the address, mask and gateway in force
+    in_addr m_mask{};
+    in_addr m_gateway{};  // 0.0.0.0: no default route
+    unsigned int m_nMetric = 0;
+    timespec m_leaseAt{};   // when the lease in force was taken up; zero: none
+    pid_t m_clientPid = 0;  // the DHCP client, 0 when none is known
+    unsigned int m_nClientStarts = 0;
+    STATUS_WORK m_work;  // its addressing work
+
+    bool operator==(const STATUS_INTERFACE&) const = default;
+};
+
+// Every field of the document that can change while the daemon runs. Taken after
+// each pass and compared with the one last written: the document is built and
+// written only when they differ. Nothing in it changes by itself from pass to pass.
+struct STATUS_SNAPSHOT {
+    bool m_bConfigRead = false;
+    bool m_bConfigUsable = false;
+    std::vector<std::string> m_configProblems;
+    bool m_bConfigured = false;  // the last read was usable: the modes below are what it asks for
+    BRIDGE_MODE m_eConfiguredBridgeMode = BRIDGE_MODE_ETH0;
+    PHY_MODE m_eConfiguredPhyMode = PHY_MODE_COPPER;
+    bool m_bBridgeInForce = false;
+    BRIDGE_MODE m_eBridgeMode = BRIDGE_MODE_ETH0;
+    bool m_bPhyInForce = false;
+    PHY_MODE m_ePhyMode = PHY_MODE_COPPER;
+    bool m_bEth0Used = false;  // br0 in force has eth0 as a port
+    bool m_bEth0LinkUp = false;
+    unsigned int m_nEth0Recoveries = 0;
+    timespec m_eth0RecoveredAt{};
+    STATUS_WORK m_startup;
+    STATUS_WORK m_bridge;
+    STATUS_WORK m_registers;  // eth0's register writes
+    STATUS_WORK m_phy;        // the PHY mode's eth1 bounce
+    STATUS_INTERFACE m_veth1;
+    STATUS_INTERFACE m_veth3;
+
+    // Field by field, every field: defaulted, so none can be left out.
+    bool operator==(const STATUS_SNAPSHOT&) const = default;
+};
+
+// Fills `snapshot` from the cycle's state, in place (its texts keep their storage).
+void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot);
