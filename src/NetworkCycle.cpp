@@ -77,8 +77,13 @@ bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
 }
 
 // False, with the failure, when a write could not be run (started, and ended
-// before its deadline); a write that fails is not run again.
+// before its deadline); a write that fails is not run again. Not begun once a
+// stop's grace is over; once begun, run to its end whatever stop comes (each
+// write still under its deadline): a pulse pair cut in half would leave the PHY
+// where no later pass starts from.
 bool RunRegisterWriteSequence(WORK_FAILURE& failure) {
+    if (StopGraceOver()) return RunStep(kRegisterWriteSequence[0].m_szCommand, false, failure);
+    StopDeferred wholeSequence;
     for (const REGISTER_WRITE& write : kRegisterWriteSequence) {
         if (!RunStep(write.m_szCommand, false, failure)) return false;
         if (write.m_nPauseAfterMs != 0) Pause(write.m_nPauseAfterMs);

@@ -36,6 +36,8 @@ constexpr int64_t kReapWaitMs = 1000;
 std::atomic<bool> g_bStopRequested{false};
 // When the daemon first noticed the stop request (monotonic ms); 0 not yet.
 int64_t g_nStopNoticedMs = 0;
+// How many StopDeferred are alive; the daemon's one thread alone counts them.
+int g_nStopDeferrals = 0;
 
 // Shells ended but not yet reaped, waited for without blocking before each command.
 std::vector<pid_t>& Abandoned() {
@@ -68,7 +70,7 @@ namespace {
 
 // When the grace after a stop request ends; INT64_MAX while none was requested.
 int64_t StopGraceEndMs() {
-    if (!g_bStopRequested.load()) return INT64_MAX;
+    if (!g_bStopRequested.load() || g_nStopDeferrals > 0) return INT64_MAX;
     if (g_nStopNoticedMs == 0) g_nStopNoticedMs = SteadyMs();
     return g_nStopNoticedMs + kStopGraceMs;
 }
@@ -270,6 +272,11 @@ bool StopGraceOver() { return SteadyMs() >= StopGraceEndMs(); }
 void ClearStopRequest() {
     g_bStopRequested.store(false);
     g_nStopNoticedMs = 0;
+}
+
+StopDeferred::StopDeferred() { ++g_nStopDeferrals; }
+StopDeferred::~StopDeferred() {
+    if (--g_nStopDeferrals == 0 && g_bStopRequested.load()) g_nStopNoticedMs = SteadyMs();
 }
 
 WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure) {

@@ -55,6 +55,18 @@ bool StopRequested();
 bool StopGraceOver();
 // Forgets a stop request (for tests that request one).
 void ClearStopRequest();
+
+// While one is alive, a stop request waits: commands still start and run to
+// their deadline, and pauses last their whole time. For the few steps that
+// must never be cut in half (the register write sequence); when the last one
+// ends, the stop's grace starts again from there.
+class StopDeferred {
+public:
+    StopDeferred();
+    ~StopDeferred();
+    StopDeferred(const StopDeferred&) = delete;
+    StopDeferred& operator=(const StopDeferred&) = delete;
+};
 // Installs `handler` for the stop signals (SIGHUP, SIGINT, SIGTERM, SIGQUIT),
 // with all of them held off while it runs, so it is never re-entered.
 void InstallStopHandler(void (*handler)(int));

@@ -12,7 +12,7 @@ import sys
 import time
 
 import harness
-from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, START_UP
+from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, REGISTER_WRITES, START_UP
 from tesselkit import namespaces
 
 ETH1_STATIC = """bridge eth1
@@ -168,6 +168,23 @@ class FaultTest(harness.DaemonTestCase):
         self.assertEqual(daemon.wait_exit(timeout=10), int(signal.SIGQUIT), daemon.output())
         report("SIGQUIT during the pause: signal to exit", time.monotonic() - sent)
         self.assertLess(time.monotonic() - sent, 3.0)
+
+    def test_stop_signal_during_slow_register_writes_lets_the_sequence_finish(self):
+        # Each write takes 0.4 s: the stop's one-second grace would end the
+        # sequence in the middle of a pulse pair.
+        self.sandbox.write_config(ETH1_STATIC)
+        self.sandbox.set_delay("devmem", 0.4)
+        daemon = self.start_daemon()
+        harness.wait_until(lambda: REGISTER_WRITES[0] in self.sandbox.commands(), "the first register write")
+        sent = time.monotonic()
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait_exit(timeout=15), 0, daemon.output())
+        took = time.monotonic() - sent
+        report("SIGTERM during slow register writes: signal to exit", took)
+        writes = [command for command in self.sandbox.commands() if command.startswith("devmem")]
+        self.assertEqual(writes, REGISTER_WRITES)
+        # The sequence's eight writes and five pauses, then the stop's usual bound.
+        self.assertLess(took, 8 * 0.4 + 0.5 + 3.0)
 
     def test_commands_that_fail_for_a_while_are_retried_after_1_2_4_seconds(self):
         self.sandbox.write_config(ETH1_STATIC)

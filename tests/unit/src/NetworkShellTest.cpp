@@ -218,6 +218,34 @@ TEST(SleepLettingSignalsInTest, PauseEndsWhenAStopsGraceRunsOut) {
     EXPECT_LT(elapsed, std::chrono::milliseconds(3000));
 }
 
+TEST(StopDeferredTest, WhileOneLivesAStopWaitsAndItsGraceStartsAgainAfter) {
+    TempDir dir;
+    StopRequestGuard guard;
+    RequestStop();
+    // The grace runs out with nothing deferred: nothing would start now.
+    SleepLettingSignalsIn(1500);
+    ASSERT_TRUE(StopGraceOver());
+    {
+        StopDeferred whole;
+        EXPECT_FALSE(StopGraceOver());
+        // Commands start and run to their end; pauses last their whole time.
+        EXPECT_TRUE(RunShellCommand("sleep 1.2; echo done > " + dir.Path("deferred")).Succeeded());
+        EXPECT_EQ(ReadFile(dir.Path("deferred")), "done\n");
+        auto start = std::chrono::steady_clock::now();
+        SleepLettingSignalsIn(1200);
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1200));
+    }
+    // A fresh grace from the end of the deferral: a short command still runs,
+    // a pause ends with the grace, then nothing is started.
+    EXPECT_FALSE(StopGraceOver());
+    EXPECT_TRUE(RunShellCommand("true").Succeeded());
+    auto start = std::chrono::steady_clock::now();
+    SleepLettingSignalsIn(5000);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3000));
+    EXPECT_TRUE(StopGraceOver());
+    EXPECT_FALSE(RunShellCommand("true").m_bStarted);
+}
+
 // --- Steps ------------------------------------------------------------------------
 
 TEST(RunStepTest, AStepThatMustSucceedStopsTheWorkWithAnErrorNamingIt) {
