@@ -30,8 +30,8 @@ ends, the init ends, and the kernel ends whatever else ran in the namespace
 
 The paths come from the environment, which CTest sets for every test
 (tests/CMakeLists.txt): TESSEL_DAEMON (the daemon), TESSEL_CTL (the operator
-command), TESSEL_EMULATOR (what runs the target's programs: a cross build's emulator,
-or tessel-old-kernel for the tests as on Linux 3.10) and PYTHONPATH (the
+command), TESSEL_EMULATOR (a cross build's emulator), TESSEL_OLD_KERNEL (tessel-old-kernel,
+for the tests as on Linux 3.10) and PYTHONPATH (the
 toolkit, the source's tools/).
 
 The real network tools are never run in the test machine's own namespace: the
@@ -64,7 +64,7 @@ except ModuleNotFoundError as missing:
 from tesselkit.logs import parse_log_line
 from tesselkit.namespaces import SETUP_FAILED
 
-__all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "Daemon", "DaemonTestCase", "EMULATOR", "POLL_INTERVAL", "Sandbox",
+__all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "Daemon", "DaemonTestCase", "EMULATOR", "OLD_KERNEL", "POLL_INTERVAL", "Sandbox",
            "TIMEOUT", "main", "run_cycles_in_step", "wait_until"]
 
 # Generous: the machine may be busy; a poll returns as soon as its condition holds.
@@ -79,6 +79,15 @@ CTL_PATH = os.environ.get("TESSEL_CTL")  # the operator command
 # A cross-built daemon runs through its emulator ("qemu-arm -L /usr/arm-linux-gnueabihf");
 # the stand-ins stay shell scripts of this machine.
 EMULATOR = shlex.split(os.environ.get("TESSEL_EMULATOR", ""))
+# The oldkernel tests run the daemon and its programs through tessel-old-kernel,
+# which makes every system call newer than Linux 3.10 fail as there.
+OLD_KERNEL = os.environ.get("TESSEL_OLD_KERNEL") or None
+
+
+def run_prefix():
+    """What a target program's command line starts with: tessel-old-kernel for the
+    oldkernel tests, then a cross build's emulator."""
+    return ([OLD_KERNEL] if OLD_KERNEL else []) + EMULATOR
 
 def wait_until(condition, what, timeout=None):
     """Polls `condition` until it returns something true and returns that; fails after the timeout.
@@ -216,6 +225,11 @@ class Sandbox:
         # A copy, so the daemon stays reachable whatever its build directory is.
         self.daemon_path = os.path.join(self.work, "tessel-networkd")
         shutil.copy2(daemon_path, self.daemon_path)
+        # tessel-old-kernel lies in the build directory too.
+        self.run_prefix = run_prefix()
+        if OLD_KERNEL:
+            self.run_prefix[0] = os.path.join(self.work, "tessel-old-kernel")
+            shutil.copy2(OLD_KERNEL, self.run_prefix[0])
         self.ctl_path = None
         if CTL_PATH:
             self.ctl_path = os.path.join(self.work, "tessel-networkctl")
@@ -313,7 +327,7 @@ class Sandbox:
         """Runs tessel-networkctl on the status document the daemon left, from fresh mount
         and PID namespaces of its own (where its pid names no process). Returns the
         CompletedProcess (returncode, stdout, stderr)."""
-        return subprocess.run(["unshare", "--mount", "--pid", "--fork", "--mount-proc"] + EMULATOR
+        return subprocess.run(["unshare", "--mount", "--pid", "--fork", "--mount-proc"] + self.run_prefix
                               + [self._ctl()] + list(args) + ["--status-dir", self.status_dir()],
                               capture_output=True, text=True, timeout=TIMEOUT)
 
@@ -419,7 +433,7 @@ class Sandbox:
         output = open(output_path, "wb")
         try:
             process = namespaces.start(
-                EMULATOR + [self.daemon_path] + list(args),
+                self.run_prefix + [self.daemon_path] + list(args),
                 binds=[(self.path("tmp"), "/tmp"), (self.path("run"), "/run"), (self.path("cmdline"), "/proc/cmdline")],
                 interfaces=interfaces,
                 up=up,
@@ -544,7 +558,7 @@ class Daemon:
                 # A script in the daemon's place runs under its interpreter, a
                 # cross-built daemon under its emulator.
                 with open("/proc/%d/cmdline" % child, "rb") as cmdline:
-                    if self.sandbox.daemon_path.encode() in cmdline.read().split(b"\0")[: len(EMULATOR) + 2]:
+                    if self.sandbox.daemon_path.encode() in cmdline.read().split(b"\0")[: len(self.sandbox.run_prefix) + 2]:
                         return child
             except OSError:
                 pass
@@ -597,8 +611,8 @@ class Daemon:
     def ctl(self, *args):
         """Runs tessel-networkctl with `args` as on the device: in the daemon's mount and PID
         namespaces (its /run, its /proc). Returns the CompletedProcess."""
-        return subprocess.run(["nsenter", "--target", str(self.pid), "--mount", "--pid", "--"] + EMULATOR
-                              + [self.sandbox._ctl()] + list(args),
+        return subprocess.run(["nsenter", "--target", str(self.pid), "--mount", "--pid", "--"]
+                              + self.sandbox.run_prefix + [self.sandbox._ctl()] + list(args),
                               capture_output=True, text=True, timeout=TIMEOUT)
 
     def kill(self):

@@ -16,7 +16,7 @@ NETCHECK = os.environ.get("TESSEL_NETCHECK")
 
 
 def netcheck(*args):
-    result = subprocess.run(harness.EMULATOR + [NETCHECK] + list(args), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+    result = subprocess.run(harness.run_prefix() + [NETCHECK] + list(args), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                             timeout=10)
     return result.returncode, result.stdout, result.stderr
 
