@@ -217,10 +217,14 @@ TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
     EXPECT_EQ(RunPasses(Eth0::kDown, {{kEth0Static, ""}, {"", ""}, {"", ""}}), down);
     EXPECT_EQ(RunPasses(Eth0::kNoCarrier, {{kEth0Static, ""}, {"", ""}, {"", ""}}), down);
     // A failed query is not a down link: nothing is bounced, the registers only at first.
-    EXPECT_EQ(
-        RunPasses(Eth0::kMissing, {{kEth0Static, ""}, {"", ""}, {"", ""}}),
-        Join(
-            {first, kLinkQueryFails, RegisterWrites(), rest, {"pass 2"}, kLinkQueryFails, {"pass 3"}, kLinkQueryFails}));
+    EXPECT_EQ(RunPasses(Eth0::kMissing, {{kEth0Static, ""}, {"", ""}, {"", ""}}), Join({first,
+                                                                                        kLinkQueryFails,
+                                                                                        RegisterWrites(),
+                                                                                        rest,
+                                                                                        {"pass 2"},
+                                                                                        kLinkQueryFails,
+                                                                                        {"pass 3"},
+                                                                                        kLinkQueryFails}));
 }
 
 TEST(NetworkCycleTest, BridgeModeChangeRebuildsAndStopsServicingVeth3) {
