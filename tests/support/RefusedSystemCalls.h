@@ -22,6 +22,7 @@ constexpr unsigned int kAuditArch = AUDIT_ARCH_ARM;
 #elif defined(__i386__)
 constexpr unsigned int kAuditArch = AUDIT_ARCH_I386;
 #else
+// cppcheck-suppress preprocessorErrorDirective ; every target built has its branch above
 #error "no audit architecture for this target"
 #endif
 
