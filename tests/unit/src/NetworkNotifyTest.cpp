@@ -108,7 +108,7 @@ TEST(NotifyTest, TheWatchdogIsFedAtMostEveryHalfPeriodOnceReady) {
     // Readiness counts as a feed: nothing within the second after it.
     NotifyWatchdog();
     EXPECT_EQ(listener.Take(), std::nullopt);
-    const timespec beyondHalf = {1, 100 * 1000 * 1000};
+    const timespec beyondHalf = {1, 100L * 1000 * 1000};
     nanosleep(&beyondHalf, nullptr);
     NotifyWatchdog();
     EXPECT_EQ(listener.Take(), "WATCHDOG=1");
