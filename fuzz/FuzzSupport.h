@@ -27,7 +27,7 @@ inline void SilenceLogging() {
 class RecordingRunner {
 public:
     RecordingRunner()
-        : m_previous(SetCommandRunner([this](const std::string& command) {
+        : m_previous(SetCommandRunner([this](const std::string& command, std::string* /*output*/) {
               m_commands.push_back(command);
               return COMMAND_OUTCOME{};
           })) {}

@@ -2,6 +2,7 @@
 #include "src/NetworkShell.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -20,6 +21,7 @@
 
 #include "logging/Logging.h"
 #include "src/NetworkNotify.h"
+#include "util/UniqueFd.h"
 #include "util/Util.h"
 
 namespace {
@@ -103,9 +105,33 @@ void ReapAbandoned() {
     }
 }
 
+// The read end of a command's standard output and what has come through it.
+struct OUTPUT_PIPE {
+    Util::UniqueFd m_read;  // not open: no output is read (or all of it was)
+    std::string* m_text = nullptr;
+
+    // Takes what can be read now without waiting; closes at the end of the
+    // output. Past the limit the rest is read and dropped, so the command never
+    // blocks on a full pipe.
+    void Drain() {
+        char buffer[4096];
+        while (m_read.IsOpen()) {
+            const ssize_t got = read(m_read.Get(), buffer, sizeof buffer);
+            if (got > 0) {
+                const size_t room = kCommandOutputLimit - std::min(kCommandOutputLimit, m_text->size());
+                m_text->append(buffer, std::min(room, static_cast<size_t>(got)));
+            } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
+                m_read.Reset();
+            } else if (errno == EAGAIN) {
+                return;
+            }
+        }
+    }
+};
+
 // Sleeps until `untilMs` at most, letting in every signal (the stop signals,
-// SIGCHLD); returns early when one is taken.
-void WaitWithSignalsIn(int64_t nowMs, int64_t untilMs) {
+// SIGCHLD); returns early when one is taken or the output has something to read.
+void WaitWithSignalsIn(int64_t nowMs, int64_t untilMs, OUTPUT_PIPE& output) {
     int64_t waitMs = untilMs - nowMs;
     if (waitMs <= 0) return;
     timespec timeout{};
@@ -113,12 +139,14 @@ void WaitWithSignalsIn(int64_t nowMs, int64_t untilMs) {
     timeout.tv_nsec = static_cast<long>(waitMs % 1000) * 1000000L;
     sigset_t none;
     sigemptyset(&none);
-    ppoll(nullptr, 0, &timeout, &none);
+    pollfd readable{output.m_read.Get(), POLLIN, 0};
+    const nfds_t count = output.m_read.IsOpen() ? 1 : 0;
+    if (ppoll(count != 0 ? &readable : nullptr, count, &timeout, &none) > 0) output.Drain();
 }
 
 // Waits for the shell, ending its process group when its deadline passes or a
 // stop's grace runs out. Fills in how it ended.
-void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outcome) {
+void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outcome, OUTPUT_PIPE& output) {
     enum { RUNNING, TERMINATED, KILLED } phase = RUNNING;
     const int64_t deadlineMs = SteadyMs() + kCommandDeadlineMs;
     int64_t phaseEndMs = deadlineMs;
@@ -128,6 +156,9 @@ void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outc
         if (reaped == pid) {
             outcome.m_bExited = WIFEXITED(status);
             outcome.m_nStatus = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+            // What it wrote before it ended; a child it left behind holding the
+            // pipe is not waited for.
+            output.Drain();
             return;
         }
         if (reaped < 0 && errno != EINTR) {
@@ -139,7 +170,7 @@ void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outc
         const int64_t nowMs = SteadyMs();
         if (phase == RUNNING) phaseEndMs = std::min(deadlineMs, StopGraceEndMs());
         if (nowMs < phaseEndMs) {
-            WaitWithSignalsIn(nowMs, phaseEndMs);
+            WaitWithSignalsIn(nowMs, phaseEndMs, output);
             continue;
         }
         if (phase == RUNNING) {
@@ -179,13 +210,20 @@ std::string DescribeOutcome(const COMMAND_OUTCOME& outcome) {
 
 COMMAND_OUTCOME RunCommand(const std::string& command) {
     const CommandRunner& runner = ActiveRunner();
-    if (runner) return runner(command);
+    if (runner) return runner(command, nullptr);
     return RunShellCommand(command);
+}
+
+COMMAND_OUTCOME RunCommandForOutput(const std::string& command, std::string& output) {
+    output.clear();
+    const CommandRunner& runner = ActiveRunner();
+    if (runner) return runner(command, &output);
+    return RunShellCommand(command, &output);
 }
 
 CommandRunner SetCommandRunner(CommandRunner runner) { return std::exchange(ActiveRunner(), std::move(runner)); }
 
-COMMAND_OUTCOME RunShellCommand(const std::string& command) {
+COMMAND_OUTCOME RunShellCommand(const std::string& command, std::string* output) {
     COMMAND_OUTCOME outcome;
     ReapAbandoned();
     if (SteadyMs() >= StopGraceEndMs()) {
@@ -224,18 +262,42 @@ COMMAND_OUTCOME RunShellCommand(const std::string& command) {
     sigset_t previous;
     pthread_sigmask(SIG_BLOCK, &child, &previous);
 
+    // A command that is read writes into a pipe; only its write end goes to the
+    // shell, as standard output (both ends are closed on exec otherwise).
+    OUTPUT_PIPE pipeOut;
+    Util::UniqueFd writeEnd;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (output != nullptr && error == 0) {
+        int ends[2] = {-1, -1};
+        if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+            error = errno;
+        } else {
+            pipeOut.m_read.Reset(ends[0]);
+            pipeOut.m_text = output;
+            writeEnd.Reset(ends[1]);
+            // The shell's end blocks as a terminal or file would.
+            fcntl(writeEnd.Get(), F_SETFL, 0);
+            error = posix_spawn_file_actions_adddup2(&actions, writeEnd.Get(), STDOUT_FILENO);
+        }
+    }
+
     const char* shell = "/bin/sh";
     char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()), nullptr};
     pid_t pid = -1;
-    error = posix_spawn(&pid, shell, nullptr, &attributes, argv, environ);
+    if (error == 0) error = posix_spawn(&pid, shell, &actions, &attributes, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
+    // Only the shell keeps the write end: the output ends when the shell (and
+    // whatever it left holding the pipe) does.
+    writeEnd.Reset();
     if (error != 0) {
         outcome.m_bStarted = false;
         outcome.m_nError = error;
     } else {
         // The daemon keeps its stop signals blocked while it works; waiting is
         // where it takes them, so the handler never interrupts a heap or log call.
-        WaitForCommand(pid, command, outcome);
+        WaitForCommand(pid, command, outcome, pipeOut);
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return outcome;
@@ -284,8 +346,8 @@ WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure) {
     return failure != nullptr ? *failure : scratch;
 }
 
-bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure) {
-    COMMAND_OUTCOME outcome = RunCommand(command);
+bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure, std::string* output) {
+    const COMMAND_OUTCOME outcome = output != nullptr ? RunCommandForOutput(command, *output) : RunCommand(command);
     // A cycle of commands that each run to their deadline is slow, not stuck.
     NotifyWatchdog();
     if (outcome.m_bStarted && !outcome.m_bTimedOut && (!mustSucceed || outcome.Succeeded())) return true;

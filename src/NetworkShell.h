@@ -3,6 +3,7 @@
 // grace, and the steps of a piece of work.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -30,20 +31,28 @@ constexpr unsigned int kCommandDeadlineMs = 20000;
 constexpr unsigned int kCommandKillGraceMs = 2000;
 
 // Runs one command line through /bin/sh -c and waits for it. Every shell command
-// of the daemon goes through here.
+// of the daemon goes through here (or through RunCommandForOutput).
 COMMAND_OUTCOME RunCommand(const std::string& command);
 
-// The function RunCommand hands its text to. Tests put a recorder here; an empty
-// function puts the real runner back. Returns the one it replaced.
-using CommandRunner = std::function<COMMAND_OUTCOME(const std::string& command)>;
+// The same, for a command the daemon reads: what it writes to standard output
+// is put in `output` (the first kCommandOutputLimit bytes) instead of going
+// where the daemon's own output goes.
+COMMAND_OUTCOME RunCommandForOutput(const std::string& command, std::string& output);
+constexpr size_t kCommandOutputLimit = 65536;
+
+// The function both hand their text to, with where the output goes (null: not
+// read). Tests put a recorder here; an empty function puts the real runner
+// back. Returns the one it replaced.
+using CommandRunner = std::function<COMMAND_OUTCOME(const std::string& command, std::string* output)>;
 CommandRunner SetCommandRunner(CommandRunner runner);
 
 // The real runner: starts the shell in a process group of its own, with default
 // signal dispositions and an empty signal mask, and lets the daemon's stop
 // signals in while it waits, so a stop requested during a command is neither
 // lost nor delayed past the cycle. A command still running at its deadline is
-// ended, group and all (SIGTERM, then SIGKILL), with an ERROR entry.
-COMMAND_OUTCOME RunShellCommand(const std::string& command);
+// ended, group and all (SIGTERM, then SIGKILL), with an ERROR entry. With
+// `output`, standard output is read through a pipe while it runs.
+COMMAND_OUTCOME RunShellCommand(const std::string& command, std::string* output = nullptr);
 
 // Called from the stop signals' handler (async-signal-safe). From then on the
 // daemon has a short grace to finish what it is doing: commands still running
@@ -100,8 +109,9 @@ WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
 
 // Runs one step. Returns false, with `failure` filled in and an ERROR entry, when
 // the work cannot go on: a step that must succeed failed, or any step could not
-// be started or ran past its deadline.
-bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure);
+// be started or ran past its deadline. With `output`, the step is one the work
+// reads: its standard output is put there.
+bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure, std::string* output = nullptr);
 
 // Waits `milliseconds`; every pause of the daemon (the loop's second, the register
 // pulses) goes through here, so tests can record pauses beside the commands.

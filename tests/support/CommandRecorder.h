@@ -16,14 +16,18 @@ public:
     // runner, after they are recorded, and give its outcome; the others succeed
     // unless SetOutcomes says otherwise.
     explicit CommandRecorder(std::function<bool(const std::string&)> runsForReal = nullptr)
-        : m_previous(SetCommandRunner([this, runsForReal](const std::string& command) {
+        : m_previous(SetCommandRunner([this, runsForReal](const std::string& command, std::string* output) {
               m_commands.push_back(command);
               LogCapture::NoteCommand(command);
+              if (m_outputs) {
+                  std::optional<std::string> printed = m_outputs(command);
+                  if (printed && output != nullptr) *output = *printed;
+              }
               if (m_outcomes) {
                   std::optional<COMMAND_OUTCOME> scripted = m_outcomes(command);
                   if (scripted) return *scripted;
               }
-              if (runsForReal && runsForReal(command)) return RunShellCommand(command);
+              if (runsForReal && runsForReal(command)) return RunShellCommand(command, output);
               return COMMAND_OUTCOME{};
           })) {}
     ~CommandRecorder() { SetCommandRunner(std::move(m_previous)); }
@@ -39,9 +43,17 @@ public:
         m_outcomes = std::move(outcomes);
     }
 
+    // Hands every command to `outputs` (a stand-in for the tools, which may keep
+    // state), and gives what it returns as the output of a command that is read
+    // (nothing: it prints nothing); nullptr ends that.
+    void SetOutputs(std::function<std::optional<std::string>(const std::string&)> outputs) {
+        m_outputs = std::move(outputs);
+    }
+
 private:
     std::vector<std::string> m_commands;
     std::function<std::optional<COMMAND_OUTCOME>(const std::string&)> m_outcomes;
+    std::function<std::optional<std::string>(const std::string&)> m_outputs;
     CommandRunner m_previous;
 };
 

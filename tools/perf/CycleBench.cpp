@@ -239,7 +239,7 @@ int main(int argc, char** argv) {
         int builds = atoi(argv[2]);
         // The commands a build runs, taken from the build itself, for the floor to run as they are.
         std::vector<std::string> commands;
-        CommandRunner real = SetCommandRunner([&](const std::string& command) {
+        CommandRunner real = SetCommandRunner([&](const std::string& command, std::string* /*output*/) {
             commands.push_back(command);
             return COMMAND_OUTCOME{};
         });

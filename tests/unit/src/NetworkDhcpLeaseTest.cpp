@@ -587,7 +587,7 @@ TEST_F(CheckForNewDhcpAddressTest, LeaseWrittenWhileTheLastIsTakenUpWaitsForTheN
         // The script renames the next lease into place while the daemon programs
         // the first one.
         CommandRecorder commands;
-        CommandRunner recorder = SetCommandRunner([&](const std::string& command) {
+        CommandRunner recorder = SetCommandRunner([&](const std::string& command, std::string* /*output*/) {
             if (command.rfind("ip addr add", 0) == 0) {
                 WriteLease(m_file.Path() + ".tmp", newer);
                 EXPECT_EQ(rename((m_file.Path() + ".tmp").c_str(), m_file.Path().c_str()), 0);

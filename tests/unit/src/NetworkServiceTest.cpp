@@ -36,7 +36,7 @@ public:
         : m_path("/tmp/dhcp_" + interfaceName + ".txt"),
           m_removal("rm -f " + m_path),
           m_clientStart("udhcpc -i " + interfaceName + " "),
-          m_previous(SetCommandRunner([this](const std::string& command) {
+          m_previous(SetCommandRunner([this](const std::string& command, std::string* /*output*/) {
               Run(command);
               return COMMAND_OUTCOME{};
           })) {}
