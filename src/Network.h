@@ -91,10 +91,12 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
 // also the second pair and the ARP/IP isolation rules. An empty MAC text leaves
 // that port's address alone. Returns false, stopping at the step that failed
 // (noted in `failure` when given), when a step the build needs failed.
-// eth1UpAfterRules: eth1 comes up only once everything else, the isolation
-// rules included, is in place (a build again after one that failed).
 bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
-                 WORK_FAILURE* failure = nullptr, bool eth1UpAfterRules = false);
+                 WORK_FAILURE* failure = nullptr);
+
+// The two-port build's ARP and IP rules alone, anew (each table flushed first),
+// as the build runs them; false at the first that failed.
+bool SetupIsolationRules(WORK_FAILURE& failure);
 
 // Whether the mode makes eth0 (modes 0 and 2) or eth1 (modes 1 and 2) a port of br0.
 bool BridgesEth0(BRIDGE_MODE mode);

@@ -1,6 +1,5 @@
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <string>
 
 #include "logging/Logging.h"
@@ -35,8 +34,6 @@ const SHELL_STEP kEth0PortCommands[] = {
 };
 
 // eth1 becomes a port of br0.
-// The last entry raises eth1; a build that holds eth1 down until the isolation
-// rules are in runs it after them.
 const SHELL_STEP kEth1PortCommands[] = {
     {"ip link set eth1 master br0", true},
     {"ip link set eth1 up", true},
@@ -60,16 +57,20 @@ const SHELL_STEP kFirstPairQuietCommands[] = {
 };
 
 // With both ports bridged, a second internal network reaches br0 through
-// veth3/veth2. ARP never crosses between veth0 and veth2; veth0 talks ARP only
-// with eth1 and veth2 only with eth0. The internal addresses 10.253.254.253/.254
-// and MACs 02:23:02:00:00:00/01 stay invisible on eth1 and veth0 (ARP), and on
-// eth1 also at IP level; eth1 learns no addresses.
+// veth3/veth2.
 const SHELL_STEP kSecondPairCommands[] = {
     {"ip link add name veth3 type veth", false},
     {"ip link set veth2 master br0", true},
     {"ip link set veth2 up", true},
     {"ip link set veth3 up", true},
     {"ip link set dev veth3 address 02:23:02:00:00:00", true},
+};
+
+// ARP never crosses between veth0 and veth2; veth0 talks ARP only with eth1 and
+// veth2 only with eth0. The internal addresses 10.253.254.253/.254 and MACs
+// 02:23:02:00:00:00/01 stay invisible on eth1 and veth0 (ARP), and on eth1 also
+// at IP level. Also put back on their own when found missing.
+const SHELL_STEP kIsolationRuleCommands[] = {
     {"arptables -F", true},
     // Port pairs that must not exchange ARP.
     {"arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP", true},
@@ -127,6 +128,10 @@ const SHELL_STEP kSecondPairCommands[] = {
     {"iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-out eth1 -j DROP", true},
     {"iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP", true},
     {"iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP", true},
+};
+
+// eth1 learns no addresses.
+const SHELL_STEP kLearningCommands[] = {
     {"bridge link set dev eth1 learning_sync off", true},
     {"bridge link set dev eth1 learning off", true},
     {"ip -s -s neigh flush all", false},
@@ -157,8 +162,10 @@ std::string MalformedMac(const std::string& mac, const std::string& source) {
 bool BridgesEth0(BRIDGE_MODE mode) { return (static_cast<uint32_t>(mode) & ~2U) == 0; }
 bool BridgesEth1(BRIDGE_MODE mode) { return static_cast<uint32_t>(mode) - 1U <= 1U; }
 
-bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac, WORK_FAILURE* failure,
-                 bool eth1UpAfterRules) {
+bool SetupIsolationRules(WORK_FAILURE& failure) { return RunAll(kIsolationRuleCommands, failure); }
+
+bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
+                 WORK_FAILURE* failure) {
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Setting up bridge for control network");
 
     std::string macs[] = {eth0Mac, eth1Mac};
@@ -184,15 +191,7 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
         built = RunAll(kEth0PortCommands, noted) && (macs[0].empty() || setMac("eth0", macs[0]));
     }
     if (built && BridgesEth1(bridgeMode)) {
-        const SHELL_STEP& raise = kEth1PortCommands[std::size(kEth1PortCommands) - 1];
-        for (const SHELL_STEP& step : kEth1PortCommands) {
-            if (eth1UpAfterRules && &step == &raise) continue;
-            if (!RunStep(step.m_szCommand, step.m_bMustSucceed, noted)) {
-                built = false;
-                break;
-            }
-        }
-        built = built && (macs[1].empty() || setMac("eth1", macs[1]));
+        built = RunAll(kEth1PortCommands, noted) && (macs[1].empty() || setMac("eth1", macs[1]));
     }
     if (built) built = RunAll(kFirstPairCommands, noted);
     if (built) {
@@ -209,10 +208,8 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     if (built && BridgesEth1(bridgeMode)) built = RunStep("ip link set eth1 arp off", true, noted);
     // Only this mode flushes and installs the rules; leaving it keeps them, and
     // veth2/veth3, as they were.
-    if (built && bridgeMode == BRIDGE_MODE_ETH0ETH1) built = RunAll(kSecondPairCommands, noted);
-    if (built && eth1UpAfterRules && BridgesEth1(bridgeMode)) {
-        const SHELL_STEP& raise = kEth1PortCommands[std::size(kEth1PortCommands) - 1];
-        built = RunStep(raise.m_szCommand, raise.m_bMustSucceed, noted);
+    if (built && bridgeMode == BRIDGE_MODE_ETH0ETH1) {
+        built = RunAll(kSecondPairCommands, noted) && SetupIsolationRules(noted) && RunAll(kLearningCommands, noted);
     }
     if (!built) return false;
 

@@ -6,6 +6,7 @@
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "util/Util.h"
@@ -36,13 +37,15 @@ const REGISTER_WRITE kRegisterWriteSequence[] = {
 // clang-format on
 
 // Loopback up, and eth1 bounced; only the loopback is needed by later work.
-// clang-format off
-const SHELL_STEP kStartupSteps[] = {
-    {"ip link set dev lo up",     true},
-    {"ip link set dev eth1 down", false},
-    {"ip link set dev eth1 up",   false},
+// eth1 is blocked in between (BlockEth1): whatever a daemon before this one
+// left of br0 and its rules, nothing crosses eth1 until a build has finished.
+const SHELL_STEP kLoopbackSteps[] = {
+    {"ip link set dev lo up", true},
 };
-// clang-format on
+const SHELL_STEP kStartupEth1Steps[] = {
+    {"ip link set dev eth1 down", false},
+    {"ip link set dev eth1 up", false},
+};
 
 // eth0 found down is bounced (the register writes follow); found up, it is put
 // back into br0 in case anything detached it. Both are repeated every pass the
@@ -91,11 +94,37 @@ bool RunRegisterWriteSequence(WORK_FAILURE& failure) {
     return true;
 }
 
+// One build of br0 for the mode, with eth1 blocked from its first command to
+// its last: in the two-port mode the isolation is then completed and looked
+// at; in the others the link-layer rules go. A build cut short leaves the block.
+bool BuildBridge(BRIDGE_MODE bridgeMode, ISOLATION_STATE& isolation, WORK_FAILURE& failure) {
+    const bool twoPorts = bridgeMode == BRIDGE_MODE_ETH0ETH1;
+    isolation.m_bInForce = false;
+    isolation.m_problem.clear();
+    bool built = BlockEth1(failure) && SetupBridge(bridgeMode, "", "", &failure);
+    if (built) built = twoPorts ? CompleteIsolation(isolation, failure) : RemoveLinkLayerRules(failure);
+    if (built) built = LiftEth1Block(failure);
+    if (!twoPorts) {
+        isolation = ISOLATION_STATE{};
+        return built;
+    }
+    if (built) {
+        // The build raised eth1 and put every rule in: nothing is left to repair.
+        isolation.m_bRepairPending = false;
+        isolation.m_bEth1HeldDown = false;
+        NoteWorkDone(isolation.m_health, "isolation");
+    } else {
+        isolation.m_bInForce = false;
+        if (isolation.m_problem.empty()) isolation.m_problem = "the bridge build stopped at: " + failure.m_command;
+    }
+    return built;
+}
+
 }  // namespace
 
 void RunStartupCommands(CYCLE_STATE& state) {
     WORK_FAILURE failure;
-    if (RunSteps(kStartupSteps, failure)) {
+    if (RunSteps(kLoopbackSteps, failure) && BlockEth1(failure) && RunSteps(kStartupEth1Steps, failure)) {
         state.m_bStartupPending = false;
         NoteWorkDone(state.m_startupHealth, "start-up commands");
     } else {
@@ -122,15 +151,14 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
 
     // A new mode is new work, built at once; a build that failed is tried again
     // when its wait is over.
+    bool bridgeBuilt = false;
     const bool modeChanged = bridgeMode != state.m_eLastBridgeMode;
     if (modeChanged || (state.m_bBridgeSetupPending && WorkDue(state.m_bridgeHealth))) {
         WORK_FAILURE failure;
-        // After a two-port build that stopped short, eth1 stays down until the
-        // isolation rules are all in place again.
-        const bool eth1UpAfterRules = bridgeMode == BRIDGE_MODE_ETH0ETH1 && state.m_bridgeHealth.m_nFailures > 0;
-        const bool built = SetupBridge(bridgeMode, "", "", &failure, eth1UpAfterRules);
+        const bool built = BuildBridge(bridgeMode, state.m_isolation, failure);
         state.m_eLastBridgeMode = bridgeMode;
         state.m_bBridgeSetupPending = !built;
+        bridgeBuilt = built;
         // Both interfaces are set up again on the rebuilt bridge, in this pass.
         state.m_veth1.m_bReconfigure = true;
         state.m_veth3.m_bReconfigure = true;
@@ -143,6 +171,12 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
                 RunSteps(kIsolationIncompleteSteps, failure);
             }
         }
+    }
+
+    // The isolation a build left in force is looked at now and then, and put
+    // back when someone took part of it away.
+    if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !state.m_bBridgeSetupPending && !bridgeBuilt) {
+        SuperviseIsolation(state.m_isolation);
     }
 
     bool bRegisterWritesDue = state.m_bFirstCycle;

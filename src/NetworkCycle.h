@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "src/Network.h"
+#include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 
 // The route metrics of the served interfaces: veth1's default route is preferred.
@@ -56,6 +57,9 @@ struct CYCLE_STATE {
     // The two served interfaces.
     INTERFACE_STATE m_veth1;
     INTERFACE_STATE m_veth3;
+    // The two-port mode's isolation: whether it was found in force, when, why
+    // not, and its repair. Meaningful while br0 is built for that mode.
+    ISOLATION_STATE m_isolation;
 };
 
 // The start-up commands (loopback up, eth1 bounced), run once before the first

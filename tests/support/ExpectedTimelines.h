@@ -59,6 +59,31 @@ inline const std::vector<std::string>& BridgeBuildOtherMode() {
     return timeline;
 }
 
+// eth1's block before a build (and at start-up), and its lift after one.
+inline const std::vector<std::string>& Eth1Block() {
+    static const auto timeline = ReadTimelineFixture("eth1-block.timeline");
+    return timeline;
+}
+inline const std::vector<std::string>& Eth1Lift() {
+    static const auto timeline = ReadTimelineFixture("eth1-lift.timeline");
+    return timeline;
+}
+
+// What completes the isolation after the two-port build, up to its entry.
+inline const std::vector<std::string>& IsolationComplete() {
+    static const auto timeline = ReadTimelineFixture("isolation-complete.timeline");
+    return timeline;
+}
+// The periodic look at it, and the ARP and IP rules a repair puts back.
+inline const std::vector<std::string>& IsolationLook() {
+    static const auto timeline = ReadTimelineFixture("isolation-look.timeline");
+    return timeline;
+}
+inline const std::vector<std::string>& IsolationRules() {
+    static const auto timeline = ReadTimelineFixture("isolation-rules.timeline");
+    return timeline;
+}
+
 // The register writes, with their pauses, as a pass runs them.
 inline const std::vector<std::string>& RegisterWrites() {
     static const auto timeline = ReadTimelineFixture("register-writes.timeline");

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -27,6 +28,7 @@
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"
 #include "tests/support/FakeClient.h"
+#include "tests/support/FakeFilterTables.h"
 #include "tests/support/KernelCommandLine.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
@@ -88,6 +90,9 @@ Lines RunPasses(Eth0 link, const std::vector<Pass>& passes) {
         LogCapture log;
         CommandRecorder commands(
             [](const std::string& command) { return command.rfind(std::string("rm -f ") + kVeth1Lease, 0) == 0; });
+        FakeFilterTables tables;
+        commands.SetOutputs([&tables](const std::string& command) { return tables.Run(command); });
+        BridgeFilterScript bridgeFilter;
         PauseRecorder pauses;
         CYCLE_STATE state;
         Lines lines;
@@ -146,6 +151,13 @@ const char* const kEth0Frame =
 
 const char* const kLease = "veth1 192.168.77.100 255.255.255.0\n192.168.77.1\n";
 
+// A whole build as a pass runs it: eth1 blocked, br0 built, the isolation
+// completed (two-port mode) or the link-layer rules removed, the block lifted.
+const Lines kRemoveLinkLayerRules = {"$ ebtables -F"};
+Lines BuildEth0() { return Join({Eth1Block(), BridgeBuildEth0(), kRemoveLinkLayerRules, Eth1Lift()}); }
+Lines BuildEth1() { return Join({Eth1Block(), BridgeBuildEth1(), kRemoveLinkLayerRules, Eth1Lift()}); }
+Lines BuildBoth() { return Join({Eth1Block(), BridgeBuildEth0Eth1(), IsolationComplete(), Eth1Lift()}); }
+
 // Pieces of the timelines below, written out once.
 const Lines kReattach = {"$ ip link set eth0 master br0 > /dev/null 2>&1"};
 const Lines kBounceEth0 = {"$ ip link set eth0 down > /dev/null 2>&1", "$ ip link set eth0 up > /dev/null 2>&1"};
@@ -188,18 +200,18 @@ const Lines kPhyWrite = {
 TEST(NetworkCycleTest, FirstUsablePassInEachBridgeMode) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}}),
-              Join({{"pass 1"}, BridgeBuildEth0(), kReattach, RegisterWrites(), kVeth1Static, kPhyWrite}));
+              Join({{"pass 1"}, BuildEth0(), kReattach, RegisterWrites(), kVeth1Static, kPhyWrite}));
     // eth0 is not watched, yet the first usable pass writes the registers.
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth1Static, ""}}),
-              Join({{"pass 1"}, BridgeBuildEth1(), RegisterWrites(), kVeth1Static, kPhyWrite}));
+              Join({{"pass 1"}, BuildEth1(), RegisterWrites(), kVeth1Static, kPhyWrite}));
     EXPECT_EQ(
         RunPasses(Eth0::kUp, {{kBothStatic, ""}}),
-        Join({{"pass 1"}, BridgeBuildEth0Eth1(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite}));
+        Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite}));
 }
 
 TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
     TESSEL_NEED_NAMESPACES();
-    const Lines first = Join({{"pass 1"}, BridgeBuildEth0()});
+    const Lines first = Join({{"pass 1"}, BuildEth0()});
     const Lines rest = Join({kVeth1Static, kPhyWrite});
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}, {"", ""}, {"", ""}}),
               Join({first, kReattach, RegisterWrites(), rest, {"pass 2"}, kReattach, {"pass 3"}, kReattach}));
@@ -230,14 +242,14 @@ TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
 TEST(NetworkCycleTest, BridgeModeChangeRebuildsAndStopsServicingVeth3) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}, {kEth0Static, ""}, {"", ""}}), Join({{"pass 1"},
-                                                                                            BridgeBuildEth0Eth1(),
+                                                                                            BuildBoth(),
                                                                                             kReattach,
                                                                                             RegisterWrites(),
                                                                                             kVeth1Static,
                                                                                             kVeth3Static,
                                                                                             kPhyWrite,
                                                                                             {"pass 2"},
-                                                                                            BridgeBuildEth0(),
+                                                                                            BuildEth0(),
                                                                                             kReattach,
                                                                                             kVeth1Static,
                                                                                             {"pass 3"},
@@ -247,7 +259,7 @@ TEST(NetworkCycleTest, BridgeModeChangeRebuildsAndStopsServicingVeth3) {
 TEST(NetworkCycleTest, PhyModeChangeWritesItAndBouncesEth1Only) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}, {kEth0Frame, ""}, {"", ""}}), Join({{"pass 1"},
-                                                                                           BridgeBuildEth0(),
+                                                                                           BuildEth0(),
                                                                                            kReattach,
                                                                                            RegisterWrites(),
                                                                                            kVeth1Static,
@@ -263,7 +275,7 @@ TEST(NetworkCycleTest, UnusableFileBetweenGoodOnesChangesNothing) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}, {"bridge nowhere\n", ""}, {kEth0Static, ""}}),
               Join({{"pass 1"},
-                    BridgeBuildEth0(),
+                    BuildEth0(),
                     kReattach,
                     RegisterWrites(),
                     kVeth1Static,
@@ -287,7 +299,7 @@ TEST(NetworkCycleTest, DhcpStartLeaseRenewalAndLoss) {
         RunPasses(Eth0::kUp,
                   {{kEth0Dhcp, ""}, {"", kLease}, {"", ""}, {"", kLease}, {"", "veth1 0.0.0.0 0.0.0.0\n"}, {"", ""}}),
         Join({{"pass 1"},
-              BridgeBuildEth0(),
+              BuildEth0(),
               kReattach,
               RegisterWrites(),
               kClientStart,
@@ -352,6 +364,9 @@ Lines RunTimedPasses(Eth0 link, const std::string& config, int count, const Faul
         CommandRecorder commands;
         int pass = 0;
         commands.SetOutcomes([&](const std::string& command) { return faults(pass, command); });
+        FakeFilterTables tables;
+        commands.SetOutputs([&tables](const std::string& command) { return tables.Run(command); });
+        BridgeFilterScript bridgeFilter;
         PauseRecorder pauses;
         CYCLE_STATE state;
         Lines lines;
@@ -379,7 +394,7 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
     Lines timeline = RunTimedPasses(Eth0::kMissing, kEth1Static, 9, [&](int pass, const std::string& command) {
         return pass <= 4 && command == create ? std::optional<COMMAND_OUTCOME>(ExitStatus(2)) : std::nullopt;
     });
-    const Lines failedBuild = {
+    const Lines failedBuild = Join({Eth1Block(), {
         "INFO SetupBridge: Setting up bridge for control network",
         "$ ip link set br0 down",
         "$ ip addr flush dev br0",
@@ -390,7 +405,7 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
         "$ ip link del name br0",
         "$ ip link add name br0 type bridge",
         "ERROR RunStep: Command failed (exit status 2): ip link add name br0 type bridge",
-    };
+    }});
     EXPECT_EQ(timeline, Join({{"pass 1"},
                               failedBuild,
                               {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
@@ -408,7 +423,7 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
                               kVeth1Static,
                               // Nothing until second 7; the fault has gone meanwhile.
                               {"pass 8"},
-                              BridgeBuildEth1(),
+                              BuildEth1(),
                               {"NOTICE NoteWorkDone: Recovered bridge setup after 3 failed attempts"},
                               kVeth1Static}));
 }
@@ -471,37 +486,62 @@ TEST(NetworkCycleFaultTest, WaitsGrowToAMinuteAndAChangedModeIsBuiltAtOnce) {
                      "WARN NoteWorkFailed: Retrying bridge setup in 60 s (failed attempts: 10)"}));
 }
 
-TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndTheRetryStartsWithTheFlush) {
+TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1BlockedAndDown) {
     TESSEL_NEED_NAMESPACES();
     // Another program holds the xtables lock during the first pass.
     Lines timeline = RunTimedPasses(Eth0::kUp, kBothStatic, 3, [&](int pass, const std::string& command) {
         return pass == 1 && command.rfind("iptables -A", 0) == 0 ? std::optional<COMMAND_OUTCOME>(ExitStatus(4))
                                                                  : std::nullopt;
     });
-    Lines rules = Only(timeline, {"pass", "$ arptables", "$ iptables", "$ ip link set eth1 down",
-                                  "$ ip link set eth1 up", "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge"});
-    // Pass 1: eth1 down with the rest of the bridge and up as its port,
-    // arptables flushed and filled, iptables flushed, its first rule refused
-    // and nothing after it; eth1 taken down. Pass 2: the whole build again,
-    // flushes first, eth1 up only after the last rule.
-    ASSERT_EQ(rules.size(), 49U + 58U + 1U);
-    EXPECT_EQ(Lines(rules.begin(), rules.begin() + 5),
-              (Lines{"pass 1", "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
-                     "$ ip link set eth1 up", "$ arptables -F"}));
-    EXPECT_EQ(
-        Lines(rules.begin() + 43, rules.begin() + 54),
-        (Lines{"$ iptables -F", "$ iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP",
-               "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
-               "physdev --physdev-in eth1 -j DROP",
-               "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
-               "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
-               "$ ip link set eth1 down", "pass 2", "INFO SetupBridge: Setting up bridge for control network",
-               "$ ip link set eth1 down", "$ arptables -F",
-               "$ arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP"}));
-    EXPECT_EQ(Lines(rules.end() - 5, rules.end()),
-              (Lines{"$ iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
-                     "$ ip link set eth1 up", "INFO SetupBridge: Done with bridge setup",
-                     "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts", "pass 3"}));
+    Lines builds = Only(timeline, {"pass", "$ ebtables -t nat", "$ iptables -F", "$ ip link set eth1",
+                                   "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge", "INFO CompleteIsolation"});
+    // Pass 1: eth1 blocked first; the design's build up to the refused rule,
+    // no lift, eth1 taken down. Pass 2: blocked again (one block), the whole
+    // build with every command in its place, the isolation completed, the block
+    // lifted only then.
+    EXPECT_EQ(builds,
+              (Lines{"pass 1",
+                     "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
+                     "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
+                     "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
+                     "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
+                     "INFO SetupBridge: Setting up bridge for control network",
+                     "$ ip link set eth1 down",
+                     "$ ip link set eth1 master br0",
+                     "$ ip link set eth1 up",
+                     "$ ip link set eth1 arp off",
+                     "$ iptables -F",
+                     "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
+                     "physdev --physdev-in eth1 -j DROP",
+                     "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
+                     "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
+                     "$ ip link set eth1 down",
+                     "pass 2",
+                     "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
+                     "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
+                     "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
+                     "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
+                     "INFO SetupBridge: Setting up bridge for control network",
+                     "$ ip link set eth1 down",
+                     "$ ip link set eth1 master br0",
+                     "$ ip link set eth1 up",
+                     "$ ip link set eth1 arp off",
+                     "$ iptables -F",
+                     "INFO SetupBridge: Done with bridge setup",
+                     "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge "
+                     "netfilter for br0",
+                     "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
+                     "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
+                     "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts",
+                     "pass 3"}));
+    // The retry is the whole build, exactly as the first would have been.
+    const size_t second = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 2") - timeline.begin());
+    const size_t third = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 3") - timeline.begin());
+    ASSERT_LT(second, third);
+    const Lines retried(timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1,
+                        timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1 +
+                            static_cast<std::ptrdiff_t>(BuildBoth().size()));
+    EXPECT_EQ(retried, BuildBoth());
 }
 
 const char* const kEth1Dhcp =
@@ -529,7 +569,7 @@ TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterP
     };
     EXPECT_EQ(timeline,
               Join({{"pass 1"},
-                    BridgeBuildEth1(),
+                    BuildEth1(),
                     RegisterWrites(),
                     kClientStart,
                     kPhyWrite,
@@ -564,7 +604,7 @@ TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
         });
     const Lines expected =
         Join({{"pass 1"},
-              BridgeBuildEth1(),
+              BuildEth1(),
               RegisterWrites(),
               kClientStart,
               kPhyWrite,

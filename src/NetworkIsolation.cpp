@@ -1,0 +1,401 @@
+// The two-port mode's isolation past the bridge build: eth1's block, the
+// link-layer rules, bridge netfilter for br0, and the look that keeps them in force.
+#include "src/NetworkIsolation.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "logging/Logging.h"
+#include "src/Network.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
+#include "util/UniqueFd.h"
+#include "util/Util.h"
+
+namespace {
+
+// Every frame in and out of eth1 dropped where it enters or leaves the bridge,
+// in a table of its own so that the filter table's flushes leave it. Each
+// block is deleted first, so that setting it again leaves one.
+// clang-format off
+const SHELL_STEP kBlockEth1Steps[] = {
+    {"ebtables -t nat -D PREROUTING -i eth1 -j DROP",  false},
+    {"ebtables -t nat -A PREROUTING -i eth1 -j DROP",  true},
+    {"ebtables -t nat -D POSTROUTING -o eth1 -j DROP", false},
+    {"ebtables -t nat -A POSTROUTING -o eth1 -j DROP", true},
+};
+const SHELL_STEP kLiftEth1BlockSteps[] = {
+    {"ebtables -t nat -D PREROUTING -i eth1 -j DROP",  true},
+    {"ebtables -t nat -D POSTROUTING -o eth1 -j DROP", true},
+};
+// clang-format on
+
+// br0's own switch for handing bridged IPv4 and ARP to the filters, whatever
+// the system-wide one says; through netlink, so a read-only /sys and /proc/sys
+// do not stand in the way. Kernels before 4.4 refuse it: what counts is the
+// look at the kernel afterwards.
+const SHELL_STEP kBridgeFilterSteps[] = {
+    {"ip link set dev br0 type bridge nf_call_iptables 1 nf_call_arptables 1", false},
+};
+
+// Frames of every protocol: the port pairs that the ARP rules keep apart
+// exchange nothing, and no frame to or from an internal MAC enters or leaves
+// through eth1 or veth0.
+const SHELL_STEP kLinkLayerRuleSteps[] = {
+    {"ebtables -F", true},
+    {"ebtables -A FORWARD -i veth2 -o veth0 -j DROP", true},
+    {"ebtables -A FORWARD -i veth0 -o veth2 -j DROP", true},
+    {"ebtables -A FORWARD -i veth2 -o eth1 -j DROP", true},
+    {"ebtables -A FORWARD -i eth1 -o veth2 -j DROP", true},
+    {"ebtables -A FORWARD -i veth0 -o eth0 -j DROP", true},
+    {"ebtables -A FORWARD -i eth0 -o veth0 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -i eth1 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -i eth1 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -i eth1 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -i eth1 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -o eth1 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -o eth1 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -o eth1 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -o eth1 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -i veth0 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -i veth0 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -i veth0 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -i veth0 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -o veth0 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -o veth0 -j DROP", true},
+    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -o veth0 -j DROP", true},
+    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -o veth0 -j DROP", true},
+};
+
+// Outside the two-port mode there are no link-layer rules.
+const SHELL_STEP kRemoveLinkLayerRuleSteps[] = {
+    {"ebtables -F", true},
+};
+
+// After a failed repair eth1 is kept down, and raised again once it worked.
+const SHELL_STEP kHoldEth1DownSteps[] = {
+    {"ip link set eth1 down", false},
+};
+const SHELL_STEP kRaiseEth1Steps[] = {
+    {"ip link set eth1 up", false},
+};
+
+// The look at the rules: one listing per table, with how many rules the
+// isolation puts there. The listings' texts differ between the tools'
+// versions and backends, so a rule is any line with a target ("-j "); a look
+// right after the rules went in wants exactly the isolation's rules, all DROP,
+// and a later look wants the very listing that look saw.
+struct RULE_LISTING {
+    const char* m_szCommand;
+    const char* m_szTable;  // in the log's words
+    unsigned int m_nRules;
+    std::string ISOLATION_LISTINGS::*m_text;
+};
+const RULE_LISTING kRuleListings[] = {
+    {"arptables -L -n", "ARP", kArpIsolationRules, &ISOLATION_LISTINGS::m_arp},
+    {"iptables -S", "IP", kIpIsolationRules, &ISOLATION_LISTINGS::m_ip},
+    {"ebtables -L", "link-layer", kLinkLayerIsolationRules, &ISOLATION_LISTINGS::m_linkLayer},
+};
+
+const char* const kBridge = "br0";
+
+template <size_t N>
+bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
+    for (const SHELL_STEP& step : steps) {
+        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
+    }
+    return true;
+}
+
+// The lines of a listing that are rules.
+std::vector<std::string> RuleLines(const std::string& listing) {
+    std::vector<std::string> rules;
+    size_t start = 0;
+    while (start < listing.size()) {
+        size_t end = listing.find('\n', start);
+        if (end == std::string::npos) end = listing.size();
+        std::string line = listing.substr(start, end - start);
+        if (line.find("-j ") != std::string::npos) rules.push_back(std::move(line));
+        start = end + 1;
+    }
+    return rules;
+}
+
+void AddProblem(std::string& problems, const std::string& problem) {
+    if (!problems.empty()) problems += "; ";
+    problems += problem;
+}
+
+// What is wrong with one table's listing: against the isolation's rules when
+// `reference` is null, against the listing of the last whole look otherwise.
+void JudgeListing(const RULE_LISTING& table, const std::string& listing, const std::string* reference,
+                  std::string& problems) {
+    const std::vector<std::string> rules = RuleLines(listing);
+    if (reference == nullptr) {
+        unsigned int drops = 0;
+        for (const std::string& rule : rules) drops += rule.find("-j DROP") != std::string::npos ? 1 : 0;
+        if (drops < table.m_nRules) {
+            AddProblem(problems, Util::Format("%u of %u %s rules in place", drops, table.m_nRules, table.m_szTable));
+        } else if (rules.size() != table.m_nRules) {
+            AddProblem(problems, Util::Format("other %s rules among the isolation's", table.m_szTable));
+        }
+        return;
+    }
+    if (listing == *reference) return;
+    unsigned int present = 0;
+    for (const std::string& wanted : RuleLines(*reference)) {
+        for (const std::string& rule : rules) {
+            if (rule == wanted) {
+                ++present;
+                break;
+            }
+        }
+    }
+    if (present < table.m_nRules) {
+        AddProblem(problems, Util::Format("%u of %u %s rules in place", present, table.m_nRules, table.m_szTable));
+    } else {
+        AddProblem(problems, Util::Format("the %s rules were changed", table.m_szTable));
+    }
+}
+
+void JudgeBridgeFilter(const BRIDGE_FILTER_STATE& filter, std::string& problems) {
+    if (!filter.m_bAvailable) {
+        AddProblem(problems, "no bridge netfilter (br_netfilter) in the kernel");
+        return;
+    }
+    if (!filter.m_bIptables) AddProblem(problems, "br0 hands no bridged IPv4 to iptables");
+    if (!filter.m_bArptables) AddProblem(problems, "br0 hands no bridged ARP to arptables");
+}
+
+BridgeFilterReader& ActiveBridgeFilterReader() {
+    static BridgeFilterReader reader;
+    return reader;
+}
+
+BRIDGE_FILTER_STATE BridgeFilterState() {
+    const BridgeFilterReader& reader = ActiveBridgeFilterReader();
+    return reader ? reader(kBridge) : ReadBridgeFilterState(kBridge);
+}
+
+// One look at the whole isolation: the three listings and bridge netfilter.
+// With a reference, the listings must be what it holds. Fills `listings` and
+// `problems`; false, with `failure` naming the first thing wrong, when it is
+// not whole (a listing that could not be run included).
+bool LookAtIsolation(const ISOLATION_LISTINGS* reference, ISOLATION_LISTINGS& listings, std::string& problems,
+                     WORK_FAILURE& failure) {
+    problems.clear();
+    for (const RULE_LISTING& table : kRuleListings) {
+        std::string& text = listings.*table.m_text;
+        WORK_FAILURE listingFailure;
+        if (!RunStep(table.m_szCommand, true, listingFailure, &text)) {
+            AddProblem(problems, Util::Format("the %s rules cannot be listed (%s)", table.m_szTable,
+                                              DescribeOutcome(listingFailure.m_outcome).c_str()));
+            if (failure.m_command.empty()) failure = listingFailure;
+            continue;
+        }
+        JudgeListing(table, text, reference != nullptr ? &(reference->*table.m_text) : nullptr, problems);
+    }
+    JudgeBridgeFilter(BridgeFilterState(), problems);
+    if (problems.empty()) return true;
+    // What was found wrong is the failure when every command ran.
+    if (failure.m_command.empty()) {
+        failure.m_command = "isolation check: " + problems;
+        failure.m_outcome = COMMAND_OUTCOME{};
+        failure.m_outcome.m_nStatus = 1;
+    }
+    return false;
+}
+
+void NoteInForce(ISOLATION_STATE& state, ISOLATION_LISTINGS&& listings) {
+    state.m_bInForce = true;
+    state.m_verifiedAt = Util::RealTimeNow();
+    state.m_problem.clear();
+    state.m_listings = std::move(listings);
+    state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
+}
+
+// Puts the whole isolation back without touching the bridge: eth1 blocked, the
+// ARP and IP rules of the build, the rest as after a build, the block lifted.
+void RepairIsolation(ISOLATION_STATE& state) {
+    WORK_FAILURE failure;
+    const bool done =
+        BlockEth1(failure) && SetupIsolationRules(failure) && CompleteIsolation(state, failure) && LiftEth1Block(failure);
+    if (!done) {
+        if (StopRequested()) return;
+        state.m_bInForce = false;
+        if (state.m_problem.empty()) state.m_problem = "putting it back failed: " + failure.m_command;
+        NoteWorkFailed(state.m_health, "isolation", failure);
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
+        WORK_FAILURE ignored;
+        RunSteps(kHoldEth1DownSteps, ignored);
+        state.m_bEth1HeldDown = true;
+        return;
+    }
+    state.m_bRepairPending = false;
+    if (state.m_bEth1HeldDown) {
+        WORK_FAILURE ignored;
+        RunSteps(kRaiseEth1Steps, ignored);
+        state.m_bEth1HeldDown = false;
+    }
+    NoteWorkDone(state.m_health, "isolation");
+    LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Isolation back in force");
+}
+
+// A flag of /proc/sys/net/bridge: 1 or 0, -1 when it cannot be read (no br_netfilter).
+int ReadBridgeSysctl(const char* name) {
+    const std::string path = std::string("/proc/sys/net/bridge/") + name;
+    Util::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen()) return -1;
+    char text[8] = {};
+    const ssize_t got = read(file.Get(), text, sizeof text - 1);
+    if (got <= 0) return -1;
+    return text[0] == '1' ? 1 : 0;
+}
+
+// The attribute of type `type` among those of `length` bytes at `first`, or null.
+const rtattr* FindAttribute(const rtattr* first, size_t length, unsigned short type) {
+    auto remaining = static_cast<int>(length);
+    for (const rtattr* attribute = first; RTA_OK(attribute, remaining); attribute = RTA_NEXT(attribute, remaining)) {
+        if ((attribute->rta_type & NLA_TYPE_MASK) == type) return attribute;
+    }
+    return nullptr;
+}
+
+// The bridge's own nf_call_iptables and nf_call_arptables, asked of the kernel
+// through rtnetlink; false when it does not say (no such bridge, or a kernel
+// before 4.4, which keeps them out of netlink).
+bool ReadBridgeOwnFlags(const std::string& bridge, bool& iptables, bool& arptables) {
+    if (bridge.size() >= IFNAMSIZ) return false;
+    Util::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    if (!socketFd.IsOpen()) return false;
+    struct {
+        nlmsghdr m_header;
+        ifinfomsg m_info;
+        char m_attributes[RTA_SPACE(IFNAMSIZ)];
+    } request{};
+    request.m_header.nlmsg_type = RTM_GETLINK;
+    request.m_header.nlmsg_flags = NLM_F_REQUEST;
+    request.m_header.nlmsg_seq = 1;
+    request.m_info.ifi_family = AF_UNSPEC;
+    auto* name = reinterpret_cast<rtattr*>(request.m_attributes);
+    name->rta_type = IFLA_IFNAME;
+    name->rta_len = static_cast<unsigned short>(RTA_LENGTH(bridge.size() + 1));
+    memcpy(RTA_DATA(name), bridge.c_str(), bridge.size() + 1);
+    request.m_header.nlmsg_len = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_ALIGN(name->rta_len);
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    if (sendto(socketFd.Get(), &request, request.m_header.nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel),
+               sizeof kernel) < 0) {
+        return false;
+    }
+    alignas(nlmsghdr) char reply[16384];
+    ssize_t got = 0;
+    do {
+        got = recv(socketFd.Get(), reply, sizeof reply, 0);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) return false;
+    const auto* header = reinterpret_cast<const nlmsghdr*>(reply);
+    if (!NLMSG_OK(header, static_cast<unsigned int>(got)) || header->nlmsg_type != RTM_NEWLINK) return false;
+    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
+    const size_t attributesLength = header->nlmsg_len - NLMSG_LENGTH(sizeof(ifinfomsg));
+    const rtattr* linkInfo = FindAttribute(IFLA_RTA(info), attributesLength, IFLA_LINKINFO);
+    if (linkInfo == nullptr) return false;
+    const rtattr* data =
+        FindAttribute(static_cast<const rtattr*>(RTA_DATA(linkInfo)), RTA_PAYLOAD(linkInfo), IFLA_INFO_DATA);
+    if (data == nullptr) return false;
+    const auto* first = static_cast<const rtattr*>(RTA_DATA(data));
+    const rtattr* ip = FindAttribute(first, RTA_PAYLOAD(data), IFLA_BR_NF_CALL_IPTABLES);
+    const rtattr* arp = FindAttribute(first, RTA_PAYLOAD(data), IFLA_BR_NF_CALL_ARPTABLES);
+    if (ip == nullptr || arp == nullptr || RTA_PAYLOAD(ip) < 1 || RTA_PAYLOAD(arp) < 1) return false;
+    iptables = *static_cast<const uint8_t*>(RTA_DATA(ip)) != 0;
+    arptables = *static_cast<const uint8_t*>(RTA_DATA(arp)) != 0;
+    return true;
+}
+
+}  // namespace
+
+BRIDGE_FILTER_STATE ReadBridgeFilterState(const std::string& bridge) {
+    BRIDGE_FILTER_STATE state;
+    const int iptables = ReadBridgeSysctl("bridge-nf-call-iptables");
+    const int arptables = ReadBridgeSysctl("bridge-nf-call-arptables");
+    state.m_bAvailable = iptables >= 0 && arptables >= 0;
+    if (!state.m_bAvailable) return state;
+    state.m_bIptables = iptables == 1;
+    state.m_bArptables = arptables == 1;
+    // The system-wide switch covers every bridge; the bridge's own is asked only without it.
+    bool ownIptables = false;
+    bool ownArptables = false;
+    if ((!state.m_bIptables || !state.m_bArptables) && ReadBridgeOwnFlags(bridge, ownIptables, ownArptables)) {
+        state.m_bIptables = state.m_bIptables || ownIptables;
+        state.m_bArptables = state.m_bArptables || ownArptables;
+    }
+    return state;
+}
+
+BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader) {
+    return std::exchange(ActiveBridgeFilterReader(), std::move(reader));
+}
+
+bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockEth1Steps, failure); }
+
+bool LiftEth1Block(WORK_FAILURE& failure) { return RunSteps(kLiftEth1BlockSteps, failure); }
+
+bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
+    if (!RunSteps(kBridgeFilterSteps, failure) || !RunSteps(kLinkLayerRuleSteps, failure)) {
+        state.m_bInForce = false;
+        state.m_problem = "setting it up failed: " + failure.m_command;
+        return false;
+    }
+    ISOLATION_LISTINGS listings;
+    std::string problems;
+    if (!LookAtIsolation(nullptr, listings, problems, failure)) {
+        state.m_bInForce = false;
+        state.m_problem = problems;
+        if (!StopRequested()) {
+            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Isolation not in force after setting it up: " + problems);
+        }
+        return false;
+    }
+    NoteInForce(state, std::move(listings));
+    LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
+              Util::Format("Isolation in force: %u ARP, %u IP and %u link-layer rules, bridge netfilter for br0",
+                           kArpIsolationRules, kIpIsolationRules, kLinkLayerIsolationRules));
+    return true;
+}
+
+bool RemoveLinkLayerRules(WORK_FAILURE& failure) { return RunSteps(kRemoveLinkLayerRuleSteps, failure); }
+
+void SuperviseIsolation(ISOLATION_STATE& state) {
+    if (!state.m_bRepairPending) {
+        if (MonotonicMs() < state.m_nNextCheckMs) return;
+        ISOLATION_LISTINGS listings;
+        std::string problems;
+        WORK_FAILURE failure;
+        const bool whole = LookAtIsolation(&state.m_listings, listings, problems, failure);
+        state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
+        // A look cut short by a stop found nothing.
+        if (StopRequested()) return;
+        if (whole) {
+            NoteInForce(state, std::move(listings));
+            return;
+        }
+        state.m_bInForce = false;
+        state.m_problem = problems;
+        state.m_bRepairPending = true;
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Isolation not in force (" + problems + "); putting it back");
+    }
+    if (WorkDue(state.m_health)) RepairIsolation(state);
+}

@@ -1,0 +1,93 @@
+// The isolation of the two-port mode beyond the bridge build's ARP and IP rules:
+// eth1 blocked while a build runs, link-layer rules for every protocol, bridge
+// netfilter made sure of for br0, and all of it checked in force and repaired.
+#pragma once
+
+#include <time.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "src/Network.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
+
+// How often the isolation in force is looked at when nothing else happens.
+constexpr unsigned int kIsolationCheckIntervalMs = 10000;
+
+// The rules the isolation puts in, per table; a listing is checked against these.
+constexpr unsigned int kArpIsolationRules = 38;
+constexpr unsigned int kIpIsolationRules = 12;
+constexpr unsigned int kLinkLayerIsolationRules = 22;
+
+// What the listing commands printed when the isolation was last found whole:
+// a later listing that differs means someone changed the rules.
+struct ISOLATION_LISTINGS {
+    std::string m_arp;
+    std::string m_ip;
+    std::string m_linkLayer;
+
+    bool operator==(const ISOLATION_LISTINGS&) const = default;
+};
+
+// The isolation's state across passes (the two-port mode only).
+struct ISOLATION_STATE {
+    // Found whole by the last look (a build's, a repair's or a periodic check's).
+    bool m_bInForce = false;
+    // Real time of the last look that found it whole; zero: never.
+    timespec m_verifiedAt{};
+    // Why it is not in force, in the log's words; empty while it is.
+    std::string m_problem;
+    // Monotonic time of the next periodic look.
+    int64_t m_nNextCheckMs = 0;
+    // A look found it broken: it is put back when its work is due.
+    bool m_bRepairPending = false;
+    // The daemon took eth1 down after a repair failed; raised after the next success.
+    bool m_bEth1HeldDown = false;
+    // The listings of the last look that found it whole.
+    ISOLATION_LISTINGS m_listings;
+    // Putting the isolation back, as retried work.
+    WORK_HEALTH m_health;
+};
+
+// What the kernel does with bridged traffic on a bridge: whether br_netfilter
+// is there at all, and whether it hands the bridge's IPv4 to iptables and its
+// ARP to arptables (the bridge's own setting, or the system-wide one).
+struct BRIDGE_FILTER_STATE {
+    bool m_bAvailable = false;
+    bool m_bIptables = false;
+    bool m_bArptables = false;
+
+    bool operator==(const BRIDGE_FILTER_STATE&) const = default;
+};
+
+// Reads it from the kernel: /proc/sys/net/bridge (present only with br_netfilter)
+// and the bridge's own settings through rtnetlink.
+BRIDGE_FILTER_STATE ReadBridgeFilterState(const std::string& bridge);
+// The function the isolation reads it through; tests put their own here, an
+// empty one puts ReadBridgeFilterState back. Returns the one it replaced.
+using BridgeFilterReader = std::function<BRIDGE_FILTER_STATE(const std::string& bridge)>;
+BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader);
+
+// Blocks every frame in and out of eth1 at the bridge, before anything of a build
+// runs; lasts until LiftEth1Block. Setting it twice leaves one block.
+bool BlockEth1(WORK_FAILURE& failure);
+bool LiftEth1Block(WORK_FAILURE& failure);
+
+// After a two-port build: br0's bridge netfilter on, the link-layer rules in,
+// then all of it looked at (ARP, IP and link-layer rules, bridge netfilter).
+// Fills `state`; false, with the failure, when a step failed or the look found
+// it incomplete.
+bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure);
+
+// After a build in another mode: the link-layer rules removed.
+bool RemoveLinkLayerRules(WORK_FAILURE& failure);
+
+// The two-port mode's step of each pass, once br0 is built: looks at the
+// isolation when its time has come and, when it is broken (or a repair is
+// due), puts it back: eth1 blocked, the ARP, IP and link-layer rules anew,
+// bridge netfilter, a look, the block lifted. A WARN names what was missing, a
+// NOTICE says when it is back; a failed repair keeps eth1 down and is retried
+// with the usual waits.
+void SuperviseIsolation(ISOLATION_STATE& state);
