@@ -231,8 +231,8 @@ void NoteInForce(ISOLATION_STATE& state, ISOLATION_LISTINGS&& listings) {
 // ARP and IP rules of the build, the rest as after a build, the block lifted.
 void RepairIsolation(ISOLATION_STATE& state) {
     WORK_FAILURE failure;
-    const bool done =
-        BlockEth1(failure) && SetupIsolationRules(failure) && CompleteIsolation(state, failure) && LiftEth1Block(failure);
+    const bool done = BlockEth1(failure) && SetupIsolationRules(failure) && CompleteIsolation(state, failure) &&
+                      LiftEth1Block(failure);
     if (!done) {
         if (StopRequested()) return;
         state.m_bInForce = false;

@@ -204,9 +204,8 @@ TEST(NetworkCycleTest, FirstUsablePassInEachBridgeMode) {
     // eth0 is not watched, yet the first usable pass writes the registers.
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth1Static, ""}}),
               Join({{"pass 1"}, BuildEth1(), RegisterWrites(), kVeth1Static, kPhyWrite}));
-    EXPECT_EQ(
-        RunPasses(Eth0::kUp, {{kBothStatic, ""}}),
-        Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite}));
+    EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}}),
+              Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite}));
 }
 
 TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
@@ -394,18 +393,20 @@ TEST(NetworkCycleFaultTest, FailedBridgeBuildIsRetriedAfterGrowingWaitsUntilItRe
     Lines timeline = RunTimedPasses(Eth0::kMissing, kEth1Static, 9, [&](int pass, const std::string& command) {
         return pass <= 4 && command == create ? std::optional<COMMAND_OUTCOME>(ExitStatus(2)) : std::nullopt;
     });
-    const Lines failedBuild = Join({Eth1Block(), {
-        "INFO SetupBridge: Setting up bridge for control network",
-        "$ ip link set br0 down",
-        "$ ip addr flush dev br0",
-        "$ ip link set eth0 down",
-        "$ ip addr flush dev eth0",
-        "$ ip link set eth1 down",
-        "$ ip addr flush dev eth1",
-        "$ ip link del name br0",
-        "$ ip link add name br0 type bridge",
-        "ERROR RunStep: Command failed (exit status 2): ip link add name br0 type bridge",
-    }});
+    const Lines failedBuild =
+        Join({Eth1Block(),
+              {
+                  "INFO SetupBridge: Setting up bridge for control network",
+                  "$ ip link set br0 down",
+                  "$ ip addr flush dev br0",
+                  "$ ip link set eth0 down",
+                  "$ ip addr flush dev eth0",
+                  "$ ip link set eth1 down",
+                  "$ ip addr flush dev eth1",
+                  "$ ip link del name br0",
+                  "$ ip link add name br0 type bridge",
+                  "ERROR RunStep: Command failed (exit status 2): ip link add name br0 type bridge",
+              }});
     EXPECT_EQ(timeline, Join({{"pass 1"},
                               failedBuild,
                               {"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)"},
@@ -493,8 +494,8 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
         return pass == 1 && command.rfind("iptables -A", 0) == 0 ? std::optional<COMMAND_OUTCOME>(ExitStatus(4))
                                                                  : std::nullopt;
     });
-    Lines builds = Only(timeline, {"pass", "$ ebtables -t nat", "$ iptables -F", "$ ip link set eth1",
-                                   "ERROR RunStep", "WARN", "NOTICE", "INFO SetupBridge", "INFO CompleteIsolation"});
+    Lines builds = Only(timeline, {"pass", "$ ebtables -t nat", "$ iptables -F", "$ ip link set eth1", "ERROR RunStep",
+                                   "WARN", "NOTICE", "INFO SetupBridge", "INFO CompleteIsolation"});
     // Pass 1: eth1 blocked first; the design's build up to the refused rule,
     // no lift, eth1 taken down. Pass 2: blocked again (one block), the whole
     // build with every command in its place, the isolation completed, the block
@@ -538,10 +539,55 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
     const size_t second = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 2") - timeline.begin());
     const size_t third = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 3") - timeline.begin());
     ASSERT_LT(second, third);
-    const Lines retried(timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1,
-                        timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1 +
-                            static_cast<std::ptrdiff_t>(BuildBoth().size()));
+    const Lines retried(
+        timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1,
+        timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1 + static_cast<std::ptrdiff_t>(BuildBoth().size()));
     EXPECT_EQ(retried, BuildBoth());
+}
+
+TEST(NetworkCycleTest, StartUpBlocksEth1BeforeRaisingIt) {
+    LogCapture log;
+    CommandRecorder commands;
+    CYCLE_STATE state;
+    RunStartupCommands(state);
+    EXPECT_EQ(
+        log.Timeline(),
+        Join({{"$ ip link set dev lo up"}, Eth1Block(), {"$ ip link set dev eth1 down", "$ ip link set dev eth1 up"}}));
+    EXPECT_FALSE(state.m_bStartupPending);
+}
+
+TEST(NetworkCycleTest, TheIsolationIsLookedAtEveryTenSecondsAndNothingElseIsAdded) {
+    TESSEL_NEED_NAMESPACES();
+    Lines timeline = RunTimedPasses(Eth0::kUp, kBothStatic, 22, [](int, const std::string&) { return std::nullopt; });
+    Lines expected =
+        Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite});
+    for (int pass = 2; pass <= 22; ++pass) {
+        expected.push_back("pass " + std::to_string(pass));
+        // Seconds 10 and 20 after the build.
+        if (pass == 11 || pass == 21) expected.insert(expected.end(), IsolationLook().begin(), IsolationLook().end());
+        expected.insert(expected.end(), kReattach.begin(), kReattach.end());
+    }
+    EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
+TEST(NetworkCycleTest, LeavingTheTwoPortModeRemovesTheLinkLayerRulesAndLooksNoMore) {
+    TESSEL_NEED_NAMESPACES();
+    Lines timeline = RunTimedPasses(
+        Eth0::kMissing, kBothStatic, 13, [](int, const std::string&) { return std::nullopt; },
+        [](int pass) {
+            if (pass == 2) WriteFile(kConfigPath, kEth1Static);
+        });
+    EXPECT_EQ(Only(timeline, {"pass", "$ ebtables", "INFO CompleteIsolation", "$ arptables -L", "WARN Supervise"}),
+              Join({{"pass 1"},
+                    Eth1Block(),
+                    Only(IsolationComplete(), {"$ ebtables", "INFO", "$ arptables -L"}),
+                    Eth1Lift(),
+                    {"pass 2"},
+                    Eth1Block(),
+                    kRemoveLinkLayerRules,
+                    Eth1Lift()}));
+    // Nothing at all in passes 3 to 13: no look outside the two-port mode.
+    EXPECT_EQ(Only(timeline, {"pass"}).back(), "pass 2");
 }
 
 const char* const kEth1Dhcp =

@@ -135,7 +135,8 @@ TEST_F(IsolationTest, OneRuleRemovedOrOneAddedIsNamed) {
     m_tables.Rules("iptables").insert(m_tables.Rules("iptables").begin(), "-A FORWARD -j ACCEPT");
     timeline = After(10);
     ASSERT_GE(timeline.size(), 4U);
-    EXPECT_EQ(timeline[3], "WARN SuperviseIsolation: Isolation not in force (the IP rules were changed); putting it back");
+    EXPECT_EQ(timeline[3],
+              "WARN SuperviseIsolation: Isolation not in force (the IP rules were changed); putting it back");
     EXPECT_EQ(m_tables.Rules("iptables").size(), 12U);
     EXPECT_EQ(m_tables.Rules("iptables").front(),
               "-A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP");
@@ -162,13 +163,13 @@ TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
               (Lines{"-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP"}));
     // Someone turns it on again: the next attempt completes, lifts the block and raises eth1.
     m_bridgeFilter.Set({true, true, true});
-    EXPECT_EQ(After(1), Join({Eth1Block(),
-                              IsolationRules(),
-                              IsolationComplete(),
-                              Eth1Lift(),
-                              {"$ ip link set eth1 up",
-                               "NOTICE NoteWorkDone: Recovered isolation after 1 failed attempts",
-                               "NOTICE RepairIsolation: Isolation back in force"}}));
+    EXPECT_EQ(After(1),
+              Join({Eth1Block(),
+                    IsolationRules(),
+                    IsolationComplete(),
+                    Eth1Lift(),
+                    {"$ ip link set eth1 up", "NOTICE NoteWorkDone: Recovered isolation after 1 failed attempts",
+                     "NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_TRUE(m_state.m_bInForce);
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
 }
@@ -253,7 +254,8 @@ TEST(BridgeFilterStateTest, ReadsTheSystemWideSwitchAndTheBridgesOwn) {
         return lines;
     });
     if (found == Lines{"no br_netfilter"}) GTEST_SKIP() << "this kernel has no br_netfilter";
-    EXPECT_EQ(found, (Lines{"available ip arp", "available - -", "available ip -", "available ip arp", "available - -"}));
+    EXPECT_EQ(found,
+              (Lines{"available ip arp", "available - -", "available ip -", "available ip arp", "available - -"}));
 }
 
 }  // namespace

@@ -33,6 +33,55 @@ TEST(RunShellCommandTest, IgnoresFailingCommands) {
     EXPECT_EQ(ReadFile(dir.Path("out")), "still\n");
 }
 
+TEST(RunShellCommandTest, ACommandThatIsReadGivesItsStandardOutputAndNothingElse) {
+    std::string output = "left from before";
+    COMMAND_OUTCOME outcome = RunCommandForOutput("printf 'one\\ntwo\\n'; echo 'to stderr' >&2; exit 3", output);
+    EXPECT_TRUE(outcome.m_bExited);
+    EXPECT_EQ(outcome.m_nStatus, 3);
+    EXPECT_EQ(output, "one\ntwo\n");
+    // Written slowly, in pieces, and read as it comes.
+    RunCommandForOutput("for i in 1 2 3; do echo $i; sleep 0.05; done", output);
+    EXPECT_EQ(output, "1\n2\n3\n");
+    // Nothing printed is the empty text.
+    RunCommandForOutput("true", output);
+    EXPECT_EQ(output, "");
+}
+
+TEST(RunShellCommandTest, OutputPastTheLimitIsDroppedWithoutStallingTheCommand) {
+    std::string output;
+    auto start = std::chrono::steady_clock::now();
+    COMMAND_OUTCOME outcome = RunCommandForOutput("head -c 1000000 /dev/zero | tr '\\0' x", output);
+    EXPECT_TRUE(outcome.Succeeded());
+    EXPECT_EQ(output.size(), kCommandOutputLimit);
+    EXPECT_EQ(output.find_first_not_of('x'), std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10000));
+}
+
+TEST(RunShellCommandTest, AChildLeftHoldingTheOutputIsNotWaitedFor) {
+    std::string output;
+    auto start = std::chrono::steady_clock::now();
+    COMMAND_OUTCOME outcome = RunCommandForOutput("echo before; sleep 30 & echo after", output);
+    EXPECT_TRUE(outcome.Succeeded());
+    EXPECT_EQ(output, "before\nafter\n");
+    // The shell's end is the command's end, not the background sleep's.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(5000));
+}
+
+TEST(RunStepTest, AStepThatIsReadGivesItsOutputThroughTheSeam) {
+    LogCapture log;
+    CommandRecorder commands;
+    commands.SetOutputs([](const std::string& command) -> std::optional<std::string> {
+        if (command == "iptables -S") return std::string("-P INPUT ACCEPT\n");
+        return std::nullopt;
+    });
+    WORK_FAILURE failure;
+    std::string output;
+    EXPECT_TRUE(RunStep("iptables -S", true, failure, &output));
+    EXPECT_EQ(output, "-P INPUT ACCEPT\n");
+    EXPECT_TRUE(RunStep("ip link set br0 up", true, failure));
+    EXPECT_EQ(log.Timeline(), (std::vector<std::string>{"$ iptables -S", "$ ip link set br0 up"}));
+}
+
 TEST(RunShellCommandTest, ChildStartsWithDefaultDispositionsAndNoMask) {
     TempDir dir;
     // What the daemon sets for itself must not leak into the tools it runs.
