@@ -2,6 +2,7 @@
 #include "ctl/StatusView.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -95,14 +96,71 @@ private:
     std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> m_rows;
 };
 
-const char* const kWorkNames[] = {"startup", "bridge", "registers", "phy", "veth1", "veth3"};
+const char* const kWorkNames[] = {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"};
 
 std::string WorkTitle(const std::string& name) {
     if (name == "startup") return "start-up commands";
     if (name == "bridge") return "bridge build";
     if (name == "registers") return "eth0 register writes";
     if (name == "phy") return "PHY mode";
+    if (name == "isolation") return "isolation repair";
     return "addressing of " + name;
+}
+
+// The width of a terminal the head of the table keeps within, and the head's
+// widest label with its two blanks: what is left is a value's width.
+constexpr size_t kScreenWidth = 80;
+constexpr size_t kHeadValueWidth = kScreenWidth - (sizeof("Configuration:") - 1) - 2;
+// A text wrapped at most to this many lines; the rest is cut.
+constexpr size_t kMostWrappedLines = 3;
+
+// `text` in lines of at most `width` characters, broken at blanks (a word longer
+// than a line is cut where the line ends), lines after the first indented by two
+// blanks; at most kMostWrappedLines, the last ending in "..." when text was left out.
+std::vector<std::string> Wrap(const std::string& text, size_t width) {
+    std::vector<std::string> lines;
+    size_t at = 0;
+    while (at < text.size()) {
+        const std::string indent = lines.empty() ? "" : "  ";
+        const size_t room = width - indent.size();
+        if (lines.size() + 1 == kMostWrappedLines && text.size() - at > room) {
+            lines.push_back(indent + text.substr(at, room - 3) + "...");
+            break;
+        }
+        size_t end = std::min(text.size(), at + room);
+        if (end < text.size()) {
+            const size_t blank = text.rfind(' ', end);
+            if (blank != std::string::npos && blank > at) end = blank;
+        }
+        lines.push_back(indent + text.substr(at, end - at));
+        at = end;
+        while (at < text.size() && text[at] == ' ') ++at;
+    }
+    return lines;
+}
+
+// The two-port mode's isolation in a few words: in force since the last look,
+// or why not; nothing to say in the other modes.
+std::vector<std::string> IsolationLines(const json& document) {
+    const json& isolation = At(document, "isolation");
+    if (!Flag(At(isolation, "required"))) {
+        const json& mode = At(document, "bridge_mode");
+        return {mode.is_string() ? "not required (bridge mode " + Text(mode) + ")" : "not required (no bridge built)"};
+    }
+    if (Flag(At(isolation, "in_force"))) {
+        // The time of day of an ISO 8601 time; anything else as it is.
+        std::string verified = Text(At(isolation, "verified_at"));
+        if (verified.size() >= 19 && verified[10] == 'T') verified = verified.substr(11, 8);
+        return {"in force (verified " + verified + ")"};
+    }
+    const json& problem = At(isolation, "problem");
+    std::string why;
+    if (problem.is_string()) {
+        why = Text(problem);
+    } else if (Text(At(document, "bridge_mode")) != "eth0eth1") {
+        why = "br0 is not built for eth0eth1";
+    }
+    return Wrap(why.empty() ? "NOT in force" : "NOT in force: " + why, kHeadValueWidth);
 }
 
 std::string FailureText(const json& failure) {
@@ -152,6 +210,11 @@ std::vector<std::string> Degradations(const json& document) {
     }
     const json& eth0 = At(document, "eth0");
     if (Flag(At(eth0, "used")) && Text(At(eth0, "link")) == "down") reasons.push_back("eth0's link is down");
+    // Why is on the table's own row for it: the reason stays one short line.
+    const json& isolation = At(document, "isolation");
+    if (Flag(At(isolation, "required")) && !Flag(At(isolation, "in_force"))) {
+        reasons.push_back("isolation of eth0 and eth1 is not in force");
+    }
     return reasons;
 }
 
@@ -193,6 +256,19 @@ std::string StatusTable(const json& document, bool running, const std::vector<st
     link += ", " + std::to_string(Number(At(eth0, "recoveries"))) + " recoveries";
     if (!At(eth0, "last_recovery").is_null()) link += ", last " + Text(At(eth0, "last_recovery"));
     head.Row({"eth0:", link});
+    // A document of a daemon that knows no isolation has no row for it.
+    const json& isolation = At(document, "isolation");
+    if (isolation.is_object()) {
+        const std::vector<std::string> lines = IsolationLines(document);
+        for (size_t i = 0; i < lines.size(); ++i) {
+            const std::string label = i == 0 ? "Isolation:" : "";
+            std::string shown = lines[i];
+            if (i == 0 && Flag(At(isolation, "required"))) {
+                shown = Flag(At(isolation, "in_force")) ? c.Good(shown) : c.Bad(shown);
+            }
+            head.Row({label, lines[i]}, {label, shown});
+        }
+    }
     text += head.Text() + "\n";
 
     Table ifaces;

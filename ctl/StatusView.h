@@ -21,7 +21,8 @@ bool DaemonRunning(long pid, const std::string& procRoot = "/proc");
 
 // Why the device is degraded by the document (empty: healthy): a failure not
 // yet recovered, an interface without the address it should have, eth0 down
-// in a mode that bridges it, a configuration file the daemon cannot use.
+// in a mode that bridges it, a configuration file the daemon cannot use, the
+// two-port mode's isolation not in force.
 std::vector<std::string> Degradations(const nlohmann::json& document);
 
 // The document as a table for people. `running`: the daemon that wrote it still

@@ -148,7 +148,7 @@ void WriteInterface(JsonWriter& json, const char* name, const STATUS_INTERFACE& 
 
 std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     std::string text;
-    text.reserve(3072);
+    text.reserve(4096);
     JsonWriter json(text);
     json.Open(nullptr, '{');
     json.Number("schema", kStatusSchema);
@@ -195,6 +195,17 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     json.Time("last_recovery", s.m_eth0RecoveredAt);
     json.Close('}');
 
+    json.Open("isolation", '{');
+    json.Bool("required", s.m_isolation.m_bRequired);
+    json.Bool("in_force", s.m_isolation.m_bInForce);
+    json.Time("verified_at", s.m_isolation.m_verifiedAt);
+    if (s.m_isolation.m_problem.empty()) {
+        json.Null("problem");
+    } else {
+        json.String("problem", s.m_isolation.m_problem);
+    }
+    json.Close('}');
+
     json.Open("interfaces", '[');
     WriteInterface(json, "veth1", s.m_veth1);
     if (s.m_veth3.m_bShown) WriteInterface(json, "veth3", s.m_veth3);
@@ -207,6 +218,7 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     WriteWork(json, "phy", s.m_phy);
     WriteWork(json, "veth1", s.m_veth1.m_work);
     WriteWork(json, "veth3", s.m_veth3.m_work);
+    WriteWork(json, "isolation", s.m_isolation.m_work);
     json.Close('}');
     json.Close('}');
     text += '\n';

@@ -8,6 +8,7 @@
 
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 
@@ -55,6 +56,27 @@ void TakeInterface(const CYCLE_STATE& state, const IP_CONFIG& configured, const 
     shown.m_nClientStarts = iface.m_nClientStarts;
 }
 
+// Required while br0 is built for the two-port mode, and while a usable file asks
+// for that mode and no build for it has worked yet: a failing build shows as an
+// isolation not in force rather than as one not required.
+void TakeIsolation(const ISOLATION_STATE& isolation, const STATUS_SNAPSHOT& snapshot, STATUS_ISOLATION& shown) {
+    const bool bBuilt = snapshot.m_bBridgeInForce && snapshot.m_eBridgeMode == BRIDGE_MODE_ETH0ETH1;
+    const bool bAskedFor = !snapshot.m_bBridgeInForce && snapshot.m_bConfigured &&
+                           snapshot.m_eConfiguredBridgeMode == BRIDGE_MODE_ETH0ETH1;
+    shown.m_bRequired = bBuilt || bAskedFor;
+    // Without br0 built for it there is nothing to be in force; in another mode
+    // what is left from an earlier two-port period is not shown.
+    shown.m_bInForce = bBuilt && isolation.m_bInForce;
+    shown.m_verifiedAt = shown.m_bRequired ? isolation.m_verifiedAt : timespec{};
+    // assign() and clear() keep the text's storage: the snapshot is taken after every pass.
+    if (shown.m_bRequired && !shown.m_bInForce) {
+        shown.m_problem.assign(isolation.m_problem);
+    } else {
+        shown.m_problem.clear();
+    }
+    TakeWork(isolation.m_health, shown.m_work);
+}
+
 }  // namespace
 
 void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
@@ -87,4 +109,5 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
                   snapshot.m_veth1);
     TakeInterface(state, state.m_settings.m_veth3Config, state.m_veth3, kVeth3Metric, bTwoPort, snapshot.m_bConfigured,
                   snapshot.m_veth3);
+    TakeIsolation(state.m_isolation, snapshot, snapshot.m_isolation);
 }

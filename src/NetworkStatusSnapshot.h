@@ -44,9 +44,22 @@ struct STATUS_INTERFACE {
     bool operator==(const STATUS_INTERFACE&) const = default;
 };
 
+// The two-port mode's isolation as the document shows it.
+struct STATUS_ISOLATION {
+    bool m_bRequired = false;  // br0 is built, or is being built, for the two-port mode
+    bool m_bInForce = false;   // br0 is built for it, and the last look found it whole
+    timespec m_verifiedAt{};   // the last look that found it whole; zero: none, or not required
+    std::string m_problem;     // why it is not in force, in the log's words; empty while it is
+    STATUS_WORK m_work;        // putting it back when a look found it broken
+
+    bool operator==(const STATUS_ISOLATION&) const = default;
+};
+
 // Every field of the document that can change while the daemon runs. Taken after
 // each pass and compared with the one last written: the document is built and
-// written only when they differ. Nothing in it changes by itself from pass to pass.
+// written only when they differ. Nothing in it changes by itself from pass to
+// pass but the isolation's verified time, which each look that finds it whole
+// moves (every 10 s in the two-port mode).
 struct STATUS_SNAPSHOT {
     bool m_bConfigRead = false;
     bool m_bConfigUsable = false;
@@ -68,6 +81,7 @@ struct STATUS_SNAPSHOT {
     STATUS_WORK m_phy;        // the PHY mode's eth1 bounce
     STATUS_INTERFACE m_veth1;
     STATUS_INTERFACE m_veth3;
+    STATUS_ISOLATION m_isolation;
 
     // Field by field, every field: defaulted, so none can be left out.
     bool operator==(const STATUS_SNAPSHOT&) const = default;

@@ -23,6 +23,7 @@ const char kHealthy[] = R"({
   "bridge_mode": "eth0eth1",
   "phy_mode": "frame",
   "eth0": {"used": true, "link": "up", "recoveries": 2, "last_recovery": "2026-11-23T16:20:00+00:00"},
+  "isolation": {"required": true, "in_force": true, "verified_at": "2026-11-23T16:21:50+00:00", "problem": null},
   "interfaces": [
     {"name": "veth1", "addressing": "dhcp", "requested": null, "address": "192.168.77.100",
      "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10, "from_dhcp": true,
@@ -38,9 +39,26 @@ const char kHealthy[] = R"({
     "startup": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
     "bridge": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
     "veth1": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
-    "veth3": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}
+    "veth3": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null},
+    "isolation": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}
   }
 })";
+
+// The head of the table: everything before its first empty line.
+std::string Head(const std::string& table) { return table.substr(0, table.find("\n\n") + 1); }
+
+// The lines of `text` longer than a terminal's 80 columns.
+std::vector<std::string> LinesWiderThan80(const std::string& text) {
+    std::vector<std::string> wide;
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        if (end == std::string::npos) end = text.size();
+        if (end - at > 80) wide.push_back(text.substr(at, end - at));
+        at = end + 1;
+    }
+    return wide;
+}
 
 void WriteText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
@@ -79,6 +97,36 @@ TEST(DegradationsTest, FailingWorkAMissingAddressEth0DownAndAnUnusableFile) {
         "eth0's link is down",
     };
     EXPECT_EQ(Degradations(doc), expected);
+}
+
+TEST(DegradationsTest, TheIsolationNotInForceAndItsRepairFailing) {
+    json doc = json::parse(kHealthy);
+    doc["isolation"] = {{"required", true},
+                        {"in_force", false},
+                        {"verified_at", "2026-11-23T16:21:50+00:00"},
+                        {"problem", "0 of 38 ARP rules in place"}};
+    EXPECT_EQ(Degradations(doc), std::vector<std::string>{"isolation of eth0 and eth1 is not in force"});
+    doc["work"]["isolation"]["failing"] = true;
+    doc["work"]["isolation"]["failures"] = 1;
+    doc["work"]["isolation"]["last_failure"] = {
+        {"command", "arptables -A FORWARD -i eth1 -j DROP"}, {"outcome", "exit status 4"}, {"at", "x"}};
+    const std::vector<std::string> expected = {
+        "isolation repair failing (arptables -A FORWARD -i eth1 -j DROP: exit status 4)",
+        "isolation of eth0 and eth1 is not in force",
+    };
+    EXPECT_EQ(Degradations(doc), expected);
+}
+
+TEST(DegradationsTest, TheIsolationCountsOnlyWhereItIsRequired) {
+    json doc = json::parse(kHealthy);
+    doc["bridge_mode"] = "eth0";
+    doc["isolation"] = {{"required", false}, {"in_force", false}, {"verified_at", nullptr}, {"problem", nullptr}};
+    EXPECT_TRUE(Degradations(doc).empty());
+    // A daemon that knows no isolation says nothing of it.
+    doc = json::parse(kHealthy);
+    doc.erase("isolation");
+    doc["work"].erase("isolation");
+    EXPECT_TRUE(Degradations(doc).empty());
 }
 
 TEST(DegradationsTest, Eth0DownCountsOnlyInAModeThatBridgesIt) {
@@ -126,6 +174,76 @@ TEST(StatusTableTest, NamesEveryInterfaceWithWhatIsInForce) {
     EXPECT_NE(table.find("static 10.253.254.253/255.255.255.0"), std::string::npos) << table;
     EXPECT_EQ(table.find('\033'), std::string::npos) << "colour without a terminal";
     EXPECT_NE(StatusTable(doc, true, {}, true).find("\033[32mhealthy\033[0m"), std::string::npos);
+}
+
+TEST(StatusTableTest, TheIsolationInForceWithTheTimeOfItsLastLook) {
+    const json doc = json::parse(kHealthy);
+    const std::string table = StatusTable(doc, true, Degradations(doc), false);
+    EXPECT_NE(table.find("\nIsolation:      in force (verified 16:21:50)\n"), std::string::npos) << table;
+    EXPECT_NE(table.find("\nisolation  ok     0         -             -\n"), std::string::npos) << table;
+    EXPECT_NE(StatusTable(doc, true, {}, true).find("Isolation:      \033[32min force (verified 16:21:50)\033[0m\n"),
+              std::string::npos);
+}
+
+TEST(StatusTableTest, ALongProblemOfTheIsolationIsWrappedWithin80Columns) {
+    json doc = json::parse(kHealthy);
+    doc["isolation"] = {
+        {"required", true},
+        {"in_force", false},
+        {"verified_at", "2026-11-23T16:21:50+00:00"},
+        {"problem",
+         "0 of 38 ARP rules in place; 3 of 12 IP rules in place; 0 of 22 link-layer rules in place; br0 passes no "
+         "bridged IPv4 to iptables; br0 passes no bridged ARP to arptables; someone flushed the FORWARD chains "
+         "while the daemon was looking"}};
+    const std::string table = StatusTable(doc, true, Degradations(doc), false);
+    EXPECT_EQ(Head(table),
+              "tessel-networkd 1.0.0, pid 42, started 2026-11-23T16:17:36+00:00\n"
+              "State:          degraded\n"
+              "                isolation of eth0 and eth1 is not in force\n"
+              "Configuration:  /etc/tessel-networkd.conf (usable)\n"
+              "Bridge mode:    eth0eth1 (configured eth0eth1)\n"
+              "PHY mode:       frame (configured frame)\n"
+              "eth0:           up, 2 recoveries, last 2026-11-23T16:20:00+00:00\n"
+              "Isolation:      NOT in force: 0 of 38 ARP rules in place; 3 of 12 IP rules in\n"
+              "                  place; 0 of 22 link-layer rules in place; br0 passes no\n"
+              "                  bridged IPv4 to iptables; br0 passes no bridged ARP to arpt...\n");
+    EXPECT_EQ(LinesWiderThan80(Head(table)), std::vector<std::string>{});
+    EXPECT_NE(StatusTable(doc, true, {}, true).find("Isolation:      \033[31mNOT in force: 0 of 38"),
+              std::string::npos);
+}
+
+TEST(StatusTableTest, TheIsolationNotInForceWithoutAProblemAndNotRequired) {
+    json doc = json::parse(kHealthy);
+    // The two-port build failing: br0 is in no mode yet.
+    doc["bridge_mode"] = nullptr;
+    doc["isolation"] = {{"required", true}, {"in_force", false}, {"verified_at", nullptr}, {"problem", nullptr}};
+    EXPECT_NE(StatusTable(doc, true, {}, false).find("\nIsolation:      NOT in force: br0 is not built for eth0eth1\n"),
+              std::string::npos);
+    doc["isolation"] = {{"required", false}, {"in_force", false}, {"verified_at", nullptr}, {"problem", nullptr}};
+    EXPECT_NE(StatusTable(doc, true, {}, false).find("\nIsolation:      not required (no bridge built)\n"),
+              std::string::npos);
+    doc["bridge_mode"] = "eth1";
+    const std::string table = StatusTable(doc, true, {}, true);
+    EXPECT_NE(table.find("\nIsolation:      not required (bridge mode eth1)\n"), std::string::npos) << table;
+    // A document without it (an older daemon's): no row.
+    doc.erase("isolation");
+    EXPECT_EQ(StatusTable(doc, true, {}, false).find("Isolation:"), std::string::npos);
+}
+
+TEST(StatusTableTest, AWordLongerThanALineIsCutAndControlCharactersNeverShow) {
+    json doc = json::parse(kHealthy);
+    doc["isolation"] = {{"required", true},
+                        {"in_force", false},
+                        {"verified_at", nullptr},
+                        {"problem", std::string(70, 'x') + "\033[2J"}};
+    const std::string head = Head(StatusTable(doc, true, {}, false));
+    EXPECT_NE(head.find("\nIsolation:      NOT in force:\n"
+                        "                  xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx\n"
+                        "                  xxxxxxxx?[2J\n"),
+              std::string::npos)
+        << head;
+    EXPECT_EQ(head.find('\033'), std::string::npos);
+    EXPECT_EQ(LinesWiderThan80(head), std::vector<std::string>{});
 }
 
 TEST(StatusTableTest, ANotRunningDaemonAndControlCharactersFromTheDocument) {

@@ -127,9 +127,310 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}})"));
     const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
                                          "recovered_at": null})");
-    EXPECT_EQ(doc["work"].size(), 6U);
-    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3"}) {
+    EXPECT_EQ(doc["work"].size(), 7U);
+    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"}) {
         EXPECT_EQ(doc["work"][work], healthy) << work;
+    }
+}
+
+// The two-port state with the isolation found whole by a look 30 s after the start.
+CYCLE_STATE IsolatedTwoPortState() {
+    CYCLE_STATE state = TwoPortState();
+    state.m_isolation.m_bInForce = true;
+    state.m_isolation.m_verifiedAt = {kInstant + 30, 0};
+    return state;
+}
+
+TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
+    Utc utc;
+    STATUS_SNAPSHOT snapshot;
+    TakeStatusSnapshot(IsolatedTwoPortState(), snapshot);
+    EXPECT_EQ(StatusJson(Daemon(), snapshot), R"({
+  "schema": 1,
+  "daemon": {
+    "version": "1.2.3",
+    "pid": 4321,
+    "started": "2038-01-19T03:14:07+00:00"
+  },
+  "configuration": {
+    "path": "/etc/tessel-networkd.conf",
+    "read": true,
+    "usable": true,
+    "problems": [],
+    "bridge_mode": "eth0eth1",
+    "phy_mode": "frame"
+  },
+  "bridge_mode": "eth0eth1",
+  "phy_mode": "frame",
+  "eth0": {
+    "used": true,
+    "link": "up",
+    "recoveries": 0,
+    "last_recovery": null
+  },
+  "isolation": {
+    "required": true,
+    "in_force": true,
+    "verified_at": "2038-01-19T03:14:37+00:00",
+    "problem": null
+  },
+  "interfaces": [
+    {
+      "name": "veth1",
+      "addressing": "dhcp",
+      "requested": null,
+      "address": "192.168.77.100",
+      "mask": "255.255.255.0",
+      "gateway": "192.168.77.1",
+      "metric": 10,
+      "from_dhcp": true,
+      "lease_at": "2038-01-19T03:14:12+00:00",
+      "dhcp_client": {
+        "pid": 77,
+        "starts": 1
+      },
+      "work": {
+        "failing": false,
+        "failures": 0,
+        "last_failure": null,
+        "recovered_at": null
+      }
+    },
+    {
+      "name": "veth3",
+      "addressing": "static",
+      "requested": {
+        "address": "10.253.254.253",
+        "mask": "255.255.255.0",
+        "gateway": null
+      },
+      "address": "10.253.254.253",
+      "mask": "255.255.255.0",
+      "gateway": null,
+      "metric": 100,
+      "from_dhcp": false,
+      "lease_at": null,
+      "dhcp_client": {
+        "pid": null,
+        "starts": 0
+      },
+      "work": {
+        "failing": false,
+        "failures": 0,
+        "last_failure": null,
+        "recovered_at": null
+      }
+    }
+  ],
+  "work": {
+    "startup": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "bridge": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "registers": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "phy": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "veth1": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "veth3": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "isolation": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    }
+  }
+}
+)");
+}
+
+TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) {
+    Utc utc;
+    CYCLE_STATE state = IsolatedTwoPortState();
+    state.m_isolation.m_bInForce = false;
+    state.m_isolation.m_problem = "0 of 38 ARP rules in place; br0 passes no bridged IPv4 to iptables";
+    state.m_isolation.m_health.m_nFailures = 2;
+    state.m_isolation.m_health.m_lastFailure.m_command = "arptables -A FORWARD -i eth1 -j DROP";
+    state.m_isolation.m_health.m_lastFailure.m_outcome.m_nStatus = 4;
+    state.m_isolation.m_health.m_failedAt = {kInstant + 42, 0};
+    STATUS_SNAPSHOT snapshot;
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_EQ(StatusJson(Daemon(), snapshot), R"({
+  "schema": 1,
+  "daemon": {
+    "version": "1.2.3",
+    "pid": 4321,
+    "started": "2038-01-19T03:14:07+00:00"
+  },
+  "configuration": {
+    "path": "/etc/tessel-networkd.conf",
+    "read": true,
+    "usable": true,
+    "problems": [],
+    "bridge_mode": "eth0eth1",
+    "phy_mode": "frame"
+  },
+  "bridge_mode": "eth0eth1",
+  "phy_mode": "frame",
+  "eth0": {
+    "used": true,
+    "link": "up",
+    "recoveries": 0,
+    "last_recovery": null
+  },
+  "isolation": {
+    "required": true,
+    "in_force": false,
+    "verified_at": "2038-01-19T03:14:37+00:00",
+    "problem": "0 of 38 ARP rules in place; br0 passes no bridged IPv4 to iptables"
+  },
+  "interfaces": [
+    {
+      "name": "veth1",
+      "addressing": "dhcp",
+      "requested": null,
+      "address": "192.168.77.100",
+      "mask": "255.255.255.0",
+      "gateway": "192.168.77.1",
+      "metric": 10,
+      "from_dhcp": true,
+      "lease_at": "2038-01-19T03:14:12+00:00",
+      "dhcp_client": {
+        "pid": 77,
+        "starts": 1
+      },
+      "work": {
+        "failing": false,
+        "failures": 0,
+        "last_failure": null,
+        "recovered_at": null
+      }
+    },
+    {
+      "name": "veth3",
+      "addressing": "static",
+      "requested": {
+        "address": "10.253.254.253",
+        "mask": "255.255.255.0",
+        "gateway": null
+      },
+      "address": "10.253.254.253",
+      "mask": "255.255.255.0",
+      "gateway": null,
+      "metric": 100,
+      "from_dhcp": false,
+      "lease_at": null,
+      "dhcp_client": {
+        "pid": null,
+        "starts": 0
+      },
+      "work": {
+        "failing": false,
+        "failures": 0,
+        "last_failure": null,
+        "recovered_at": null
+      }
+    }
+  ],
+  "work": {
+    "startup": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "bridge": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "registers": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "phy": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "veth1": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "veth3": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null
+    },
+    "isolation": {
+      "failing": true,
+      "failures": 2,
+      "last_failure": {
+        "command": "arptables -A FORWARD -i eth1 -j DROP",
+        "outcome": "exit status 4",
+        "at": "2038-01-19T03:14:49+00:00"
+      },
+      "recovered_at": null
+    }
+  }
+}
+)");
+}
+
+TEST(StatusJsonTest, TheIsolationIsNotRequiredInTheOneBridgeModes) {
+    Utc utc;
+    CYCLE_STATE state = IsolatedTwoPortState();
+    // What an earlier two-port period left behind is not shown.
+    state.m_isolation.m_problem = "putting it back failed: ebtables -A FORWARD -i eth1 -j DROP";
+    state.m_isolation.m_health.m_lastFailure.m_command = "ebtables -A FORWARD -i eth1 -j DROP";
+    state.m_isolation.m_health.m_lastFailure.m_outcome.m_nStatus = 1;
+    state.m_isolation.m_health.m_failedAt = {kInstant + 12, 0};
+    state.m_isolation.m_health.m_recoveredAt = {kInstant + 13, 0};
+    for (const BRIDGE_MODE mode : {BRIDGE_MODE_ETH0, BRIDGE_MODE_ETH1}) {
+        state.m_settings.m_eBridgeMode = mode;
+        state.m_eLastBridgeMode = mode;
+        const json doc = Document(state);
+        EXPECT_EQ(doc["isolation"], json::parse(R"({"required": false, "in_force": false, "verified_at": null,
+                                                    "problem": null})"))
+            << mode;
+        // Its work is the record of what happened, whatever the mode.
+        EXPECT_EQ(doc["work"]["isolation"], json::parse(R"({"failing": false, "failures": 0, "last_failure":
+            {"command": "ebtables -A FORWARD -i eth1 -j DROP", "outcome": "exit status 1",
+             "at": "2038-01-19T03:14:19+00:00"}, "recovered_at": "2038-01-19T03:14:20+00:00"})"))
+            << mode;
     }
 }
 
@@ -222,6 +523,72 @@ TEST(StatusSnapshotTest, EqualUntilAFieldTheDocumentShowsChanges) {
     EXPECT_TRUE(a == b);
 }
 
+TEST(StatusSnapshotTest, TheIsolationIsRequiredWhileBr0IsBuiltOrBeingBuiltForTheTwoPortMode) {
+    CYCLE_STATE state = IsolatedTwoPortState();
+    STATUS_SNAPSHOT snapshot;
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
+    EXPECT_TRUE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kInstant + 30);
+    EXPECT_EQ(snapshot.m_isolation.m_problem, "");
+
+    // Asked for and not built yet (or its build failing): required, and not in
+    // force whatever an earlier build left.
+    CYCLE_STATE building = state;
+    building.m_bBridgeSetupPending = true;
+    building.m_isolation.m_problem = "the bridge build stopped at: ip link add name br0 type bridge";
+    TakeStatusSnapshot(building, snapshot);
+    EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
+    EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kInstant + 30);
+    EXPECT_EQ(snapshot.m_isolation.m_problem, "the bridge build stopped at: ip link add name br0 type bridge");
+
+    // Built for it, and the file no longer usable: still in force.
+    CYCLE_STATE unusable = state;
+    unusable.m_bConfigUsable = false;
+    TakeStatusSnapshot(unusable, snapshot);
+    EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
+    EXPECT_TRUE(snapshot.m_isolation.m_bInForce);
+
+    // A new mode asked for whose build fails: br0 is in no mode, nothing is required.
+    CYCLE_STATE leaving = state;
+    leaving.m_settings.m_eBridgeMode = BRIDGE_MODE_ETH1;
+    leaving.m_bBridgeSetupPending = true;
+    TakeStatusSnapshot(leaving, snapshot);
+    EXPECT_FALSE(snapshot.m_isolation.m_bRequired);
+    EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, 0);
+
+    // Before the first pass, and with a file never usable that asks for the mode.
+    TakeStatusSnapshot(CYCLE_STATE{}, snapshot);
+    EXPECT_FALSE(snapshot.m_isolation.m_bRequired);
+    CYCLE_STATE neverUsable;
+    neverUsable.m_bConfigRead = true;
+    neverUsable.m_settings.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    TakeStatusSnapshot(neverUsable, snapshot);
+    EXPECT_FALSE(snapshot.m_isolation.m_bRequired);
+}
+
+TEST(StatusSnapshotTest, EachLookThatFindsTheIsolationWholeChangesItAndNothingElseOfTheLookDoes) {
+    const CYCLE_STATE state = IsolatedTwoPortState();
+    STATUS_SNAPSHOT a;
+    STATUS_SNAPSHOT b;
+    TakeStatusSnapshot(state, a);
+    CYCLE_STATE looked = state;
+    looked.m_isolation.m_verifiedAt = {kInstant + 40, 0};
+    TakeStatusSnapshot(looked, b);
+    EXPECT_TRUE(a != b);
+    // The next look's time and the listings are the daemon's own.
+    looked = state;
+    looked.m_isolation.m_nNextCheckMs = 987654;
+    looked.m_isolation.m_listings.m_arp = "Chain FORWARD";
+    looked.m_isolation.m_bEth1HeldDown = true;
+    looked.m_isolation.m_bRepairPending = true;
+    looked.m_isolation.m_health.m_nRetryAtMs = 5000;
+    TakeStatusSnapshot(looked, b);
+    EXPECT_TRUE(a == b);
+}
+
 FieldChanges<STATUS_WORK> WorkChanges() {
     FieldChanges<STATUS_WORK> changes = {
         {"m_nFailures", [](STATUS_WORK& w) { ++w.m_nFailures; }},
@@ -249,6 +616,17 @@ FieldChanges<STATUS_INTERFACE> InterfaceChanges() {
     AddFieldChanges(changes, "m_gateway", &STATUS_INTERFACE::m_gateway, AddressChanges());
     AddFieldChanges(changes, "m_leaseAt", &STATUS_INTERFACE::m_leaseAt, TimeChanges());
     AddFieldChanges(changes, "m_work", &STATUS_INTERFACE::m_work, WorkChanges());
+    return changes;
+}
+
+FieldChanges<STATUS_ISOLATION> IsolationChanges() {
+    FieldChanges<STATUS_ISOLATION> changes = {
+        {"m_bRequired", [](STATUS_ISOLATION& i) { i.m_bRequired = !i.m_bRequired; }},
+        {"m_bInForce", [](STATUS_ISOLATION& i) { i.m_bInForce = !i.m_bInForce; }},
+        {"m_problem", [](STATUS_ISOLATION& i) { i.m_problem += " x"; }},
+    };
+    AddFieldChanges(changes, "m_verifiedAt", &STATUS_ISOLATION::m_verifiedAt, TimeChanges());
+    AddFieldChanges(changes, "m_work", &STATUS_ISOLATION::m_work, WorkChanges());
     return changes;
 }
 
@@ -280,6 +658,7 @@ FieldChanges<STATUS_SNAPSHOT> SnapshotChanges() {
     AddFieldChanges(changes, "m_phy", &STATUS_SNAPSHOT::m_phy, WorkChanges());
     AddFieldChanges(changes, "m_veth1", &STATUS_SNAPSHOT::m_veth1, InterfaceChanges());
     AddFieldChanges(changes, "m_veth3", &STATUS_SNAPSHOT::m_veth3, InterfaceChanges());
+    AddFieldChanges(changes, "m_isolation", &STATUS_SNAPSHOT::m_isolation, IsolationChanges());
     return changes;
 }
 
@@ -290,6 +669,7 @@ TEST(StatusSnapshotTest, EqualityNoticesAChangeInEachFieldInTurn) {
     // A work's and an interface's own equality, beside the snapshot's.
     ExpectEveryChangeNoticed(snapshot.m_bridge, WorkChanges());
     ExpectEveryChangeNoticed(snapshot.m_veth1, InterfaceChanges());
+    ExpectEveryChangeNoticed(snapshot.m_isolation, IsolationChanges());
 }
 
 TEST(WriteStatusFileTest, CreatesTheDirectoryAndTheFileWithTheirModesWhateverTheUmask) {
@@ -352,6 +732,26 @@ TEST(UpdateStatusTest, WritesOnlyWhenWhatItShowsChanged) {
     UpdateStatus(writer, state);
     EXPECT_NE(Inode(path), first);
     EXPECT_EQ(json::parse(ReadFile(path))["eth0"]["link"], "down");
+}
+
+TEST(UpdateStatusTest, InTheTwoPortModeEachLookThatFindsTheIsolationWholeRewritesIt) {
+    Utc utc;
+    TempDir dir;
+    STATUS_WRITER writer;
+    StartStatus(writer, dir.Path("run"), "/etc/x.conf");
+    CYCLE_STATE state = IsolatedTwoPortState();
+    UpdateStatus(writer, state);
+    const std::string path = dir.Path("run/status.json");
+    const ino_t first = Inode(path);
+    // Passes between two looks: the document stays.
+    state.m_isolation.m_nNextCheckMs += 1000;
+    UpdateStatus(writer, state);
+    EXPECT_EQ(Inode(path), first);
+    // The next look, 10 s on.
+    state.m_isolation.m_verifiedAt = {kInstant + 40, 0};
+    UpdateStatus(writer, state);
+    EXPECT_NE(Inode(path), first);
+    EXPECT_EQ(json::parse(ReadFile(path))["isolation"]["verified_at"], "2038-01-19T03:14:47+00:00");
 }
 
 TEST(UpdateStatusTest, AFailedWriteIsLoggedOnceAndTriedAgainAfterTheNextPass) {
