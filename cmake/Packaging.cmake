@@ -36,7 +36,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # Written out rather than found with dpkg-shlibdeps, which cannot look into a
 # cross build's libraries. The tools are what the daemon runs through the shell.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2, arptables, iptables, udhcpc")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2, arptables, iptables, ebtables, udhcpc")
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 

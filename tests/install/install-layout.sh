@@ -24,6 +24,7 @@ expected="-rwxr-xr-x etc/init.d/tessel-networkd
 -rw-r--r-- etc/tessel-networkd.conf
 -rwxr-xr-x usr/bin/tessel-netcheck
 -rwxr-xr-x usr/bin/tessel-networkctl
+-rw-r--r-- usr/lib/modules-load.d/tessel-networkd.conf
 -rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
 -rw-r--r-- usr/lib/tmpfiles.d/tessel-networkd.conf
 -rwxr-xr-x usr/sbin/tessel-networkd
@@ -111,10 +112,18 @@ if command -v systemd-tmpfiles >/dev/null; then
     [ "$(stat -c %a "$made/run/xtables.lock" 2>/dev/null)" = 600 ] || fail "systemd-tmpfiles made no /run/xtables.lock"
 fi
 
+# The modules the bridge and the isolation need, loaded at boot (the unit may not
+# load them), one name a line as systemd-modules-load reads them.
+modules=$stage/usr/lib/modules-load.d/tessel-networkd.conf
+listed=$(grep -v '^#' "$modules" | tr '\n' ' ')
+[ "$listed" = "bridge veth br_netfilter arp_tables arptable_filter ip_tables iptable_filter xt_physdev ebtables ebtable_filter ebtable_nat " ] ||
+    fail "modules-load.d list: $listed"
+
 # The init script names the installed paths and parses under every shell at hand.
 init=$stage/etc/init.d/tessel-networkd
 grep -qx 'DAEMON=${DAEMON:-/usr/sbin/tessel-networkd}' "$init" || fail "init script: daemon path"
 grep -qx 'CONFIG=${CONFIG:-/etc/tessel-networkd.conf}' "$init" || fail "init script: configuration path"
+grep -qx 'MODULES=${MODULES:-/usr/lib/modules-load.d/tessel-networkd.conf}' "$init" || fail "init script: modules list"
 for shell in sh dash "busybox sh"; do
     command -v ${shell%% *} >/dev/null || continue
     $shell -n "$init" || fail "init script does not parse under $shell"
