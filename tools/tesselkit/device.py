@@ -5,7 +5,7 @@ fixtures (tests/fixtures, read with tesselkit.timelines)."""
 import os
 
 # The device's tools the daemon runs; tests and tools give it stand-ins for them.
-TOOLS = ("ip", "bridge", "arptables", "iptables", "devmem", "udhcpc")
+TOOLS = ("ip", "bridge", "arptables", "iptables", "ebtables", "devmem", "udhcpc")
 
 # The second internal network, which the isolation rules keep off eth1 and veth0:
 # veth3 and the host on eth0's side.
