@@ -268,7 +268,7 @@ COMMAND_OUTCOME RunShellCommand(const std::string& command, std::string* output)
     Util::UniqueFd writeEnd;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    if (output != nullptr && error == 0) {
+    if (output != nullptr) {
         int ends[2] = {-1, -1};
         if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
             error = errno;
@@ -282,10 +282,12 @@ COMMAND_OUTCOME RunShellCommand(const std::string& command, std::string* output)
         }
     }
 
-    const char* shell = "/bin/sh";
-    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()), nullptr};
     pid_t pid = -1;
-    if (error == 0) error = posix_spawn(&pid, shell, &actions, &attributes, argv, environ);
+    if (error == 0) {
+        const char* shell = "/bin/sh";
+        char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command.c_str()), nullptr};
+        error = posix_spawn(&pid, shell, &actions, &attributes, argv, environ);
+    }
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     // Only the shell keeps the write end: the output ends when the shell (and
