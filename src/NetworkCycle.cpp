@@ -95,14 +95,16 @@ bool RunRegisterWriteSequence(WORK_FAILURE& failure) {
 }
 
 // One build of br0 for the mode, with eth1 blocked from its first command to
-// its last: in the two-port mode the isolation is then completed and looked
-// at; in the others the link-layer rules go. A build cut short leaves the block.
+// its last (and veth0 too in the two-port mode): in the two-port mode the
+// isolation is then completed and looked at; in the others the link-layer
+// rules go. A build cut short leaves the blocks.
 bool BuildBridge(BRIDGE_MODE bridgeMode, ISOLATION_STATE& isolation, WORK_FAILURE& failure) {
     const bool twoPorts = bridgeMode == BRIDGE_MODE_ETH0ETH1;
     isolation.m_bInForce = false;
     isolation.m_problem.clear();
-    bool built = BlockEth1(failure) && SetupBridge(bridgeMode, "", "", &failure);
-    if (built) built = twoPorts ? CompleteIsolation(isolation, failure) : RemoveLinkLayerRules(failure);
+    bool built = BlockEth1(failure) && (!twoPorts || BlockVeth0(failure)) && SetupBridge(bridgeMode, "", "", &failure);
+    if (built && twoPorts) built = CompleteIsolation(isolation, failure) && LiftVeth0Block(failure);
+    if (built && !twoPorts) built = RemoveLinkLayerRules(failure);
     if (built) built = LiftEth1Block(failure);
     if (!twoPorts) {
         isolation = ISOLATION_STATE{};

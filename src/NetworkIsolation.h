@@ -74,6 +74,11 @@ BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader);
 // runs; lasts until LiftEth1Block. Setting it twice leaves one block.
 bool BlockEth1(WORK_FAILURE& failure);
 bool LiftEth1Block(WORK_FAILURE& failure);
+// The same for veth0 (the device's own stack), around a two-port build and a
+// repair: the internal network reaches neither outside nor the device until
+// the link-layer rules are looked at.
+bool BlockVeth0(WORK_FAILURE& failure);
+bool LiftVeth0Block(WORK_FAILURE& failure);
 
 // After a two-port build: br0's bridge netfilter on, the link-layer rules in,
 // then all of it looked at (ARP, IP and link-layer rules, bridge netfilter).
@@ -81,13 +86,14 @@ bool LiftEth1Block(WORK_FAILURE& failure);
 // it incomplete.
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure);
 
-// After a build in another mode: the link-layer rules removed.
+// After a build in another mode: the link-layer rules removed, and a block on
+// veth0 that a two-port build cut short left.
 bool RemoveLinkLayerRules(WORK_FAILURE& failure);
 
 // The two-port mode's step of each pass, once br0 is built: looks at the
 // isolation when its time has come and, when it is broken (or a repair is
-// due), puts it back: eth1 blocked, the ARP, IP and link-layer rules anew,
-// bridge netfilter, a look, the block lifted. A WARN names what was missing, a
+// due), puts it back: eth1 and veth0 blocked, the ARP, IP and link-layer rules
+// anew, bridge netfilter, a look, the blocks lifted. A WARN names what was missing, a
 // NOTICE says when it is back; a failed repair keeps eth1 down and is retried
 // with the usual waits.
 void SuperviseIsolation(ISOLATION_STATE& state);

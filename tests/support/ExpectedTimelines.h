@@ -69,6 +69,21 @@ inline const std::vector<std::string>& Eth1Lift() {
     return timeline;
 }
 
+// veth0's block and lift around a two-port build and a repair, and what a build
+// in another mode runs before eth1's lift.
+inline const std::vector<std::string>& Veth0Block() {
+    static const auto timeline = ReadTimelineFixture("veth0-block.timeline");
+    return timeline;
+}
+inline const std::vector<std::string>& Veth0Lift() {
+    static const auto timeline = ReadTimelineFixture("veth0-lift.timeline");
+    return timeline;
+}
+inline const std::vector<std::string>& LinkLayerRemoval() {
+    static const auto timeline = ReadTimelineFixture("link-layer-removal.timeline");
+    return timeline;
+}
+
 // What completes the isolation after the two-port build, up to its entry.
 inline const std::vector<std::string>& IsolationComplete() {
     static const auto timeline = ReadTimelineFixture("isolation-complete.timeline");

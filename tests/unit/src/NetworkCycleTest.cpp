@@ -151,12 +151,14 @@ const char* const kEth0Frame =
 
 const char* const kLease = "veth1 192.168.77.100 255.255.255.0\n192.168.77.1\n";
 
-// A whole build as a pass runs it: eth1 blocked, br0 built, the isolation
-// completed (two-port mode) or the link-layer rules removed, the block lifted.
-const Lines kRemoveLinkLayerRules = {"$ ebtables -F"};
-Lines BuildEth0() { return Join({Eth1Block(), BridgeBuildEth0(), kRemoveLinkLayerRules, Eth1Lift()}); }
-Lines BuildEth1() { return Join({Eth1Block(), BridgeBuildEth1(), kRemoveLinkLayerRules, Eth1Lift()}); }
-Lines BuildBoth() { return Join({Eth1Block(), BridgeBuildEth0Eth1(), IsolationComplete(), Eth1Lift()}); }
+// A whole build as a pass runs it: eth1 blocked (and veth0 in the two-port
+// mode), br0 built, the isolation completed (two-port mode) or the link-layer
+// rules removed, the blocks lifted.
+Lines BuildEth0() { return Join({Eth1Block(), BridgeBuildEth0(), LinkLayerRemoval(), Eth1Lift()}); }
+Lines BuildEth1() { return Join({Eth1Block(), BridgeBuildEth1(), LinkLayerRemoval(), Eth1Lift()}); }
+Lines BuildBoth() {
+    return Join({Eth1Block(), Veth0Block(), BridgeBuildEth0Eth1(), IsolationComplete(), Veth0Lift(), Eth1Lift()});
+}
 
 // Pieces of the timelines below, written out once.
 const Lines kReattach = {"$ ip link set eth0 master br0 > /dev/null 2>&1"};
@@ -496,16 +498,20 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
     });
     Lines builds = Only(timeline, {"pass", "$ ebtables -t nat", "$ iptables -F", "$ ip link set eth1", "ERROR RunStep",
                                    "WARN", "NOTICE", "INFO SetupBridge", "INFO CompleteIsolation"});
-    // Pass 1: eth1 blocked first; the design's build up to the refused rule,
-    // no lift, eth1 taken down. Pass 2: blocked again (one block), the whole
-    // build with every command in its place, the isolation completed, the block
-    // lifted only then.
+    // Pass 1: eth1 and veth0 blocked first; the design's build up to the
+    // refused rule, no lift, eth1 taken down. Pass 2: blocked again (one block
+    // each), the whole build with every command in its place, the isolation
+    // completed, the blocks lifted only then.
     EXPECT_EQ(builds,
               (Lines{"pass 1",
                      "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
                      "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
                      "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
                      "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
+                     "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
+                     "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP",
+                     "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
+                     "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
                      "INFO SetupBridge: Setting up bridge for control network",
                      "$ ip link set eth1 down",
                      "$ ip link set eth1 master br0",
@@ -522,6 +528,10 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
                      "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
                      "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
                      "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
+                     "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
+                     "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP",
+                     "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
+                     "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
                      "INFO SetupBridge: Setting up bridge for control network",
                      "$ ip link set eth1 down",
                      "$ ip link set eth1 master br0",
@@ -531,6 +541,8 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
                      "INFO SetupBridge: Done with bridge setup",
                      "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge "
                      "netfilter for br0",
+                     "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
+                     "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
                      "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
                      "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
                      "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts",
@@ -580,11 +592,13 @@ TEST(NetworkCycleTest, LeavingTheTwoPortModeRemovesTheLinkLayerRulesAndLooksNoMo
     EXPECT_EQ(Only(timeline, {"pass", "$ ebtables", "INFO CompleteIsolation", "$ arptables -L", "WARN Supervise"}),
               Join({{"pass 1"},
                     Eth1Block(),
+                    Veth0Block(),
                     Only(IsolationComplete(), {"$ ebtables", "INFO", "$ arptables -L"}),
+                    Veth0Lift(),
                     Eth1Lift(),
                     {"pass 2"},
                     Eth1Block(),
-                    kRemoveLinkLayerRules,
+                    LinkLayerRemoval(),
                     Eth1Lift()}));
     // Nothing at all in passes 3 to 13: no look outside the two-port mode.
     EXPECT_EQ(Only(timeline, {"pass"}).back(), "pass 2");

@@ -106,7 +106,7 @@ TEST_F(IsolationTest, NothingRunsUntilTheLookIsDueThenOnlyTheListings) {
     EXPECT_EQ(After(1), IsolationLook());
 }
 
-TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1BlockedMeanwhile) {
+TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1AndVeth0BlockedMeanwhile) {
     m_tables.Rules("arptables").clear();
     m_tables.Rules("iptables").clear();
     m_tables.Rules("ebtables").clear();
@@ -114,8 +114,10 @@ TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1BlockedMe
                                {"WARN SuperviseIsolation: Isolation not in force (0 of 38 ARP rules in place; 0 of 12 "
                                 "IP rules in place; 0 of 22 link-layer rules in place); putting it back"},
                                Eth1Block(),
+                               Veth0Block(),
                                IsolationRules(),
                                IsolationComplete(),
+                               Veth0Lift(),
                                Eth1Lift(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_TRUE(m_state.m_bInForce);
@@ -160,13 +162,16 @@ TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
     EXPECT_FALSE(m_state.m_bInForce);
     EXPECT_EQ(m_state.m_problem, "br0 hands no bridged IPv4 to iptables; br0 hands no bridged ARP to arptables");
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"),
-              (Lines{"-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP"}));
-    // Someone turns it on again: the next attempt completes, lifts the block and raises eth1.
+              (Lines{"-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP",
+                     "-A PREROUTING -i veth0 -j DROP", "-A POSTROUTING -o veth0 -j DROP"}));
+    // Someone turns it on again: the next attempt completes, lifts the blocks and raises eth1.
     m_bridgeFilter.Set({true, true, true});
     EXPECT_EQ(After(1),
               Join({Eth1Block(),
+                    Veth0Block(),
                     IsolationRules(),
                     IsolationComplete(),
+                    Veth0Lift(),
                     Eth1Lift(),
                     {"$ ip link set eth1 up", "NOTICE NoteWorkDone: Recovered isolation after 1 failed attempts",
                      "NOTICE RepairIsolation: Isolation back in force"}}));
@@ -215,9 +220,12 @@ TEST_F(IsolationTest, ABlockSetTwiceIsLiftedWhole) {
 
 TEST_F(IsolationTest, OtherModesRemoveTheLinkLayerRules) {
     WORK_FAILURE failure;
+    // A block a two-port build cut short left on veth0 goes too.
+    ASSERT_TRUE(BlockVeth0(failure));
     Since();
     ASSERT_TRUE(RemoveLinkLayerRules(failure));
-    EXPECT_EQ(Since(), Lines{"$ ebtables -F"});
+    EXPECT_EQ(Since(), LinkLayerRemoval());
+    EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
     EXPECT_EQ(m_tables.Rules("ebtables").size(), 0U);
     // The design's own ARP and IP rules stay.
     EXPECT_EQ(m_tables.Rules("arptables").size(), 38U);
