@@ -79,13 +79,13 @@ class SoakTest(unittest.TestCase):
         return (lab.bridge_ports() == BOTH_PORTS and lab.lease_address() is not None
                 and len(lab.addresses("veth1")) == 1 and lab.addresses("veth3") == [VETH3_ADDR + "/24"]
                 and lab.default_routes() == [(PEER1_ADDR, "veth1", 10)]
-                and len(lab.arp_rules()) == 38 and len(lab.ip_rules()) == 12)
+                and len(lab.arp_rules()) == 38 and len(lab.ip_rules()) == 12 and len(lab.ebtables_rules()) == 22)
 
     def describe(self):
         lab = self.lab
-        return "both ports, DHCP: ports %s, veth1 %s, veth3 %s, routes %s, rules %d/%d" % (
+        return "both ports, DHCP: ports %s, veth1 %s, veth3 %s, routes %s, rules %d/%d/%d" % (
             lab.bridge_ports(), lab.addresses("veth1"), lab.addresses("veth3"), lab.default_routes(),
-            len(lab.arp_rules()), len(lab.ip_rules()))
+            len(lab.arp_rules()), len(lab.ip_rules()), len(lab.ebtables_rules()))
 
     def timed(self, what, action, condition, timeout, description):
         started = time.monotonic()

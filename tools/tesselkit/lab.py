@@ -19,7 +19,7 @@ from .waiting import wait_until
 
 LAB_TOOL = os.path.join(ROOT, "tools", "lab")
 # What the lab needs on this machine, besides root and network namespaces.
-LAB_TOOLS = ("ip", "nsenter", "dnsmasq", "udhcpc", "arptables-legacy", "iptables", "busybox")
+LAB_TOOLS = ("ip", "nsenter", "dnsmasq", "udhcpc", "arptables-legacy", "iptables", "ebtables", "busybox")
 
 
 def layout(name):
@@ -222,6 +222,29 @@ class Lab:
         return [(m.group(2), int(m.group(1))) for m in
                 (re.match(r"^\[(\d+):\d+\] (-A .*)$", line) for line in out.splitlines()) if m]
 
+    def ebtables_rules(self, table="filter", chain="FORWARD"):
+        """The link-layer rules in force in one chain: [(rule text, packet
+        count)], as the device's own ebtables (the lab's choice of backend)
+        lists them, with every MAC written in two digits a byte (the legacy
+        backend drops leading zeros, the nft one does not)."""
+        out = run(["ip", "netns", "exec", self.dev, "env", "PATH=" + self.env["DEVICE_PATH"], "ebtables", "-t", table,
+                   "-L", chain, "--Lc"]).stdout
+        return [(_full_macs(m.group(1).strip()), int(m.group(2))) for m in
+                (re.match(r"^(-.*?) , pcnt = (\d+) -- bcnt = \d+$", line.strip()) for line in out.splitlines()) if m]
+
+    def bridge_netfilter(self, bridge="br0"):
+        """{"nf_call_iptables": 0|1, ...} of the bridge's own settings, as
+        `ip -d link show` prints them; {} when there is no such bridge."""
+        out = run(["ip", "-n", self.dev, "-d", "link", "show", "dev", bridge], check=False).stdout
+        return {name: int(value) for name, value in re.findall(r"\b(nf_call_\w+) ([01])\b", out)}
+
+    def bridge_sysctls(self):
+        """The device's net.bridge.bridge-nf-call-* settings: {"iptables": 1, ...}."""
+        out = run(["ip", "netns", "exec", self.dev, "sysctl", "-a", "--pattern",
+                   r"^net\.bridge\.bridge-nf-call-"]).stdout
+        return {m.group(1): int(m.group(2)) for m in
+                (re.match(r"^net\.bridge\.bridge-nf-call-(\w+) = (\d+)$", line) for line in out.splitlines()) if m}
+
     def udhcpc_clients(self):
         """{pid in the device: arguments} of the DHCP clients on the device (zombies excluded)."""
         return {inside: args[1:] for _, inside, args in without_forked_copies(
@@ -305,6 +328,11 @@ class Stall:
 
     def release(self):
         open(os.path.join(self.control, "go"), "w").close()
+
+
+def _full_macs(text):
+    return re.sub(r"(?<![\w:])[0-9a-fA-F]{1,2}(?::[0-9a-fA-F]{1,2}){5}(?![\w:])",
+                  lambda mac: ":".join("%02x" % int(part, 16) for part in mac.group(0).split(":")), text)
 
 
 def _replace(path, link_target):
