@@ -6,21 +6,79 @@ from tesselkit import timelines
 # The MAC the system tests' /proc/cmdline gives veth1.
 VETH1_MAC = "02:00:00:00:00:42"
 
-START_UP = [
-    "ip link set dev lo up",
+
+def _commands(name):
+    return timelines.commands(timelines.fixture(name, VETH1_MAC=VETH1_MAC))
+
+
+# eth1 blocked at the bridge (the nat table of ebtables) before anything of a build,
+# and at start-up before eth1 is raised; the block lifted as a build's last commands.
+ETH1_BLOCK = _commands("eth1-block.timeline")
+ETH1_LIFT = _commands("eth1-lift.timeline")
+# veth0 blocked the same way around a two-port build and a repair.
+VETH0_BLOCK = _commands("veth0-block.timeline")
+VETH0_LIFT = _commands("veth0-lift.timeline")
+
+# What those blocks put in ebtables' nat table, as its stand-in lists it.
+ETH1_BLOCKED = ["-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP"]
+VETH0_BLOCKED = ["-A PREROUTING -i veth0 -j DROP", "-A POSTROUTING -o veth0 -j DROP"]
+
+START_UP = ["ip link set dev lo up"] + ETH1_BLOCK + [
     "ip link set dev eth1 down",
     "ip link set dev eth1 up",
 ]
 
 # The eth0 link recovery's register writes.
-REGISTER_WRITES = timelines.commands(timelines.fixture("register-writes.timeline"))
+REGISTER_WRITES = _commands("register-writes.timeline")
 
-# br0 with eth0 as its only port (configuration word "eth0").
-BRIDGE_ETH0 = timelines.commands(timelines.fixture("bridge-eth0.timeline", VETH1_MAC=VETH1_MAC))
+# SetupBridge's own commands for each configuration word; a whole build adds the
+# block before them and more after (BUILD_* below).
+BRIDGE_ETH0 = _commands("bridge-eth0.timeline")
+BRIDGE_ETH1 = _commands("bridge-eth1.timeline")
+# Both ports: the ports, both veth pairs, and the ARP and IP rules that keep the
+# second internal network off eth1 and veth0 (84 commands).
+BRIDGE_ETH0ETH1 = _commands("bridge-eth0eth1.timeline")
 
-# br0 with eth1 as its only port (configuration word "eth1").
-BRIDGE_ETH1 = timelines.commands(timelines.fixture("bridge-eth1.timeline", VETH1_MAC=VETH1_MAC))
+# After the two-port build's own commands: bridge netfilter for br0, the 22
+# link-layer rules, and the look at the three tables (arptables -L -n, iptables -S,
+# ebtables -L).
+ISOLATION_COMPLETE = _commands("isolation-complete.timeline")
+# The look every 10 s in the two-port mode.
+ISOLATION_LOOK = _commands("isolation-look.timeline")
+# The build's ARP and IP rules alone, as a repair puts them back.
+ISOLATION_RULES = _commands("isolation-rules.timeline")
+# Outside the two-port mode a build removes the link-layer rules (and a block on
+# veth0 a cut-short two-port build left).
+REMOVE_LINK_LAYER_RULES = _commands("link-layer-removal.timeline")
 
-# br0 with both ports bridged (configuration word "eth0eth1"): the ports, both veth
-# pairs, and the ARP and IP rules that keep the second internal network off eth1 and veth0.
-BRIDGE_ETH0ETH1 = timelines.commands(timelines.fixture("bridge-eth0eth1.timeline", VETH1_MAC=VETH1_MAC))
+# Whole builds as a pass runs them: blocked, built, completed (or the link-layer
+# rules removed), lifted.
+BUILD_ETH0 = ETH1_BLOCK + BRIDGE_ETH0 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT
+BUILD_ETH1 = ETH1_BLOCK + BRIDGE_ETH1 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT
+BUILD_ETH0ETH1 = ETH1_BLOCK + VETH0_BLOCK + BRIDGE_ETH0ETH1 + ISOLATION_COMPLETE + VETH0_LIFT + ETH1_LIFT
+
+# The isolation put back after a look found it broken.
+ISOLATION_REPAIR = ETH1_BLOCK + VETH0_BLOCK + ISOLATION_RULES + ISOLATION_COMPLETE + VETH0_LIFT + ETH1_LIFT
+
+
+def _appended_after_last_flush(commands, tool):
+    """The rules `commands` leave in `tool`'s filter table, as its stand-in lists them."""
+    rules = []
+    for command in commands:
+        words = command.split(" ", 2)
+        if words[0] != tool or words[1:2] == ["-t"]:
+            continue
+        if words[1] == "-F":
+            rules = []
+        elif words[1] == "-A":
+            rules.append("-A " + words[2])
+    return rules
+
+
+# What the stand-ins' filter tables hold after a whole two-port build (38 ARP, 12 IP
+# and 22 link-layer rules); ebtables' nat table is empty then, the blocks lifted.
+ISOLATION_TABLES = {tool: _appended_after_last_flush(BUILD_ETH0ETH1, tool)
+                    for tool in ("arptables", "iptables", "ebtables")}
+
+# What the daemon logs once the look after a two-port build found everything.
+ISOLATION_IN_FORCE = "Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge netfilter for br0"

@@ -12,6 +12,8 @@ Each test gets a Sandbox: a work directory holding
   exit-status     the status the daemon ended with, as its namespace's init saw it (exit-status-2 ...)
   clients/        DHCP clients left over from an earlier run (Sandbox.leftover_clients) and their
                   record clients.log
+  rules/          the tables of the arptables, iptables and ebtables stand-ins, one file a table
+                  (TOOL.TABLE), one "-A CHAIN ..." line a rule (Sandbox.rules, Sandbox.set_rules)
 
 The configuration file may be gated (Sandbox.use_config_pipe): it stays a regular
 file, but each open of it by the daemon waits, through a fanotify permission
@@ -27,6 +29,13 @@ then runs the daemon as its child and keeps its exit status. The daemon is
 therefore not pid 1 and gets the ordinary signal semantics. When the daemon
 ends, the init ends, and the kernel ends whatever else ran in the namespace
 (stand-ins left running, for instance).
+
+The two-port mode's isolation counts only with bridge netfilter in force, which
+the daemon reads from /proc/sys/net/bridge in its own network namespace (br0 is
+never built: ip is a stand-in). Every new network namespace has those switches,
+on, where br_netfilter is in the kernel; a machine without them fails every test
+at once, naming the cause (BRIDGE_NETFILTER_MISSING), rather than each two-port
+build failing on its own.
 
 The paths come from the environment, which CTest sets for every test
 (tests/CMakeLists.txt): TESSEL_DAEMON (the daemon), TESSEL_CTL (the operator
@@ -63,6 +72,7 @@ except ModuleNotFoundError as missing:
     sys.exit("harness: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
 from tesselkit.logs import parse_log_line
 from tesselkit.namespaces import SETUP_FAILED
+from expected_commands import START_UP
 
 __all__ = ["CMDLINE", "CTL_PATH", "DAEMON_PATH", "Daemon", "DaemonTestCase", "EMULATOR", "OLD_KERNEL", "POLL_INTERVAL", "Sandbox",
            "TIMEOUT", "main", "run_cycles_in_step", "wait_until"]
@@ -82,6 +92,21 @@ EMULATOR = shlex.split(os.environ.get("TESSEL_EMULATOR", ""))
 # The oldkernel tests run the daemon and its programs through tessel-old-kernel,
 # which makes every system call newer than Linux 3.10 fail as there.
 OLD_KERNEL = os.environ.get("TESSEL_OLD_KERNEL") or None
+
+
+# The switches the daemon reads for bridge netfilter, as its network namespace has them.
+BRIDGE_NETFILTER = ("/proc/sys/net/bridge/bridge-nf-call-iptables", "/proc/sys/net/bridge/bridge-nf-call-arptables")
+BRIDGE_NETFILTER_MISSING = ("no bridge netfilter in a new network namespace: %s must exist and hold 1 "
+                            "(br_netfilter missing from the kernel, or a kernel without per-namespace switches); "
+                            "the daemon's two-port isolation cannot be in force without it")
+
+
+def bridge_netfilter_problem():
+    """Empty when a new network namespace has bridge netfilter on, else why not."""
+    probe = subprocess.run(["unshare", "--net", "cat"] + list(BRIDGE_NETFILTER), capture_output=True, text=True)
+    if probe.returncode == 0 and probe.stdout.split() == ["1", "1"]:
+        return ""
+    return BRIDGE_NETFILTER_MISSING % " and ".join(BRIDGE_NETFILTER)
 
 
 def run_prefix():
@@ -343,6 +368,14 @@ class Sandbox:
         elif os.path.exists(marker):
             os.remove(marker)
 
+    def rules(self, tool, table="filter"):
+        """The rules the stand-in of a filter tool holds in one table, as it lists them."""
+        return standins.table_rules(self.work, tool, table)
+
+    def set_rules(self, tool, rules, table="filter"):
+        """Changes a filter tool's table in one step, as another program would ([] flushes it)."""
+        standins.set_table_rules(self.work, tool, rules, table)
+
     def record_times(self, tool):
         """Has every later call of the tool's stand-in noted with its time in times.log."""
         self._write(os.path.join("stamp", tool), "")
@@ -430,6 +463,10 @@ class Sandbox:
         suffix = "" if not self.daemons else "-%d" % (len(self.daemons) + 1)
         output_path = self.path("output%s.log" % suffix)
         status_path = self.path("exit-status" + suffix)
+        # Checked where the daemon reads it: its own network namespace. (A switch reads
+        # as "1" without its newline to a shell's read, which reads a byte at a time.)
+        netfilter = ['on=; {{ read -r on < {0}; }} 2>/dev/null; [ "$on" = 1 ] || fail "{1}"'.format(
+            path, BRIDGE_NETFILTER_MISSING % path) for path in BRIDGE_NETFILTER]
         output = open(output_path, "wb")
         try:
             process = namespaces.start(
@@ -437,7 +474,7 @@ class Sandbox:
                 binds=[(self.path("tmp"), "/tmp"), (self.path("run"), "/run"), (self.path("cmdline"), "/proc/cmdline")],
                 interfaces=interfaces,
                 up=up,
-                setup=setup,
+                setup=netfilter + list(setup),
                 status_path=status_path,
                 env=environment,
                 stdin=subprocess.DEVNULL,
@@ -645,16 +682,25 @@ def run_cycles_in_step(runs, count=1):
             daemon.wait_for_config_read()
 
 
+_netfilter_problem = None
+
+
 class DaemonTestCase(unittest.TestCase):
     """A test with a fresh Sandbox in self.sandbox; skips (or fails when
-    TESSEL_REQUIRE_NAMESPACES=1) where the namespaces cannot be had."""
+    TESSEL_REQUIRE_NAMESPACES=1) where the namespaces cannot be had, and fails
+    where they come without bridge netfilter."""
 
     def setUp(self):
+        global _netfilter_problem
         reason = namespaces.unavailable_reason()
         if reason:
             if os.environ.get("TESSEL_REQUIRE_NAMESPACES") == "1":
                 self.fail(reason + " (TESSEL_REQUIRE_NAMESPACES=1)")
             self.skipTest(reason)
+        if _netfilter_problem is None:
+            _netfilter_problem = bridge_netfilter_problem()
+        if _netfilter_problem:
+            self.fail(_netfilter_problem)
         if not DAEMON_PATH:
             self.fail("no daemon: TESSEL_DAEMON is not set (CTest sets it; see README)")
         self.sandbox = Sandbox(DAEMON_PATH)
@@ -664,10 +710,10 @@ class DaemonTestCase(unittest.TestCase):
         return self.sandbox.start(**kwargs)
 
     def start_running_daemon(self, **kwargs):
-        """Starts the daemon and waits until it has run its three start-up commands."""
+        """Starts the daemon and waits until it has run its start-up commands."""
         daemon = self.sandbox.start(**kwargs)
         daemon.wait_for_message("Bringing up loopback lo")
-        self.sandbox.wait_for_commands(3)
+        self.sandbox.wait_for_commands(len(START_UP))
         return daemon
 
 

@@ -6,7 +6,8 @@ thing (unless the bridge is rebuilt); that command marks the cycles. Commands ar
 compared from just before an edit until two cycles after the one that applied it."""
 
 import harness
-from expected_commands import BRIDGE_ETH0
+from expected_commands import (BRIDGE_ETH1, BUILD_ETH0, BUILD_ETH1, ETH1_BLOCK, ETH1_LIFT, ISOLATION_TABLES,
+                               REMOVE_LINK_LAYER_RULES)
 
 REATTACH = "ip link set eth0 master br0"
 
@@ -35,6 +36,12 @@ veth3 dhcp
 """
 
 ETH0_ONLY = """bridge eth0
+phy copper
+veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
+veth3 dhcp
+"""
+
+ETH1_ONLY = """bridge eth1
 phy copper
 veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
 veth3 dhcp
@@ -120,7 +127,7 @@ class ConfigEditTest(harness.DaemonTestCase):
         daemon = self.start_steady(BOTH_PORTS)
         self.assertIn("udhcpc -i veth3 -b -R -s /usr/share/udhcpc/tessel.script", self.sandbox.commands())
 
-        self.assertEqual(self.edit(daemon, ETH0_ONLY), (BRIDGE_ETH0 + [
+        self.assertEqual(self.edit(daemon, ETH0_ONLY), (BUILD_ETH0 + [
             "ip link set eth0 master br0",
             "ip route flush dev veth1",
             "ip addr flush dev veth1",
@@ -138,6 +145,35 @@ class ConfigEditTest(harness.DaemonTestCase):
         self.sandbox.write_lease("veth3", "veth3 10.1.0.5 255.255.255.0\n10.1.0.1\n")
         self.assert_nothing_but_reattach(daemon)
         self.assertTrue(self.sandbox.lease_exists("veth3"))
+
+    def test_bridge_mode_change_from_both_ports_to_eth1_removes_the_link_layer_rules_then_lifts_the_block(self):
+        # Gated cycles: the commands of the one pass that applies the change, whatever
+        # the time (no look at the isolation falls into it).
+        self.sandbox.use_config_pipe()
+        daemon = self.start_daemon(interfaces=["eth0"], up=["eth0"])
+        daemon.run_cycle(BOTH_PORTS)
+        self.assertEqual(self.sandbox.rules("ebtables"), ISOLATION_TABLES["ebtables"])
+        self.sandbox.clear_commands()
+        logged = len(daemon.entries())
+        daemon.run_cycle(ETH1_ONLY)
+        self.assertEqual(self.sandbox.commands(), BUILD_ETH1 + [
+            "ip route flush dev veth1",
+            "ip addr flush dev veth1",
+            "ip addr add 10.0.0.2/255.255.255.0 dev veth1",
+            "ip route add default via 10.0.0.1 dev veth1 metric 10",
+        ])
+        # Blocked, built, the link-layer rules flushed after the build, lifted last.
+        self.assertEqual(BUILD_ETH1, ETH1_BLOCK + BRIDGE_ETH1 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT)
+        self.assertEqual(REMOVE_LINK_LAYER_RULES[0], "ebtables -F")
+        self.assertEqual([(e.level, e.message) for e in daemon.entries()[logged:]], [
+            ("INFO", "Setting up bridge for control network"),
+            ("INFO", "Done with bridge setup"),
+            ("INFO", "Configuring interface veth1 for static IP"),
+            ("INFO", "Configuring veth1 for 10.0.0.2/255.255.255.0"),
+            ("INFO", "Adding default gateway 10.0.0.1 for veth1"),
+        ])
+        self.assertEqual(self.sandbox.rules("ebtables"), [])
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
 
 
 if __name__ == "__main__":

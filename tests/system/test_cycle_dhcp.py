@@ -2,7 +2,7 @@
 the daemon's /tmp, renewals, lost leases, and clients left over from an earlier run."""
 
 import harness
-from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, REGISTER_WRITES, START_UP
+from expected_commands import BUILD_ETH0ETH1, BUILD_ETH1, ISOLATION_IN_FORCE, REGISTER_WRITES, START_UP
 
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 CLIENT_VETH1 = "udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script"
@@ -39,7 +39,7 @@ class DhcpCycleTest(harness.DaemonTestCase):
         self.sandbox.set_linger("udhcpc")
         daemon = self.start_daemon()
         daemon.run_cycle(VETH1_DHCP_ETH1)
-        self.assertEqual(self.sandbox.commands(), START_UP + BRIDGE_ETH1 + REGISTER_WRITES + [
+        self.assertEqual(self.sandbox.commands(), START_UP + BUILD_ETH1 + REGISTER_WRITES + [
             "ip route flush dev veth1",
             "ip addr flush dev veth1",
             CLIENT_VETH1,
@@ -93,7 +93,7 @@ class DhcpCycleTest(harness.DaemonTestCase):
     def test_veth3_lease_with_both_ports_bridged_gets_metric_100(self):
         daemon = self.start_daemon(**ETH0_UP)
         daemon.run_cycle(VETH3_DHCP_BOTH_PORTS)
-        self.assertEqual(self.sandbox.commands(), START_UP + BRIDGE_ETH0ETH1 + [REATTACH] + REGISTER_WRITES + [
+        self.assertEqual(self.sandbox.commands(), START_UP + BUILD_ETH0ETH1 + [REATTACH] + REGISTER_WRITES + [
             "ip route flush dev veth1",
             "ip addr flush dev veth1",
             "ip addr add 10.0.0.2/255.255.255.0 dev veth1",
@@ -145,10 +145,11 @@ class DhcpCycleTest(harness.DaemonTestCase):
                     "Configuring veth1 for 10.0.0.2/255.255.255.0",
                     "Not adding default gateway for veth1",
                 ] if stopped == "veth3" else []
+                isolation = [ISOLATION_IN_FORCE] if mode == "eth0eth1" else []
                 self.assertEqual(daemon.messages()[3:], [
                     "Setting up bridge for control network",
                     "Done with bridge setup",
-                ] + static_veth1 + [
+                ] + isolation + static_veth1 + [
                     "Configuring interface %s for DHCP" % stopped,
                     "Killing udhcpc pid %d for interface %s" % (pids[stopped], stopped),
                     "Starting DHCP for interface %s" % stopped,

@@ -3,7 +3,7 @@ daemon's namespace) changed from outside while the daemon runs: up, administrati
 down, up without carrier, and gone."""
 
 import harness
-from expected_commands import BRIDGE_ETH0, REGISTER_WRITES, START_UP
+from expected_commands import BUILD_ETH0, REGISTER_WRITES, START_UP
 from tesselkit.namespaces import real_tool
 
 CONFIG = """bridge eth0
@@ -74,7 +74,7 @@ class Eth0LinkTest(harness.DaemonTestCase):
     def test_missing_eth0_is_reported_and_registers_are_written_in_the_first_cycle_only(self):
         daemon = self.start_daemon()
         daemon.run_cycle(CONFIG)
-        self.assertEqual(self.sandbox.commands(), START_UP + BRIDGE_ETH0 + REGISTER_WRITES + [
+        self.assertEqual(self.sandbox.commands(), START_UP + BUILD_ETH0 + REGISTER_WRITES + [
             "ip route flush dev veth1",
             "ip addr flush dev veth1",
             "ip addr add 10.0.0.2/255.255.255.0 dev veth1",

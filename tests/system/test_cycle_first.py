@@ -2,7 +2,9 @@
 from start-up to the end of that cycle, the log, and the pace of the register writes."""
 
 import harness
-from expected_commands import BRIDGE_ETH0, BRIDGE_ETH0ETH1, BRIDGE_ETH1, REGISTER_WRITES, START_UP
+from expected_commands import (BRIDGE_ETH0ETH1, BUILD_ETH0, BUILD_ETH0ETH1, BUILD_ETH1, ETH1_BLOCK, ETH1_LIFT,
+                               ISOLATION_IN_FORCE, ISOLATION_TABLES, REGISTER_WRITES, START_UP, VETH0_BLOCK,
+                               VETH0_LIFT)
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -27,7 +29,7 @@ veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
 veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
 """
 
-FIRST_CYCLE_ETH0 = START_UP + BRIDGE_ETH0 + [
+FIRST_CYCLE_ETH0 = START_UP + BUILD_ETH0 + [
     "ip link set eth0 master br0",
 ] + REGISTER_WRITES + [
     "ip route flush dev veth1",
@@ -38,7 +40,7 @@ FIRST_CYCLE_ETH0 = START_UP + BRIDGE_ETH0 + [
     "ip link set dev eth1 up",
 ]
 
-FIRST_CYCLE_ETH1 = START_UP + BRIDGE_ETH1 + REGISTER_WRITES + [
+FIRST_CYCLE_ETH1 = START_UP + BUILD_ETH1 + REGISTER_WRITES + [
     "ip route flush dev veth1",
     "ip addr flush dev veth1",
     "ip addr add 10.0.0.2/255.255.255.0 dev veth1",
@@ -46,7 +48,7 @@ FIRST_CYCLE_ETH1 = START_UP + BRIDGE_ETH1 + REGISTER_WRITES + [
     "ip link set dev eth1 up",
 ]
 
-FIRST_CYCLE_ETH0ETH1 = START_UP + BRIDGE_ETH0ETH1 + [
+FIRST_CYCLE_ETH0ETH1 = START_UP + BUILD_ETH0ETH1 + [
     "ip link set eth0 master br0",
 ] + REGISTER_WRITES + [
     "ip route flush dev veth1",
@@ -112,6 +114,7 @@ class FirstCycleTest(harness.DaemonTestCase):
             "eth0eth1": (FIRST_CYCLE_ETH0ETH1, [
                 ("INFO", "Setting up bridge for control network"),
                 ("INFO", "Done with bridge setup"),
+                ("INFO", ISOLATION_IN_FORCE),
                 ("INFO", "Configuring interface veth1 for static IP"),
                 ("INFO", "Configuring veth1 for 10.0.0.2/255.255.255.0"),
                 ("INFO", "Adding default gateway 10.0.0.1 for veth1"),
@@ -128,6 +131,35 @@ class FirstCycleTest(harness.DaemonTestCase):
                 self.assertEqual([(e.level, e.message) for e in daemon.entries()], start_log(sandbox) + log)
                 phy = [e for e in daemon.entries() if e.message.startswith("Unable to open /proc/marvell")]
                 self.assertEqual([(e.file, e.function) for e in phy], [("src/NetworkLink.cpp", "SetEthernetPhyMode")])
+
+    def test_first_two_port_pass_blocks_eth1_around_the_build_and_leaves_the_isolation_in_the_tables(self):
+        self.sandbox.use_config_pipe()
+        daemon = self.start_daemon(**ETH0_UP)
+        daemon.run_cycle(CONFIG_ETH0ETH1)
+        commands = self.sandbox.commands()
+        build = commands[len(START_UP):len(START_UP) + len(BUILD_ETH0ETH1)]
+        self.assertEqual(build, BUILD_ETH0ETH1)
+        # eth1, then veth0, blocked before the build's first command; veth0, then eth1,
+        # lifted by its last four; in between nothing touches the blocks.
+        blocks, lifts = ETH1_BLOCK + VETH0_BLOCK, VETH0_LIFT + ETH1_LIFT
+        self.assertEqual(build[:len(blocks)], blocks)
+        self.assertEqual(build[len(blocks)], BRIDGE_ETH0ETH1[0])
+        self.assertEqual(build[-len(lifts):], lifts)
+        self.assertEqual([c for c in build[len(blocks):-len(lifts)] if c.startswith("ebtables -t nat")], [])
+        # eth1 is raised by the build only while it is blocked, and nothing of the build
+        # comes after the lift: the pass goes on with eth0.
+        self.assertLess(build.index("ip link set eth1 up"), len(build) - len(lifts))
+        self.assertEqual(commands[len(START_UP) + len(BUILD_ETH0ETH1)], "ip link set eth0 master br0")
+        # What the stand-ins' tables hold: the isolation's rules, all DROP, the block gone.
+        for tool, count in (("arptables", 38), ("iptables", 12), ("ebtables", 22)):
+            with self.subTest(tool=tool):
+                rules = self.sandbox.rules(tool)
+                self.assertEqual(len(rules), count, rules)
+                self.assertEqual([rule for rule in rules if not rule.endswith(" -j DROP")], [])
+                self.assertEqual(rules, ISOLATION_TABLES[tool])
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
+        self.assertIn(("INFO", "CompleteIsolation", ISOLATION_IN_FORCE),
+                      [(e.level, e.function, e.message) for e in daemon.entries()])
 
     def test_register_writes_pause_a_tenth_of_a_second_after_each_step(self):
         runs = self.start_all({"eth0": (CONFIG_ETH0, ETH0_UP), "eth1": (CONFIG_ETH1, {})})

@@ -1,8 +1,12 @@
 """Steady cycles: with an unchanged, usable configuration and static addresses a cycle
-runs nothing, or only the re-attach of a healthy eth0 where eth0 is a bridge port."""
+runs nothing, or only the re-attach of a healthy eth0 where eth0 is a bridge port; in
+the two-port mode the isolation is looked at every 10 s as well, and put back when
+another program took its rules away."""
+
+import time
 
 import harness
-from expected_commands import REGISTER_WRITES
+from expected_commands import ISOLATION_IN_FORCE, ISOLATION_LOOK, ISOLATION_REPAIR, ISOLATION_TABLES, REGISTER_WRITES
 
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 
@@ -53,6 +57,46 @@ class SteadyCycleTest(harness.DaemonTestCase):
                 self.assertEqual(daemon.messages(), first_cycle_log[mode])
                 # In every mode, eth1 only included, the registers were written in the first cycle.
                 self.assertEqual(first_cycle_writes[mode], REGISTER_WRITES)
+
+
+class IsolationLookTest(harness.DaemonTestCase):
+    def test_rules_flushed_by_another_program_are_put_back_within_15_seconds(self):
+        config, options = CONFIGS["eth0eth1"]
+        self.sandbox.write_config(config)
+        daemon = self.start_daemon(**options)
+        daemon.wait_for_message(ISOLATION_IN_FORCE)
+        # Right after the build's look, the next one is 10 s away: both tables are
+        # gone before it.
+        self.sandbox.set_rules("iptables", [])
+        self.sandbox.set_rules("ebtables", [])
+        flushed = time.monotonic()
+        warning = ("Isolation not in force (0 of 12 IP rules in place; 0 of 22 link-layer rules in place); "
+                   "putting it back")
+        daemon.wait_for_message(warning, timeout=15)
+        self.assertLess(time.monotonic() - flushed, 15)
+        entries = daemon.wait_for_message("Isolation back in force")
+        logged = [(e.level, e.function, e.message) for e in entries]
+        warned = logged.index(("WARN", "SuperviseIsolation", warning))
+        self.assertIn(("NOTICE", "RepairIsolation", "Isolation back in force"), logged[warned + 1:])
+        # Nothing between the look that found the tables empty and the repair: eth1 and
+        # veth0 blocked, the ARP and IP rules anew, the rest as after a build, the blocks
+        # lifted.
+        commands = self.sandbox.commands()
+        repaired = ISOLATION_LOOK + ISOLATION_REPAIR
+        self.assertIn(repaired, [commands[i:i + len(repaired)] for i in range(len(commands))])
+        for tool, rules in ISOLATION_TABLES.items():
+            self.assertEqual(self.sandbox.rules(tool), rules, tool)
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
+        # Whole again, and the next look finds it so: no second repair.
+        looks = commands.count(ISOLATION_LOOK[-1])
+
+        def next_look_over():
+            now = self.sandbox.commands()
+            return now.count(ISOLATION_LOOK[-1]) > looks and now[-1] == "ip link set eth0 master br0"
+
+        harness.wait_until(next_look_over, "the next look at the isolation", timeout=15)
+        self.assertEqual(daemon.messages().count(warning), 1)
+        self.assertEqual(daemon.messages().count("Isolation back in force"), 1)
 
 
 if __name__ == "__main__":

@@ -5,7 +5,7 @@ usable cycle; an unusable file in between changes nothing of what was applied.""
 import datetime
 
 import harness
-from expected_commands import BRIDGE_ETH0, REGISTER_WRITES, START_UP
+from expected_commands import BUILD_ETH0, REGISTER_WRITES, START_UP
 
 REATTACH = "ip link set eth0 master br0"
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -26,7 +26,7 @@ MISSING_REPORT = "Unable to read configuration file"
 INVALID_REPORT = "Invalid bridge mode entry, expected eth0|eth1|eth0eth1"
 
 # With eth0 healthy, ended by the re-attach of the next cycle.
-FIRST_CYCLE_AND_NEXT_REATTACH = START_UP + BRIDGE_ETH0 + [
+FIRST_CYCLE_AND_NEXT_REATTACH = START_UP + BUILD_ETH0 + [
     "ip link set eth0 master br0",
 ] + REGISTER_WRITES + [
     "ip route flush dev veth1",

@@ -12,7 +12,8 @@ import sys
 import time
 
 import harness
-from expected_commands import BRIDGE_ETH0ETH1, BRIDGE_ETH1, REGISTER_WRITES, START_UP
+from expected_commands import (BRIDGE_ETH1, BUILD_ETH0ETH1, BUILD_ETH1, ETH1_BLOCK, ETH1_BLOCKED, REGISTER_WRITES,
+                               START_UP, VETH0_BLOCK, VETH0_BLOCKED)
 from tesselkit import namespaces
 
 ETH1_STATIC = """bridge eth1
@@ -117,16 +118,20 @@ class FaultTest(harness.DaemonTestCase):
         # Nothing went on from the hung start-up command; all of it ran again.
         commands = start_up.commands()
         self.assertEqual(commands[:1], START_UP[:1])
-        self.assertEqual(commands[1], BRIDGE_ETH1[0])
-        self.assertIn(START_UP, [commands[i:i + 3] for i in range(len(commands))])
-        # The bridge build stopped at the hung rule, and the next build was whole.
+        self.assertEqual(commands[1:1 + len(BUILD_ETH1)], BUILD_ETH1)
+        self.assertIn(START_UP, [commands[i:i + len(START_UP)] for i in range(len(commands))])
+        # The bridge build stopped at the hung rule, eth1 (and veth0) still blocked, and
+        # eth1 was taken down after it; the next build was whole, blocked again first and
+        # lifted last.
         commands = bridge.commands()
         stopped = commands.index(rule)
-        # eth1 was taken down after it, and the next build raised it only after the rules.
+        blocked = START_UP + ETH1_BLOCK + VETH0_BLOCK
+        self.assertEqual(commands[:len(blocked)], blocked)
+        self.assertEqual([c for c in commands[len(blocked):stopped] if c.startswith("ebtables -t nat")], [])
         self.assertEqual(commands[stopped + 1], "ip link set eth1 down")
-        rebuilt = commands.index(BRIDGE_ETH0ETH1[0], stopped)
-        isolation_first = [c for c in BRIDGE_ETH0ETH1 if c != "ip link set eth1 up"] + ["ip link set eth1 up"]
-        self.assertEqual(commands[rebuilt:rebuilt + len(BRIDGE_ETH0ETH1)], isolation_first)
+        rebuilt = commands.index(BUILD_ETH0ETH1[0], stopped)
+        self.assertEqual(commands[rebuilt:rebuilt + len(BUILD_ETH0ETH1)], BUILD_ETH0ETH1)
+        self.assertEqual(bridge.rules("ebtables", "nat"), [])
         # The client was started again after its hung start.
         self.assertEqual(client.commands().count(CLIENT_VETH1), 2)
         for daemon in daemons:
@@ -142,7 +147,7 @@ class FaultTest(harness.DaemonTestCase):
                 sandbox.set_only("ip", "link add name br0")
                 sandbox.set_delay("ip", 100)
                 daemon = sandbox.start()
-                sandbox.wait_for_commands(START_UP.__len__() + 8)
+                sandbox.wait_for_commands(len(START_UP) + len(ETH1_BLOCK) + 8)
                 self.assertEqual(sandbox.commands()[-1], "ip link add name br0 type bridge")
                 sent = time.monotonic()
                 daemon.send(sig)
@@ -156,6 +161,28 @@ class FaultTest(harness.DaemonTestCase):
                 after = entries[entries.index(("SigHandler", "SigHandler: Caught signal: %d, shutting down..."
                                                % sig)):]
                 self.assertEqual([e for e in after if "Command" in e[1] or "Retrying" in e[1]], [])
+
+    def test_stop_signal_while_a_two_port_build_hangs_leaves_eth1_blocked(self):
+        self.sandbox.write_config(BOTH_STATIC)
+        self.sandbox.set_only("iptables", "-F")
+        self.sandbox.set_delay("iptables", 100)
+        daemon = self.start_daemon()
+        harness.wait_until(lambda: self.sandbox.commands()[-1:] == ["iptables -F"],
+                           lambda: "the build to hang in iptables -F; commands: %r" % self.sandbox.commands())
+        # Both of eth1's blocks (in and out), and veth0's.
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED + VETH0_BLOCKED)
+        sent = time.monotonic()
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait_exit(timeout=10), 0, daemon.output())
+        report("SIGTERM while a two-port build hangs: signal to exit", time.monotonic() - sent)
+        self.assertLess(time.monotonic() - sent, 3.0)
+        # The build ended where it hung: nothing after it lifted the block, so nothing
+        # crosses eth1 after a stop in the middle of a build.
+        commands = self.sandbox.commands()
+        hung = commands.index("iptables -F")
+        self.assertEqual([c for c in commands[hung:] if c.startswith("ebtables")], [])
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED + VETH0_BLOCKED)
+        self.assertNotIn("Isolation in force", daemon.output())
 
     def test_stop_signal_during_the_pause_ends_the_daemon_within_3_seconds(self):
         self.sandbox.write_config(ETH1_STATIC)
@@ -212,8 +239,9 @@ class FaultTest(harness.DaemonTestCase):
         self.assertEqual(errors, ["Command failed (exit status 2): ip link add name br0 type bridge"] * 3)
         # The device converges: the last build is whole, and veth1 is addressed after it.
         commands = self.sandbox.commands()
-        last = len(commands) - 1 - commands[::-1].index(BRIDGE_ETH1[0])
-        self.assertEqual(commands[last:last + len(BRIDGE_ETH1)], BRIDGE_ETH1)
+        last = len(commands) - 1 - commands[::-1].index(BRIDGE_ETH1[0]) - len(ETH1_BLOCK)
+        self.assertEqual(commands[last:last + len(BUILD_ETH1)], BUILD_ETH1)
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1", count=4)
 
     def test_commands_that_cannot_be_started_for_a_while_are_done_once_they_can(self):
@@ -224,7 +252,8 @@ class FaultTest(harness.DaemonTestCase):
         entries = daemon.wait_for_message("Retrying bridge setup in 2 s (failed attempts: 2)")
         messages = [e.message for e in entries]
         self.assertIn("Command failed (not started (Permission denied)): ip link set dev lo up", messages)
-        self.assertIn("Command failed (not started (Permission denied)): ip link set br0 down", messages)
+        # The build's first command is eth1's block.
+        self.assertIn("Command failed (not started (Permission denied)): " + BUILD_ETH1[0], messages)
         self.assertEqual(self.sandbox.commands(), [])
         # /bin/sh is a link: the mount covers the file it names.
         # (In its PID namespace too, where umount finds its own /proc/self.)
@@ -237,7 +266,7 @@ class FaultTest(harness.DaemonTestCase):
                                "%s to recover; output so far:\n%s" % (work, daemon.output()), 10)
         report("no shell: shell back to all work recovered", time.monotonic() - back)
         commands = self.sandbox.commands()
-        self.assertEqual(commands[:3 + len(BRIDGE_ETH1)], START_UP + BRIDGE_ETH1)
+        self.assertEqual(commands[:len(START_UP) + len(BUILD_ETH1)], START_UP + BUILD_ETH1)
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1")
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())

@@ -4,13 +4,8 @@ import datetime
 import signal
 
 import harness
+from expected_commands import ETH1_BLOCK, ETH1_BLOCKED, START_UP
 from tesselkit.logs import parse_log_line
-
-STARTUP_COMMANDS = [
-    "ip link set dev lo up",
-    "ip link set dev eth1 down",
-    "ip link set dev eth1 up",
-]
 
 
 class LifecycleTest(harness.DaemonTestCase):
@@ -20,7 +15,7 @@ class LifecycleTest(harness.DaemonTestCase):
         entries = [e for e in daemon.entries() if e.message != "Unable to read configuration file"]
         return [(entry.function, entry.message) for entry in entries[-2:]]
 
-    def test_start_up_logs_the_config_path_and_runs_three_commands_in_order(self):
+    def test_start_up_logs_the_config_path_and_runs_its_commands_in_order(self):
         for option in ("--config", "-c"):
             with self.subTest(option=option):
                 self.sandbox.clear_commands()
@@ -33,7 +28,7 @@ class LifecycleTest(harness.DaemonTestCase):
                     "Bringing up loopback lo",
                 ])
                 # The file does not exist, so nothing beyond start-up may run.
-                self.assertEqual(self.sandbox.commands(), STARTUP_COMMANDS)
+                self.assertEqual(self.sandbox.commands(), START_UP)
 
     def test_each_stop_signal_ends_the_daemon_with_its_status(self):
         expected = {signal.SIGTERM: 0, signal.SIGHUP: 1, signal.SIGINT: 2, signal.SIGQUIT: 3}
@@ -45,7 +40,7 @@ class LifecycleTest(harness.DaemonTestCase):
             daemons[sig] = (sandbox, sandbox.start())
         for sig, (sandbox, daemon) in daemons.items():
             daemon.wait_for_message("Bringing up loopback lo")
-            sandbox.wait_for_commands(3)
+            sandbox.wait_for_commands(len(START_UP))
             daemon.send(sig)
         for sig, (sandbox, daemon) in daemons.items():
             with self.subTest(signal=sig.name):
@@ -76,17 +71,33 @@ class LifecycleTest(harness.DaemonTestCase):
         # leaves for the work in hand.
         self.sandbox.set_delay("ip", 0.5, once=True)
         daemon = self.start_daemon()
-        self.assertEqual(self.sandbox.wait_for_commands(1), STARTUP_COMMANDS[:1])
+        self.assertEqual(self.sandbox.wait_for_commands(1), START_UP[:1])
         daemon.send(signal.SIGINT)
         daemon.wait_for_message("SigHandler: Caught signal: 2, shutting down...")
         # Handled while the command still ran, not after it.
-        self.assertEqual(self.sandbox.commands(), STARTUP_COMMANDS[:1])
+        self.assertEqual(self.sandbox.commands(), START_UP[:1])
         self.assertEqual(daemon.wait_exit(timeout=10), 2, daemon.output())
-        self.assertEqual(self.sandbox.commands(), STARTUP_COMMANDS)
+        self.assertEqual(self.sandbox.commands(), START_UP)
         self.assertEqual(self.exit_lines(daemon), [
             ("SigHandler", "SigHandler: Caught signal: 2, shutting down..."),
             ("main", "tessel-networkd exiting with code of 2"),
         ])
+
+    def test_start_up_blocks_eth1_before_raising_it(self):
+        daemon = self.start_running_daemon()
+        commands = self.sandbox.commands()
+        self.assertEqual(commands, START_UP)
+        # Whatever a daemon before this one left of br0, eth1 comes up blocked: the
+        # whole block (both directions) before it is raised, and nothing lifts it.
+        raised = commands.index("ip link set dev eth1 up")
+        self.assertEqual(commands[1:1 + len(ETH1_BLOCK)], ETH1_BLOCK)
+        self.assertLess(commands.index(ETH1_BLOCK[-1]), commands.index("ip link set dev eth1 down"))
+        self.assertLess(commands.index("ip link set dev eth1 down"), raised)
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED)
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait_exit(), 0, daemon.output())
+        # No usable configuration, no build: the block stays.
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED)
 
     def test_log_lines_carry_local_time_level_file_line_and_function(self):
         zone = datetime.timezone(datetime.timedelta(hours=5, minutes=30))

@@ -1,8 +1,9 @@
 """The status document (/run/tessel-networkd/status.json in the daemon's private /run)
 and tessel-networkctl's view of it after each event: start-up, static addressing, a
 lease and its loss, eth0 down and back, an unusable file, a failed command and its
-recovery, and the daemon stopped. Cycles are gated (Sandbox.use_config_pipe), so
-each check sees the document of a pass that is over."""
+recovery, an isolation that cannot be looked at, and the daemon stopped. Cycles are
+gated (Sandbox.use_config_pipe), so each check sees the document of a pass that is
+over."""
 
 import datetime
 import json
@@ -13,6 +14,8 @@ import stat
 import time
 
 import harness
+from expected_commands import (BRIDGE_ETH0ETH1, ETH1_BLOCK, ETH1_BLOCKED, ETH1_LIFT, ISOLATION_COMPLETE, VETH0_BLOCK,
+                               VETH0_BLOCKED, VETH0_LIFT)
 from tesselkit import namespaces
 from tesselkit.namespaces import real_tool
 
@@ -39,8 +42,16 @@ phy frame
 veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
 """
 
+ONE_PORT_STATIC = """bridge eth1
+phy frame
+veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
+veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
+"""
+
 ISO_TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d$")
 HEALTHY_WORK = {"failing": False, "failures": 0, "last_failure": None, "recovered_at": None}
+NOT_REQUIRED = {"required": False, "in_force": False, "verified_at": None, "problem": None}
+LISTING_REFUSED = "the link-layer rules cannot be listed (exit status 1)"
 
 
 class StatusTest(harness.DaemonTestCase):
@@ -117,6 +128,7 @@ class StatusTest(harness.DaemonTestCase):
             "path": self.sandbox.config_path, "read": False, "usable": False, "problems": [],
             "bridge_mode": None, "phy_mode": None})
         self.assertIsNone(document["bridge_mode"])
+        self.assertEqual(document["isolation"], NOT_REQUIRED)
         self.assertEqual(self.interface(document, "veth1")["address"], None)
         table = self.ctl_status(daemon, 1)
         self.assertIn("veth1 has no address in force", table)
@@ -128,6 +140,10 @@ class StatusTest(harness.DaemonTestCase):
             "bridge_mode": "eth0eth1", "phy_mode": "frame"})
         self.assertEqual((document["bridge_mode"], document["phy_mode"]), ("eth0eth1", "frame"))
         self.assertEqual(document["eth0"], {"used": True, "link": "up", "recoveries": 0, "last_recovery": None})
+        isolation = document["isolation"]
+        self.recent(isolation, "verified_at")
+        self.assertEqual(isolation, {"required": True, "in_force": True, "verified_at": isolation["verified_at"],
+                                     "problem": None})
         self.assertEqual(document["interfaces"], [
             {"name": "veth1", "addressing": "static",
              "requested": {"address": "10.0.0.2", "mask": "255.255.255.0", "gateway": "10.0.0.1"},
@@ -141,7 +157,7 @@ class StatusTest(harness.DaemonTestCase):
              "work": HEALTHY_WORK},
         ])
         self.assertEqual(document["work"], {name: HEALTHY_WORK for name in
-                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3")})
+                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation")})
         table = self.ctl_status(daemon, 0)
         self.assertRegex(table, r"State: +healthy\n")
         self.assertRegex(table, r"\nveth1 +static 10\.0\.0\.2/255\.255\.255\.0 +10\.0\.0\.2 +255\.255\.255\.0 +"
@@ -257,6 +273,10 @@ class StatusTest(harness.DaemonTestCase):
                          {"command": "ip link add name br0 type bridge", "outcome": "exit status 1"})
         failed_at = self.recent(bridge["last_failure"], "at")
         self.assertIsNone(document["bridge_mode"])
+        # Asked for and not built: required, and not in force.
+        self.assertEqual(document["isolation"], {"required": True, "in_force": False, "verified_at": None,
+                                                 "problem": "the bridge build stopped at: "
+                                                            "ip link add name br0 type bridge"})
         table = self.ctl_status(daemon, 1)
         self.assertIn("bridge build failing (ip link add name br0 type bridge: exit status 1)", table)
         self.assertRegex(table, r"\nbridge +failing +1 +" + re.escape(failed_at))
@@ -278,6 +298,62 @@ class StatusTest(harness.DaemonTestCase):
         table = self.ctl_status(daemon, 0)
         self.assertRegex(table, r"\nbridge +recovered +0 +" + re.escape(bridge["last_failure"]["at"]) +
                          " ip link add name br0 type bridge: exit status 1 +" + re.escape(bridge["recovered_at"]))
+
+    def test_an_isolation_that_cannot_be_looked_at_fails_the_build_and_keeps_eth1_down(self):
+        daemon = self.start()
+        # One port first, so the PHY mode is in force and the two-port pass below
+        # bounces nothing of eth1 itself.
+        daemon.run_cycle(ONE_PORT_STATIC)
+        self.assertEqual(self.document()["isolation"], NOT_REQUIRED)
+        # The look's listing of the link-layer rules is refused; everything else works.
+        self.sandbox.set_only("ebtables", "-L")
+        self.sandbox.set_status("ebtables", 1)
+        self.sandbox.clear_commands()
+        logged = len(daemon.entries())
+        daemon.run_cycle(TWO_PORT_STATIC)
+        commands = self.sandbox.commands()
+        built = ETH1_BLOCK + VETH0_BLOCK + BRIDGE_ETH0ETH1 + ISOLATION_COMPLETE
+        self.assertEqual(commands[:len(built)], built)
+        self.assertEqual(commands[len(built)], "ip link set eth1 down")
+        # Never lifted, never raised again in that pass.
+        after = commands[len(built):]
+        self.assertEqual([c for c in after if c.startswith("ebtables -t nat") or ("eth1" in c and c.endswith(" up"))],
+                         [])
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED + VETH0_BLOCKED)
+        entries = [(e.level, e.function, e.message) for e in daemon.entries()[logged:]]
+        self.assertIn(("ERROR", "CompleteIsolation", "Isolation not in force after setting it up: " + LISTING_REFUSED),
+                      entries)
+        self.assertIn(("WARN", "RunSupervisionCycle", "Keeping eth1 down until the isolation rules are in place"),
+                      entries)
+        self.assertNotIn("Isolation in force", " ".join(message for _, _, message in entries))
+
+        document = self.document()
+        self.assertEqual(document["isolation"], {"required": True, "in_force": False, "verified_at": None,
+                                                 "problem": LISTING_REFUSED})
+        self.assertEqual((document["work"]["bridge"]["failing"], document["work"]["bridge"]["last_failure"]["command"]),
+                         (True, "ebtables -L"))
+        self.assertIsNone(document["bridge_mode"])
+        self.ctl_status(daemon, 1)
+
+        # Once the listing works the retried build puts the isolation in force and lifts the block.
+        self.sandbox.set_only("ebtables", None)
+        self.sandbox.set_status("ebtables", 0)
+
+        def in_force():
+            daemon.run_cycle(TWO_PORT_STATIC)
+            return self.document()["isolation"]["in_force"]
+
+        harness.wait_until(in_force, "the isolation in force again", timeout=30)
+        isolation = self.document()["isolation"]
+        self.recent(isolation, "verified_at")
+        self.assertIsNone(isolation["problem"])
+        commands = self.sandbox.commands()
+        looked = len(commands) - 1 - commands[::-1].index(ISOLATION_COMPLETE[-1])
+        lifts = VETH0_LIFT + ETH1_LIFT
+        self.assertEqual(commands[looked + 1:looked + 1 + len(lifts)], lifts)
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
+        self.assertEqual(self.document()["bridge_mode"], "eth0eth1")
+        self.ctl_status(daemon, 0)
 
     def test_the_daemon_stopped(self):
         daemon = self.start()

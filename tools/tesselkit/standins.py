@@ -27,11 +27,14 @@ printf '%s\\n' "@STAMP@${0##*/}${*:+ $*}" >>'@LOG@'
 #   linger/TOOL      the call stays in the background under its bare name ("udhcpc -i veth1 ...",
 #                    as a daemonising client does) until SIGTERM, recorded in signals.log
 #   only/TOOL        a text: the delays and the status apply only to calls whose arguments hold it
+#   rules/TOOL.TABLE the rules of arptables', iptables' and ebtables' tables, one "-A CHAIN ..." line
+#                    each, as those three stand-ins keep them (see FILTER_TABLES)
 CONTROLLED = r"""#!/bin/sh
 # Stand-in for one of the device's tools: records the call, then does what its
 # control files in the work directory say.
 work='@WORK@'
 tool=${0##*/}
+@FILTER_TABLES@
 printf '%s\n' "$tool${*:+ $*}" >> "$work/commands.log"
 [ -f "$work/stamp/$tool" ] && printf '%s %s\n' "$(date +%s.%N)" "$tool${*:+ $*}" >> "$work/times.log"
 [ -f "$work/output/$tool" ] && cat "$work/output/$tool"
@@ -50,9 +53,54 @@ fi
 if [ -f "$work/linger/$tool" ]; then
     STANDIN_TOOL=$tool bash -c 'exec -a "$0" bash "$@"' "$tool" "$work/linger.sh" "$@" < /dev/null > /dev/null 2>&1 &
 fi
-[ $applies = yes ] && [ -f "$work/status/$tool" ] && exit "$(cat "$work/status/$tool")"
-exit 0
+status=0
+[ $applies = yes ] && [ -f "$work/status/$tool" ] && read -r status < "$work/status/$tool"
+# A call its status refuses leaves the tables alone, as the refused tool would.
+case $status/$tool in
+0/arptables | 0/iptables | 0/ebtables) filter_table "$@" || exit 1 ;;
+esac
+exit "$status"
 """
+
+# The tables of arptables, iptables and ebtables, as the device's tools keep them
+# as far as the daemon uses them: one file a table, WORK/rules/TOOL.TABLE, one
+# "-A CHAIN ..." line a rule. "-t TABLE" is optional (filter); -F empties the
+# table, -A appends, -D removes the first identical rule and fails without one,
+# -L and -S print the rules (further words such as -n change nothing). Builtins
+# only but for the one mv of a delete: a two-port build calls these ~120 times.
+FILTER_TABLES = r"""filter_table() {
+    table=filter
+    if [ "${1:-}" = -t ]; then
+        table=$2
+        shift 2
+    fi
+    verb=${1:-}
+    [ $# -gt 0 ] && shift
+    rules="$work/rules/$tool.$table"
+    case $verb in
+    -F) : > "$rules" ;;
+    -A) printf '%s\n' "-A $*" >> "$rules" ;;
+    -D)
+        [ -f "$rules" ] || return 1
+        rule="-A $*"
+        found=no
+        while IFS= read -r line; do
+            if [ $found = no ] && [ "$line" = "$rule" ]; then
+                found=yes
+            else
+                printf '%s\n' "$line"
+            fi
+        done < "$rules" > "$rules.$$"
+        if [ $found = yes ]; then
+            mv -f "$rules.$$" "$rules"
+        else
+            rm -f "$rules.$$"
+            return 1
+        fi ;;
+    -L | -S) [ -f "$rules" ] && while IFS= read -r line; do printf '%s\n' "$line"; done < "$rules" ;;
+    esac
+    return 0
+}"""
 
 # What a lingering CONTROLLED stand-in runs, as argv "TOOL WORK/linger.sh ARGS...".
 LINGER = r"""# Waits for SIGTERM and records it.
@@ -108,10 +156,32 @@ def install_noops(directory, tools):
 
 
 def install_controlled(work, tools):
-    """The system tests' stand-ins in WORK/bin, steered by files in WORK."""
-    install(os.path.join(work, "bin"), tools, CONTROLLED.replace("@WORK@", work))
+    """The system tests' stand-ins in WORK/bin, steered by files in WORK; the
+    filter tools among them keep their tables in WORK/rules. Without control
+    files they record and keep the tables, nothing more."""
+    os.makedirs(os.path.join(work, "rules"), exist_ok=True)
+    install(os.path.join(work, "bin"), tools, CONTROLLED.replace("@FILTER_TABLES@", FILTER_TABLES)
+            .replace("@WORK@", work))
     with open(os.path.join(work, "linger.sh"), "w") as out:
         out.write(LINGER.replace("@WORK@", work))
+
+
+def _rules_path(work, tool, table):
+    return os.path.join(work, "rules", "%s.%s" % (tool, table))
+
+
+def table_rules(work, tool, table="filter"):
+    """The rules a CONTROLLED filter tool holds in one table, as it lists them."""
+    return _lines(_rules_path(work, tool, table))
+
+
+def set_table_rules(work, tool, rules, table="filter"):
+    """Replaces a CONTROLLED filter tool's table in one step, as another program
+    changing the rules would ([] flushes it)."""
+    path = _rules_path(work, tool, table)
+    with open(path + ".new", "w") as out:
+        out.write("".join(rule + "\n" for rule in rules))
+    os.replace(path + ".new", path)
 
 
 def _lines(log):
