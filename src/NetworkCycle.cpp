@@ -221,6 +221,11 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         } else {
             NoteWorkDone(state.m_phyHealth, "PHY mode");
         }
+        // The bounce raised eth1; where the isolation is not in place, the
+        // daemon keeps it down all the same.
+        const bool eth1HeldDown =
+            bridgeMode == BRIDGE_MODE_ETH0ETH1 && (state.m_bBridgeSetupPending || state.m_isolation.m_bEth1HeldDown);
+        if (eth1HeldDown && !StopRequested()) RunSteps(kIsolationIncompleteSteps, failure);
     }
     state.m_bFirstCycle = false;
 }

@@ -523,6 +523,8 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
                      "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
                      "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
                      "$ ip link set eth1 down",
+                     // The PHY mode's bounce raised it: down again.
+                     "$ ip link set eth1 down",
                      "pass 2",
                      "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
                      "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
