@@ -35,6 +35,7 @@
 
 #include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkIsolation.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
 #include "src/NetworkStatusFile.h"
@@ -237,20 +238,61 @@ int main(int argc, char** argv) {
     }
     if (mode == "bridge") {
         int builds = atoi(argv[2]);
+        // The whole two-port build as a pass runs it: eth1 and veth0 blocked,
+        // br0, the isolation completed and looked at, the blocks lifted. The stand-ins
+        // print nothing, so each listing is given the isolation's rules after
+        // its process ran, and bridge netfilter is taken as on: the look then
+        // finds the isolation whole and the build runs to its end.
+        auto listing = [](const std::string& command) -> std::string {
+            const unsigned int rules = command.rfind("arptables", 0) == 0  ? kArpIsolationRules
+                                       : command.rfind("iptables", 0) == 0 ? kIpIsolationRules
+                                                                           : kLinkLayerIsolationRules;
+            std::string text;
+            for (unsigned int i = 0; i < rules; ++i) text += "-A FORWARD -i veth" + std::to_string(i) + " -j DROP\n";
+            return text;
+        };
+        CommandRunner real = SetCommandRunner([&](const std::string& command, std::string* output) {
+            COMMAND_OUTCOME outcome = RunShellCommand(command, output);
+            if (output != nullptr) *output = listing(command);
+            return outcome;
+        });
+        SetBridgeFilterReader([](const std::string&) { return BRIDGE_FILTER_STATE{true, true, true}; });
+        auto build = [] {
+            WORK_FAILURE failure;
+            ISOLATION_STATE isolation;
+            return BlockEth1(failure) && BlockVeth0(failure) && SetupBridge(BRIDGE_MODE_ETH0ETH1, "", "", &failure) &&
+                   CompleteIsolation(isolation, failure) && LiftVeth0Block(failure) && LiftEth1Block(failure);
+        };
         // The commands a build runs, taken from the build itself, for the floor to run as they are.
         std::vector<std::string> commands;
-        CommandRunner real = SetCommandRunner([&](const std::string& command, std::string* /*output*/) {
+        CommandRunner timed = SetCommandRunner([&](const std::string& command, std::string* output) {
             commands.push_back(command);
+            if (output != nullptr) *output = listing(command);
             return COMMAND_OUTCOME{};
         });
-        SetupBridge(BRIDGE_MODE_ETH0ETH1, "", "");
-        SetCommandRunner(real);
+        if (!build()) fprintf(stderr, "the build did not complete\n");
+        std::vector<std::string> look(commands.end() - 5, commands.end() - 2);
+        SetCommandRunner(timed);
         fprintf(stderr, "bridge_commands %zu 0 1\n", commands.size());
+        Compare("bridge_build", builds, builds, build, [&] {
+            for (const std::string& command : commands) ShellOnce(command);
+        });
+        // The look every 10 s in the two-port mode: three listings read, and
+        // bridge netfilter read from the kernel, against the listings alone.
+        SetBridgeFilterReader(nullptr);
+        ISOLATION_STATE isolation;
+        WORK_FAILURE failure;
+        if (!CompleteIsolation(isolation, failure)) fprintf(stderr, "the isolation was not found whole\n");
         Compare(
-            "bridge_build", builds, builds, [] { SetupBridge(BRIDGE_MODE_ETH0ETH1, "", ""); },
+            "isolation_look", builds * 5, builds,
             [&] {
-                for (const std::string& command : commands) ShellOnce(command);
+                isolation.m_nNextCheckMs = 0;
+                SuperviseIsolation(isolation);
+            },
+            [&] {
+                for (const std::string& command : look) ShellOnce(command);
             });
+        SetCommandRunner(real);
         return 0;
     }
     if (mode == "stopdhcp") {
