@@ -502,53 +502,34 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
     // refused rule, no lift, eth1 taken down. Pass 2: blocked again (one block
     // each), the whole build with every command in its place, the isolation
     // completed, the blocks lifted only then.
-    EXPECT_EQ(builds,
-              (Lines{"pass 1",
-                     "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
-                     "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
-                     "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
-                     "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
-                     "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
-                     "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP",
-                     "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
-                     "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
-                     "INFO SetupBridge: Setting up bridge for control network",
-                     "$ ip link set eth1 down",
-                     "$ ip link set eth1 master br0",
-                     "$ ip link set eth1 up",
-                     "$ ip link set eth1 arp off",
-                     "$ iptables -F",
-                     "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
-                     "physdev --physdev-in eth1 -j DROP",
-                     "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
-                     "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
-                     "$ ip link set eth1 down",
-                     // The PHY mode's bounce raised it: down again.
-                     "$ ip link set eth1 down",
-                     "pass 2",
-                     "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
-                     "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
-                     "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
-                     "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
-                     "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
-                     "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP",
-                     "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
-                     "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
-                     "INFO SetupBridge: Setting up bridge for control network",
-                     "$ ip link set eth1 down",
-                     "$ ip link set eth1 master br0",
-                     "$ ip link set eth1 up",
-                     "$ ip link set eth1 arp off",
-                     "$ iptables -F",
-                     "INFO SetupBridge: Done with bridge setup",
-                     "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge "
-                     "netfilter for br0",
-                     "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
-                     "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
-                     "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
-                     "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
-                     "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts",
-                     "pass 3"}));
+    EXPECT_EQ(
+        builds,
+        (Lines{"pass 1", "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
+               "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP", "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
+               "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP", "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
+               "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP", "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
+               "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
+               "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
+               "$ ip link set eth1 master br0", "$ ip link set eth1 up", "$ ip link set eth1 arp off", "$ iptables -F",
+               "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
+               "physdev --physdev-in eth1 -j DROP",
+               "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
+               "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
+               "$ ip link set eth1 down",
+               // The PHY mode's bounce raised it: down again.
+               "$ ip link set eth1 down", "pass 2", "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP",
+               "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP", "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
+               "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP", "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP",
+               "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP", "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
+               "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
+               "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
+               "$ ip link set eth1 master br0", "$ ip link set eth1 up", "$ ip link set eth1 arp off", "$ iptables -F",
+               "INFO SetupBridge: Done with bridge setup",
+               "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge "
+               "netfilter for br0",
+               "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP", "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
+               "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP", "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
+               "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts", "pass 3"}));
     // The retry is the whole build, exactly as the first would have been.
     const size_t second = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 2") - timeline.begin());
     const size_t third = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 3") - timeline.begin());
