@@ -94,6 +94,9 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
 bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
                  WORK_FAILURE* failure = nullptr);
 
+// The MAC address the two-port build gives veth3 (its command table spells it out).
+constexpr const char* kVeth3Mac = "02:23:02:00:00:00";
+
 // The two-port build's ARP and IP rules alone, anew (each table flushed first),
 // as the build runs them; false at the first that failed.
 bool SetupIsolationRules(WORK_FAILURE& failure);

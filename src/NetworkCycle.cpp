@@ -1,13 +1,18 @@
 // The supervision cycle, one pass at a time, against the state the caller keeps.
 #include "src/NetworkCycle.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #include "logging/Logging.h"
 #include "src/Network.h"
+#include "src/NetworkInputText.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
+#include "src/NetworkShape.h"
 #include "src/NetworkShell.h"
 #include "util/Util.h"
 
@@ -138,15 +143,21 @@ void RunStartupCommands(CYCLE_STATE& state) {
 void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
     if (state.m_bStartupPending && WorkDue(state.m_startupHealth)) RunStartupCommands(state);
 
-    bool bSettingsValid = false;
-    bool bVrx0Valid = false;
-    bool bVrx1Valid = false;
-    // The read and its problems are kept for the status document.
-    state.m_configProblems.clear();
-    const bool bRead = ParseConfigFile(configPath, state.m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid,
-                                       &state.m_configProblems) == 0;
-    state.m_bConfigRead = true;
-    state.m_bConfigUsable = bRead && bSettingsValid;
+    // A file some writer has not closed yet may hold half a line that reads as
+    // a good one: the last read stands until the writer is done.
+    const bool bBeingWritten = state.m_bConfigRead && state.m_nConfigWritingSinceMs != 0 &&
+                               MonotonicMs() - state.m_nConfigWritingSinceMs < kConfigWriteWaitMs;
+    if (!bBeingWritten) {
+        bool bSettingsValid = false;
+        bool bVrx0Valid = false;
+        bool bVrx1Valid = false;
+        // The read and its problems are kept for the status document.
+        state.m_configProblems.clear();
+        const bool bRead = ParseConfigFile(configPath, state.m_settings, bSettingsValid, bVrx0Valid, bVrx1Valid,
+                                           &state.m_configProblems) == 0;
+        state.m_bConfigRead = true;
+        state.m_bConfigUsable = bRead && bSettingsValid;
+    }
     if (!state.m_bConfigUsable) return;
     const USER_SETTINGS& settings = state.m_settings;
     const BRIDGE_MODE bridgeMode = settings.m_eBridgeMode;
@@ -228,4 +239,123 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         if (eth1HeldDown && !StopRequested()) RunSteps(kIsolationIncompleteSteps, failure);
     }
     state.m_bFirstCycle = false;
+}
+
+namespace {
+
+// The MAC address the bridge build gave veth1, in the kernel's lower case;
+// empty when the kernel command line gives none it could use.
+std::string Veth1Mac() {
+    std::string mac = KernelCommandLineMac(KernelCommandLinePath());
+    if (!IsMacAddress(mac)) return std::string();
+    std::transform(mac.begin(), mac.end(), mac.begin(), [](unsigned char c) { return std::tolower(c); });
+    return mac;
+}
+
+// The addressing an interface has in force: its static one, or its DHCP lease;
+// none while it is to be set up again or a lease waits to be put in force.
+void AddWantedAddress(const std::string& name, unsigned int metric, const INTERFACE_STATE& iface,
+                      WANTED_SHAPE& wanted) {
+    if (iface.m_bReconfigure || iface.m_bLeasePending) return;
+    WANTED_ADDRESS address;
+    address.m_nMetric = metric;
+    if (!iface.m_applied.m_bDhcp) {
+        address.m_address = iface.m_applied.m_ipAddress;
+        address.m_nPrefix = PrefixLength(iface.m_applied.m_subnetMask);
+        address.m_gateway = iface.m_applied.m_gateway;
+    } else if (iface.m_dhcp.m_bLeaseValid) {
+        address.m_address = iface.m_dhcp.m_ipAddress;
+        address.m_nPrefix = PrefixLength(iface.m_dhcp.m_subnetMask);
+        address.m_gateway = iface.m_dhcp.m_gateway;
+    } else {
+        return;
+    }
+    wanted.m_addresses.emplace_back(name, address);
+}
+
+// "a, b and c".
+std::string Listed(const std::vector<std::string>& items) {
+    std::string text;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (i != 0) text += i + 1 == items.size() ? " and " : ", ";
+        text += items[i];
+    }
+    return text;
+}
+
+}  // namespace
+
+WANTED_SHAPE WantedShape(const CYCLE_STATE& state) {
+    WANTED_SHAPE wanted;
+    // Nothing is expected before a build, nor while one is pending (it is
+    // redone anyway) or the configuration is unusable (nothing is serviced).
+    if (!state.m_bConfigUsable || state.m_bBridgeSetupPending || state.m_bFirstCycle) return wanted;
+    const BRIDGE_MODE mode = state.m_eLastBridgeMode;
+    const bool twoPorts = mode == BRIDGE_MODE_ETH0ETH1;
+    // eth0's link is the recovery's concern: only its place in br0 is looked at.
+    if (BridgesEth0(mode)) {
+        wanted.m_ports.emplace_back("eth0");
+        wanted.m_mayBeDown.emplace_back("eth0");
+    }
+    if (BridgesEth1(mode)) {
+        wanted.m_ports.emplace_back("eth1");
+        // The daemon itself keeps eth1 down while the isolation is not in force,
+        // and bounces it for the PHY mode.
+        if (twoPorts && (state.m_isolation.m_bEth1HeldDown || state.m_isolation.m_bRepairPending)) {
+            wanted.m_mayBeDown.emplace_back("eth1");
+        }
+        if (state.m_bPhyModePending) wanted.m_mayBeDown.emplace_back("eth1");
+    }
+    wanted.m_ports.emplace_back("veth0");
+    wanted.m_links.emplace_back("veth1");
+    const std::string veth1Mac = Veth1Mac();
+    if (!veth1Mac.empty()) wanted.m_macs.emplace_back("veth1", veth1Mac);
+    AddWantedAddress("veth1", kVeth1Metric, state.m_veth1, wanted);
+    if (twoPorts) {
+        wanted.m_ports.emplace_back("veth2");
+        wanted.m_links.emplace_back("veth3");
+        wanted.m_macs.emplace_back("veth3", kVeth3Mac);
+        AddWantedAddress("veth3", kVeth3Metric, state.m_veth3, wanted);
+    }
+    return wanted;
+}
+
+bool CheckForOutsideChanges(CYCLE_STATE& state) {
+    const WANTED_SHAPE wanted = WantedShape(state);
+    if (wanted.m_ports.empty()) return false;
+    const std::vector<OUTSIDE_CHANGE> changes = FindOutsideChanges(wanted, LookAtKernel());
+    if (changes.empty()) return false;
+    std::vector<std::string> found[4];
+    for (const OUTSIDE_CHANGE& change : changes) found[change.m_eRepair].push_back(change.m_found);
+
+    if (!found[SHAPE_REPAIR_BRIDGE].empty()) {
+        // The rebuild sets both interfaces up again: what they lost is not named apart.
+        const std::string text = Listed(found[SHAPE_REPAIR_BRIDGE]);
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, text + "; rebuilding the bridge");
+        state.m_bBridgeSetupPending = true;
+        NoteWorkUndone(state.m_bridgeHealth, text);
+        return true;
+    }
+    if (!found[SHAPE_REPAIR_ETH0].empty()) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, Listed(found[SHAPE_REPAIR_ETH0]) + "; putting it back");
+    }
+    struct {
+        SHAPE_REPAIR m_eRepair;
+        const char* m_szName;
+        INTERFACE_STATE& m_iface;
+    } served[] = {{SHAPE_REPAIR_VETH1, "veth1", state.m_veth1}, {SHAPE_REPAIR_VETH3, "veth3", state.m_veth3}};
+    for (auto& [repair, name, iface] : served) {
+        if (found[repair].empty()) continue;
+        const std::string text = Listed(found[repair]);
+        // A lease is put in force again as it stands; a static address set up again.
+        if (iface.m_applied.m_bDhcp) {
+            LOG_ENTRY(LOGGING_SEVERITY_WARN, false, text + "; putting the DHCP lease of " + name + " back");
+            iface.m_bLeasePending = true;
+        } else {
+            LOG_ENTRY(LOGGING_SEVERITY_WARN, false, text + "; setting up " + name + " again");
+            iface.m_bReconfigure = true;
+        }
+        NoteWorkUndone(iface.m_health, text);
+    }
+    return true;
 }

@@ -4,12 +4,14 @@
 
 #include <time.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "src/Network.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
+#include "src/NetworkShape.h"
 
 // The route metrics of the served interfaces: veth1's default route is preferred.
 constexpr unsigned int kVeth1Metric = 10;
@@ -60,7 +62,15 @@ struct CYCLE_STATE {
     // The two-port mode's isolation: whether it was found in force, when, why
     // not, and its repair. Meaningful while br0 is built for that mode.
     ISOLATION_STATE m_isolation;
+    // Monotonic time a writer was first seen writing the configuration file
+    // without having closed it yet; 0: none. The file is not read meanwhile,
+    // for a few seconds at most.
+    int64_t m_nConfigWritingSinceMs = 0;
 };
+
+// How long a configuration file being written is left alone: a writer that
+// keeps it open longer has its text taken as it stands.
+constexpr int64_t kConfigWriteWaitMs = 5000;
 
 // The start-up commands (loopback up, eth1 bounced), run once before the first
 // pass; when one that must succeed fails, they are run again at the start of
@@ -71,3 +81,13 @@ void RunStartupCommands(CYCLE_STATE& state);
 // rebuilds, recovers and re-applies what the state says is due or changed. An
 // unusable file leaves everything else in `state` as it was.
 void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state);
+
+// What the passes so far have put in place and expect to find again; nothing
+// before a usable pass has built br0.
+WANTED_SHAPE WantedShape(const CYCLE_STATE& state);
+
+// Reads the kernel's links, addresses and routes and compares them with
+// WantedShape. What someone else undid gets one WARN per piece of work that
+// puts it back, and that work is made due (NoteWorkUndone). True when anything
+// was found: the next pass is wanted now.
+bool CheckForOutsideChanges(CYCLE_STATE& state);

@@ -32,7 +32,9 @@ MonotonicClock SetMonotonicClock(MonotonicClock clock) {
     return std::exchange(g_clock, clock != nullptr ? clock : SteadyMs);
 }
 
-bool WorkDue(const WORK_HEALTH& health) { return health.m_nFailures == 0 || MonotonicMs() >= health.m_nRetryAtMs; }
+bool WorkDue(const WORK_HEALTH& health) {
+    return (health.m_nFailures == 0 && health.m_nRetryAtMs == 0) || MonotonicMs() >= health.m_nRetryAtMs;
+}
 
 void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure) {
     // Work cut short by a stop is no fault, and there is no later attempt.
@@ -49,10 +51,27 @@ void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAI
 }
 
 void NoteWorkDone(WORK_HEALTH& health, const std::string& work) {
+    if (health.m_bUndonePending) {
+        health.m_bUndonePending = false;
+        health.m_nRepairedAtMs = MonotonicMs();
+        health.m_nRetryAtMs = 0;
+        LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Repaired " + work + " after an outside change");
+    }
     if (health.m_nFailures == 0) return;
     LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false,
               Util::Format("Recovered %s after %u failed attempts", work.c_str(), health.m_nFailures));
     health.m_nFailures = 0;
     health.m_nRetryAtMs = 0;
     health.m_recoveredAt = Util::RealTimeNow();
+}
+
+void NoteWorkUndone(WORK_HEALTH& health, const std::string& found) {
+    const int64_t nowMs = MonotonicMs();
+    const bool again = health.m_nUndone != 0 && nowMs - health.m_nRepairedAtMs < kUndoneAgainMs;
+    health.m_nUndone = again ? health.m_nUndone + 1 : 1;
+    health.m_lastUndone = found;
+    health.m_undoneAt = Util::RealTimeNow();
+    health.m_bUndonePending = true;
+    // Failures still pending keep their own wait.
+    if (health.m_nFailures == 0) health.m_nRetryAtMs = again ? nowMs + RetryDelayMs(health.m_nUndone - 1) : 0;
 }

@@ -18,6 +18,14 @@ struct WORK_HEALTH {
     WORK_FAILURE m_lastFailure;    // the last failure, kept after recovery for the record
     timespec m_failedAt{};         // real time of the last failure; zero: never failed
     timespec m_recoveredAt{};      // real time of the success after it; zero: not yet
+    // What someone else undid of the work once done: how often in a row (each
+    // found within kUndoneAgainMs of the work's last repair), what and when last
+    // (zero: never), and whether its repair is still to succeed.
+    unsigned int m_nUndone = 0;
+    std::string m_lastUndone;
+    timespec m_undoneAt{};
+    bool m_bUndonePending = false;
+    int64_t m_nRepairedAtMs = 0;  // monotonic time of the last repair after an undo
 };
 
 // The longest wait between two attempts of failing work.
@@ -33,5 +41,15 @@ MonotonicClock SetMonotonicClock(MonotonicClock clock);
 bool WorkDue(const WORK_HEALTH& health);
 // Notes a failed attempt of the work named `work` and when to try it again.
 void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure);
-// Notes a successful attempt; after failures, a NOTICE entry says it recovered.
+// Notes a successful attempt; after failures, a NOTICE entry says it recovered,
+// and after an outside change, that it is whole again.
 void NoteWorkDone(WORK_HEALTH& health, const std::string& work);
+// An outside change found this soon after the work was last repaired is the
+// same fight going on.
+constexpr int64_t kUndoneAgainMs = 10000;
+
+// Notes that someone else undid the work (`found`, in the log's words): it is
+// due at once, unless it was undone again within kUndoneAgainMs of its last
+// repair; then it waits 1, 2, 4 ... 60 s, as after failures, so a program that
+// keeps undoing it does not drive the daemon in a loop.
+void NoteWorkUndone(WORK_HEALTH& health, const std::string& found);

@@ -68,14 +68,13 @@ int64_t SteadyNs() {
 
 int64_t SteadyMs() { return SteadyNs() / 1000000; }
 
-namespace {
-
-// When the grace after a stop request ends; INT64_MAX while none was requested.
 int64_t StopGraceEndMs() {
     if (!g_bStopRequested.load() || g_nStopDeferrals > 0) return INT64_MAX;
     if (g_nStopNoticedMs == 0) g_nStopNoticedMs = SteadyMs();
     return g_nStopNoticedMs + kStopGraceMs;
 }
+
+namespace {
 
 void OnChildEnded(int /*sig*/) {}
 

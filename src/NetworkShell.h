@@ -62,6 +62,8 @@ void RequestStop();
 bool StopRequested();
 // Whether the grace after a stop request has run out.
 bool StopGraceOver();
+// When it runs out (steady ms); INT64_MAX while no stop was requested, or one waits.
+int64_t StopGraceEndMs();
 // Forgets a stop request (for tests that request one).
 void ClearStopRequest();
 

@@ -10,6 +10,7 @@
 #include "cli/CliProcessing.h"
 #include "logging/Logging.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkEvents.h"
 #include "src/NetworkNotify.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
@@ -81,6 +82,8 @@ int main(int argc, char** argv) {
     STATUS_WRITER status;
     StartStatus(status, cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"], configPath);
     UpdateStatus(status, state);
+    // Passes come once a second, and sooner when the kernel or the files report a change.
+    EVENT_WATCH watch = OpenEventWatch(configPath);
     bool ready = false;
     do {
         RunSupervisionCycle(configPath, state);
@@ -90,7 +93,7 @@ int main(int argc, char** argv) {
             ready = true;
         }
         NotifyWatchdog();
-        Pause(1000);
+        AwaitNextPass(watch, state, 1000);
     } while (m_bMainRunning);
     NotifyStopping();
 

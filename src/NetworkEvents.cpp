@@ -1,0 +1,246 @@
+// Waiting between passes on the kernel's notifications and the files' changes.
+#include "src/NetworkEvents.h"
+
+#include <errno.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+#include "logging/Logging.h"
+#include "src/NetworkCycle.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
+
+namespace {
+
+// A burst (an editor's writes, a command's several notifications) is taken as
+// one: the wait goes on until the sources have been quiet this long, and never
+// longer than the second bound after the first.
+constexpr int64_t kQuietMs = 10;
+constexpr int64_t kBurstMaxMs = 30;
+
+// The lease files the client's script puts in place (see tessel.script).
+const char* const kLeaseNames[] = {"dhcp_veth1.txt", "dhcp_veth3.txt"};
+
+const uint32_t kConfigMask = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_DELETE;
+const uint32_t kLeaseMask = IN_CLOSE_WRITE | IN_MOVED_TO;
+
+void NoteEth0(const nlmsghdr* header, EVENTS& events) {
+    if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
+    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
+    auto length = static_cast<unsigned int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(ifinfomsg)));
+    for (const rtattr* attribute = IFLA_RTA(info); RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
+        if (attribute->rta_type != IFLA_IFNAME) continue;
+        const auto* name = static_cast<const char*>(RTA_DATA(attribute));
+        if (strncmp(name, "eth0", RTA_PAYLOAD(attribute)) != 0 || RTA_PAYLOAD(attribute) < 5) return;
+        events.m_bEth0Reported = true;
+        const unsigned int running = IFF_UP | IFF_RUNNING;
+        events.m_bEth0Running = header->nlmsg_type == RTM_NEWLINK && (info->ifi_flags & running) == running;
+        return;
+    }
+}
+
+// Reads one source until it is empty (both are non-blocking).
+template <typename Note>
+void Drain(int fd, Note note) {
+    alignas(nlmsghdr) alignas(inotify_event) char buffer[8192];
+    for (;;) {
+        const ssize_t got = read(fd, buffer, sizeof(buffer));
+        if (got > 0) {
+            note(buffer, static_cast<size_t>(got), 0);
+        } else if (got < 0 && errno == ENOBUFS) {
+            // The socket's queue overflowed: notifications were lost.
+            note(nullptr, 0, ENOBUFS);
+        } else if (got < 0 && errno == EINTR) {
+            continue;
+        } else {
+            return;
+        }
+    }
+}
+
+void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
+    if (watch.m_kernel.IsOpen()) {
+        Drain(watch.m_kernel.Get(), [&events](const char* data, size_t length, int error) {
+            if (error != 0) events.m_bKernel = true;
+            if (data != nullptr) NoteKernelMessages(data, length, events);
+        });
+    }
+    if (watch.m_files.IsOpen()) {
+        Drain(watch.m_files.Get(), [&watch, &events](const char* data, size_t length, int /*error*/) {
+            if (data != nullptr) NoteFileEvents(watch, data, length, events);
+        });
+    }
+}
+
+// Waits until a source is readable, `untilMs` (steady) or a stop's grace ends.
+// False when nothing came.
+bool WaitReadable(EVENT_WATCH& watch, int64_t untilMs) {
+    pollfd sources[2] = {{watch.m_kernel.Get(), POLLIN, 0}, {watch.m_files.Get(), POLLIN, 0}};
+    sigset_t none;
+    sigemptyset(&none);
+    for (;;) {
+        const int64_t endMs = std::min(untilMs, StopGraceEndMs());
+        const int64_t leftMs = endMs - SteadyMs();
+        if (leftMs <= 0) return false;
+        timespec timeout{};
+        timeout.tv_sec = static_cast<time_t>(leftMs / 1000);
+        timeout.tv_nsec = static_cast<long>(leftMs % 1000) * 1000000;
+        // The stop signals come in here, and only here or while a command runs.
+        const int ready = ppoll(sources, 2, &timeout, &none);
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR) return false;
+    }
+}
+
+// Waits for what comes until `untilMs`, the burst included; false when nothing came.
+bool WaitForEvents(EVENT_WATCH& watch, int64_t untilMs, EVENTS& events) {
+    events = EVENTS{};
+    if (!WaitReadable(watch, untilMs)) return false;
+    const int64_t firstMs = SteadyMs();
+    do {
+        TakeInto(watch, events);
+    } while (WaitReadable(watch, std::min(SteadyMs() + kQuietMs, firstMs + kBurstMaxMs)));
+    return true;
+}
+
+// Notes a writer that has the configuration file open, or is done with it.
+void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
+    if (events.m_bConfigWriting) {
+        if (state.m_nConfigWritingSinceMs == 0) state.m_nConfigWritingSinceMs = MonotonicMs();
+    } else if (events.m_bConfigWritten) {
+        state.m_nConfigWritingSinceMs = 0;
+    }
+}
+
+}  // namespace
+
+EVENT_WATCH OpenEventWatch(const std::string& configPath) {
+    EVENT_WATCH watch;
+    watch.m_kernel.Reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
+    sockaddr_nl groups{};
+    groups.nl_family = AF_NETLINK;
+    groups.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
+    if (!watch.m_kernel.IsOpen() ||
+        bind(watch.m_kernel.Get(), reinterpret_cast<sockaddr*>(&groups), sizeof(groups)) != 0) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                  std::string("Cannot follow the kernel's network changes (") + strerror(errno) +
+                      "); looking once a second only");
+        watch.m_kernel.Reset();
+    }
+
+    const size_t slash = configPath.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : configPath.substr(0, slash);
+    watch.m_configName = slash == std::string::npos ? configPath : configPath.substr(slash + 1);
+    watch.m_files.Reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (watch.m_files.IsOpen()) {
+        watch.m_nConfigWatch = inotify_add_watch(watch.m_files.Get(), directory.c_str(), kConfigMask | IN_ONLYDIR);
+    }
+    if (watch.m_nConfigWatch < 0) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                  "Cannot follow changes of " + directory + " (" + strerror(errno) + "); reading " + configPath +
+                      " once a second only");
+    }
+    if (watch.m_files.IsOpen()) {
+        // Where the configuration sits in the same directory, one watch serves both, with both masks.
+        const uint32_t mask = directory == kLeaseDirectory ? kConfigMask | kLeaseMask : kLeaseMask;
+        watch.m_nLeaseWatch = inotify_add_watch(watch.m_files.Get(), kLeaseDirectory, mask | IN_ONLYDIR);
+    }
+    if (watch.m_nLeaseWatch < 0) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                  std::string("Cannot follow changes of ") + kLeaseDirectory + " (" + strerror(errno) +
+                      "); looking for leases once a second only");
+    }
+    if (watch.m_nConfigWatch < 0 && watch.m_nLeaseWatch < 0) watch.m_files.Reset();
+    return watch;
+}
+
+void NoteKernelMessages(const char* data, size_t length, EVENTS& events) {
+    auto remaining = static_cast<unsigned int>(length);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(data); NLMSG_OK(header, remaining);
+         header = NLMSG_NEXT(header, remaining)) {
+        switch (header->nlmsg_type) {
+            case RTM_NEWLINK:
+            case RTM_DELLINK:
+                events.m_bKernel = true;
+                NoteEth0(header, events);
+                break;
+            case RTM_NEWADDR:
+            case RTM_DELADDR:
+            case RTM_NEWROUTE:
+            case RTM_DELROUTE:
+                events.m_bKernel = true;
+                break;
+            default:
+                break;
+        }
+    }
+}
+
+void NoteFileEvents(const EVENT_WATCH& watch, const char* data, size_t length, EVENTS& events) {
+    size_t offset = 0;
+    while (offset + sizeof(inotify_event) <= length) {
+        inotify_event record{};
+        memcpy(&record, data + offset, sizeof(record));
+        const size_t size = sizeof(inotify_event) + record.len;
+        if (offset + size > length) break;
+        const char* name = data + offset + sizeof(inotify_event);
+        const std::string entry(name, strnlen(name, record.len));
+        offset += size;
+        // The queue overflowed: anything may have happened to the files.
+        if ((record.mask & IN_Q_OVERFLOW) != 0) {
+            events.m_bConfigWritten = true;
+            events.m_bConfigWriting = false;
+            events.m_bLeaseWritten = true;
+            continue;
+        }
+        if (record.wd == watch.m_nConfigWatch && entry == watch.m_configName) {
+            if ((record.mask & (IN_MODIFY | IN_CREATE)) != 0) {
+                events.m_bConfigWriting = true;
+            } else {
+                events.m_bConfigWritten = true;
+                events.m_bConfigWriting = false;
+            }
+        }
+        if (record.wd == watch.m_nLeaseWatch && (record.mask & kLeaseMask) != 0 &&
+            std::any_of(std::begin(kLeaseNames), std::end(kLeaseNames),
+                        [&entry](const char* lease) { return entry == lease; })) {
+            events.m_bLeaseWritten = true;
+        }
+    }
+}
+
+EVENTS TakeEvents(EVENT_WATCH& watch) {
+    EVENTS events;
+    TakeInto(watch, events);
+    return events;
+}
+
+void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int milliseconds) {
+    if (!watch.m_kernel.IsOpen() && !watch.m_files.IsOpen()) {
+        Pause(milliseconds);
+        return;
+    }
+    const int64_t untilMs = SteadyMs() + milliseconds;
+    EVENTS events = TakeEvents(watch);
+    // The pass's own bounces and builds report eth0 down; its link is queried
+    // by the next pass in any case.
+    events.m_bEth0Reported = false;
+    for (;;) {
+        NoteConfigWriting(events, state);
+        if (events.m_bConfigWritten || events.m_bLeaseWritten) return;
+        if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
+        if (events.m_bKernel && CheckForOutsideChanges(state)) return;
+        if (!WaitForEvents(watch, untilMs, events)) return;
+    }
+}

@@ -1,0 +1,244 @@
+// Reading the kernel's links, addresses and routes back, and telling what of
+// the daemon's work someone else undid.
+#include "src/NetworkShape.h"
+
+#include <arpa/inet.h>
+#include <linux/if_link.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "util/UniqueFd.h"
+
+namespace {
+
+KernelShapeReader& ActiveReader() {
+    static KernelShapeReader reader;
+    return reader;
+}
+
+// A dump's messages are handed to `take` one by one; false when the kernel
+// could not be asked or answered with an error.
+template <typename Take>
+bool Dump(int socketFd, uint16_t type, unsigned char family, uint32_t sequence, Take take) {
+    struct {
+        nlmsghdr m_header;
+        rtgenmsg m_message;
+    } request{};
+    request.m_header.nlmsg_len = NLMSG_LENGTH(sizeof(rtgenmsg));
+    request.m_header.nlmsg_type = type;
+    request.m_header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.m_header.nlmsg_seq = sequence;
+    request.m_message.rtgen_family = family;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    if (sendto(socketFd, &request, request.m_header.nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel),
+               sizeof(kernel)) < 0) {
+        return false;
+    }
+    alignas(nlmsghdr) static char buffer[32768];
+    for (;;) {
+        const ssize_t got = recv(socketFd, buffer, sizeof(buffer), 0);
+        if (got <= 0) return false;
+        auto remaining = static_cast<unsigned int>(got);
+        for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, remaining);
+             header = NLMSG_NEXT(header, remaining)) {
+            if (header->nlmsg_seq != sequence) continue;
+            if (header->nlmsg_type == NLMSG_DONE) return true;
+            if (header->nlmsg_type == NLMSG_ERROR) return false;
+            take(header);
+        }
+    }
+}
+
+// Each attribute of a message's payload, after its fixed part, to `take(type, attribute)`.
+template <typename Take>
+void ForEachAttribute(const nlmsghdr* header, size_t fixedLength, Take take) {
+    const size_t start = NLMSG_LENGTH(fixedLength);
+    if (header->nlmsg_len < start) return;
+    auto length = static_cast<unsigned int>(header->nlmsg_len - start);
+    const auto* attribute = reinterpret_cast<const rtattr*>(reinterpret_cast<const char*>(header) + NLMSG_ALIGN(start));
+    for (; RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) take(attribute->rta_type, attribute);
+}
+
+uint32_t U32(const rtattr* attribute) {
+    uint32_t value = 0;
+    if (RTA_PAYLOAD(attribute) >= sizeof(value)) memcpy(&value, RTA_DATA(attribute), sizeof(value));
+    return value;
+}
+
+in_addr Ipv4(const rtattr* attribute) {
+    in_addr value{};
+    if (RTA_PAYLOAD(attribute) >= sizeof(value)) memcpy(&value, RTA_DATA(attribute), sizeof(value));
+    return value;
+}
+
+void TakeLink(const nlmsghdr* header, KERNEL_SHAPE& shape) {
+    if (header->nlmsg_type != RTM_NEWLINK || header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
+    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
+    KERNEL_LINK link;
+    link.m_nIndex = info->ifi_index;
+    link.m_bUp = (info->ifi_flags & IFF_UP) != 0;
+    ForEachAttribute(header, sizeof(ifinfomsg), [&link](unsigned short type, const rtattr* attribute) {
+        if (type == IFLA_IFNAME) {
+            const auto* text = static_cast<const char*>(RTA_DATA(attribute));
+            link.m_name.assign(text, strnlen(text, RTA_PAYLOAD(attribute)));
+        } else if (type == IFLA_MASTER) {
+            link.m_nMaster = static_cast<int>(U32(attribute));
+        } else if (type == IFLA_ADDRESS && RTA_PAYLOAD(attribute) == 6) {
+            const auto* mac = static_cast<const unsigned char*>(RTA_DATA(attribute));
+            char text[18];
+            snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
+                     mac[5]);
+            link.m_mac = text;
+        }
+    });
+    shape.m_links.push_back(std::move(link));
+}
+
+void TakeAddress(const nlmsghdr* header, KERNEL_SHAPE& shape) {
+    if (header->nlmsg_type != RTM_NEWADDR || header->nlmsg_len < NLMSG_LENGTH(sizeof(ifaddrmsg))) return;
+    const auto* info = static_cast<const ifaddrmsg*>(NLMSG_DATA(header));
+    if (info->ifa_family != AF_INET) return;
+    KERNEL_ADDRESS address;
+    address.m_nIndex = static_cast<int>(info->ifa_index);
+    address.m_nPrefix = info->ifa_prefixlen;
+    ForEachAttribute(header, sizeof(ifaddrmsg), [&address](unsigned short type, const rtattr* attribute) {
+        if (type == IFA_LOCAL) address.m_address = Ipv4(attribute);
+    });
+    shape.m_addresses.push_back(address);
+}
+
+void TakeRoute(const nlmsghdr* header, KERNEL_SHAPE& shape) {
+    if (header->nlmsg_type != RTM_NEWROUTE || header->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return;
+    const auto* info = static_cast<const rtmsg*>(NLMSG_DATA(header));
+    if (info->rtm_family != AF_INET || info->rtm_dst_len != 0) return;
+    uint32_t table = info->rtm_table;
+    KERNEL_ROUTE route;
+    ForEachAttribute(header, sizeof(rtmsg), [&route, &table](unsigned short type, const rtattr* attribute) {
+        if (type == RTA_OIF) route.m_nIndex = static_cast<int>(U32(attribute));
+        if (type == RTA_GATEWAY) route.m_gateway = Ipv4(attribute);
+        if (type == RTA_PRIORITY) route.m_nMetric = U32(attribute);
+        if (type == RTA_TABLE) table = U32(attribute);
+    });
+    if (table == RT_TABLE_MAIN) shape.m_routes.push_back(route);
+}
+
+bool HasAddress(const KERNEL_SHAPE& kernel, int index, const WANTED_ADDRESS& wanted) {
+    return std::any_of(kernel.m_addresses.begin(), kernel.m_addresses.end(), [&](const KERNEL_ADDRESS& a) {
+        return a.m_nIndex == index && a.m_address.s_addr == wanted.m_address.s_addr && a.m_nPrefix == wanted.m_nPrefix;
+    });
+}
+
+bool HasRoute(const KERNEL_SHAPE& kernel, int index, const WANTED_ADDRESS& wanted) {
+    return std::any_of(kernel.m_routes.begin(), kernel.m_routes.end(), [&](const KERNEL_ROUTE& r) {
+        return r.m_nIndex == index && r.m_gateway.s_addr == wanted.m_gateway.s_addr && r.m_nMetric == wanted.m_nMetric;
+    });
+}
+
+std::string Dotted(in_addr address) {
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &address, text, sizeof(text));
+    return text;
+}
+
+bool Contains(const std::vector<std::string>& names, const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+}  // namespace
+
+const KERNEL_LINK* KERNEL_SHAPE::Link(const std::string& name) const {
+    for (const KERNEL_LINK& link : m_links) {
+        if (link.m_name == name) return &link;
+    }
+    return nullptr;
+}
+
+KERNEL_SHAPE ReadKernelShape() {
+    KERNEL_SHAPE shape;
+    Util::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    if (!socketFd.IsOpen()) return shape;
+    // The kernel answers a dump at once; the limit only keeps a broken one from holding the daemon.
+    timeval limit{};
+    limit.tv_sec = 1;
+    setsockopt(socketFd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    shape.m_bRead =
+        Dump(socketFd.Get(), RTM_GETLINK, AF_UNSPEC, 1,
+             [&shape](const nlmsghdr* header) { TakeLink(header, shape); }) &&
+        Dump(socketFd.Get(), RTM_GETADDR, AF_INET, 2,
+             [&shape](const nlmsghdr* header) { TakeAddress(header, shape); }) &&
+        Dump(socketFd.Get(), RTM_GETROUTE, AF_INET, 3, [&shape](const nlmsghdr* header) { TakeRoute(header, shape); });
+    return shape;
+}
+
+KernelShapeReader SetKernelShapeReader(KernelShapeReader reader) {
+    return std::exchange(ActiveReader(), std::move(reader));
+}
+
+KERNEL_SHAPE LookAtKernel() {
+    const KernelShapeReader& reader = ActiveReader();
+    return reader ? reader() : ReadKernelShape();
+}
+
+unsigned int PrefixLength(in_addr mask) { return static_cast<unsigned int>(__builtin_popcount(mask.s_addr)); }
+
+std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const KERNEL_SHAPE& kernel) {
+    std::vector<OUTSIDE_CHANGE> changes;
+    if (!kernel.m_bRead) return changes;
+    auto bridge = [&changes](const std::string& found) { changes.push_back({SHAPE_REPAIR_BRIDGE, found}); };
+    if (!wanted.m_ports.empty()) {
+        const KERNEL_LINK* br0 = kernel.Link("br0");
+        if (br0 == nullptr) {
+            bridge("br0 was removed");
+        } else if (!br0->m_bUp) {
+            bridge("br0 was set down");
+        }
+        for (const std::string& name : wanted.m_ports) {
+            const KERNEL_LINK* port = kernel.Link(name);
+            if (port == nullptr) {
+                bridge(name + " was removed");
+            } else if (br0 != nullptr && port->m_nMaster != br0->m_nIndex) {
+                changes.push_back(
+                    {name == "eth0" ? SHAPE_REPAIR_ETH0 : SHAPE_REPAIR_BRIDGE, name + " was taken out of br0"});
+            } else if (!port->m_bUp && !Contains(wanted.m_mayBeDown, name)) {
+                bridge(name + " was set down");
+            }
+        }
+    }
+    for (const std::string& name : wanted.m_links) {
+        const KERNEL_LINK* link = kernel.Link(name);
+        if (link == nullptr) {
+            bridge(name + " was removed");
+        } else if (!link->m_bUp) {
+            bridge(name + " was set down");
+        }
+    }
+    for (const auto& [name, mac] : wanted.m_macs) {
+        const KERNEL_LINK* link = kernel.Link(name);
+        if (link != nullptr && link->m_mac != mac) bridge(name + "'s MAC address was changed to " + link->m_mac);
+    }
+    for (const auto& [name, address] : wanted.m_addresses) {
+        const KERNEL_LINK* link = kernel.Link(name);
+        // A removed interface comes back with the bridge, and is then set up again.
+        if (link == nullptr) continue;
+        const SHAPE_REPAIR repair = name == "veth3" ? SHAPE_REPAIR_VETH3 : SHAPE_REPAIR_VETH1;
+        const std::string text = Dotted(address.m_address) + "/" + std::to_string(address.m_nPrefix);
+        if (!HasAddress(kernel, link->m_nIndex, address)) {
+            changes.push_back({repair, name + "'s address " + text + " was removed"});
+        } else if (address.m_gateway.s_addr != 0 && !HasRoute(kernel, link->m_nIndex, address)) {
+            changes.push_back({repair, name + "'s default route via " + Dotted(address.m_gateway) + " was removed"});
+        }
+    }
+    return changes;
+}
