@@ -30,6 +30,7 @@
 #include "tests/support/FakeClient.h"
 #include "tests/support/FakeFilterTables.h"
 #include "tests/support/KernelCommandLine.h"
+#include "tests/support/KernelShapes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
 
@@ -353,7 +354,7 @@ using Faults = std::function<std::optional<COMMAND_OUTCOME>(int pass, const std:
 // `count` passes over the file `config`, one second apart; returns each pass's
 // timeline under "pass N", leaving out passes that did nothing.
 Lines RunTimedPasses(Eth0 link, const std::string& config, int count, const Faults& faults,
-                     const std::function<void(int pass)>& beforePass = nullptr) {
+                     const std::function<void(int pass, CYCLE_STATE& state)>& beforePass = nullptr) {
     return InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWPID, [&] {
         if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
         if (!MakeEth0(link)) return Lines{"cannot make eth0"};
@@ -373,7 +374,7 @@ Lines RunTimedPasses(Eth0 link, const std::string& config, int count, const Faul
         Lines lines;
         size_t seen = 0;
         for (pass = 1; pass <= count; ++pass) {
-            if (beforePass) beforePass(pass);
+            if (beforePass) beforePass(pass, state);
             RunSupervisionCycle(kConfigPath, state);
             Lines timeline = log.Timeline();
             if (timeline.size() > seen) {
@@ -471,7 +472,7 @@ TEST(NetworkCycleFaultTest, WaitsGrowToAMinuteAndAChangedModeIsBuiltAtOnce) {
         [&](int /*pass*/, const std::string& command) {
             return command == create ? std::optional<COMMAND_OUTCOME>(ExitStatus(1)) : std::nullopt;
         },
-        [](int pass) {
+        [](int pass, CYCLE_STATE& /*state*/) {
             if (pass == 190) WriteFile(kConfigPath, kBothStatic);
         });
     // Seconds 0, 1, 3, 7, 15, 31, 63, then a minute apart; the new mode at once.
@@ -569,7 +570,7 @@ TEST(NetworkCycleTest, LeavingTheTwoPortModeRemovesTheLinkLayerRulesAndLooksNoMo
     TESSEL_NEED_NAMESPACES();
     Lines timeline = RunTimedPasses(
         Eth0::kMissing, kBothStatic, 13, [](int, const std::string&) { return std::nullopt; },
-        [](int pass) {
+        [](int pass, CYCLE_STATE& /*state*/) {
             if (pass == 2) WriteFile(kConfigPath, kEth1Static);
         });
     EXPECT_EQ(Only(timeline, {"pass", "$ ebtables", "INFO CompleteIsolation", "$ arptables -L", "WARN Supervise"}),
@@ -601,7 +602,7 @@ TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterP
         [&](int pass, const std::string& command) {
             return pass == 2 && command == add ? std::optional<COMMAND_OUTCOME>(ExitStatus(2)) : std::nullopt;
         },
-        [](int pass) {
+        [](int pass, CYCLE_STATE& /*state*/) {
             if (pass == 2) WriteFile(kVeth1Lease, kLease);
         });
     const Lines apply = {
@@ -640,7 +641,7 @@ TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
             }
             return std::nullopt;
         },
-        [&](int pass) {
+        [&](int pass, CYCLE_STATE& /*state*/) {
             // Killed at second 6, after the first check at second 5 found it;
             // a zombie until reaped, and no client either way.
             if (pass == 7 && !clients.empty()) clients.front()->KillToZombie();
@@ -655,6 +656,121 @@ TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
               {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12"},
               kClientStart});
     EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
+TEST(NetworkCycleTest, WhatIsUndoneFromOutsideIsPutBackAndAFightWaits) {
+    TESSEL_NEED_NAMESPACES();
+    KernelShapeScript kernel;
+    const KERNEL_SHAPE whole = WholeTwoPortShape();
+    // What the kernel shows between two passes, as the wait's look finds it.
+    auto outside = [&](const KERNEL_SHAPE& shape, CYCLE_STATE& state) {
+        kernel.m_shape = shape;
+        CheckForOutsideChanges(state);
+        kernel.m_shape = whole;
+    };
+    KERNEL_SHAPE flushedVeth3 = whole;
+    flushedVeth3.m_addresses.pop_back();
+    Lines timeline = RunTimedPasses(
+        Eth0::kUp, kBothStatic, 7, [](int, const std::string&) { return std::nullopt; },
+        [&](int pass, CYCLE_STATE& state) {
+            // br0 removed at seconds 1 and 2, veth3's address at second 5;
+            // the look at second 4 finds everything whole.
+            if (pass == 2 || pass == 3) outside(WithoutLink(whole, "br0"), state);
+            if (pass == 5) outside(whole, state);
+            if (pass == 6) outside(flushedVeth3, state);
+        });
+    const Lines rebuilt = Join({BuildBoth(),
+                                {"NOTICE NoteWorkDone: Repaired bridge setup after an outside change"},
+                                kReattach,
+                                kVeth1Static,
+                                kVeth3Static});
+    const Lines expected =
+        Join({{"pass 1"},
+              BuildBoth(),
+              kReattach,
+              RegisterWrites(),
+              kVeth1Static,
+              kVeth3Static,
+              kPhyWrite,
+              // Each pass's lines begin with what the look before it found.
+              {"pass 2", "WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"},
+              rebuilt,
+              // Undone again a second after its repair: a fight, which waits a second.
+              {"pass 3", "WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"},
+              kReattach,
+              {"pass 4"},
+              rebuilt,
+              {"pass 5"},
+              kReattach,
+              {"pass 6",
+               "WARN CheckForOutsideChanges: veth3's address 192.168.100.1/24 was removed; setting up veth3 again"},
+              kReattach,
+              kVeth3Static,
+              {"NOTICE NoteWorkDone: Repaired addressing of veth3 after an outside change", "pass 7"},
+              kReattach});
+    EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
+TEST(NetworkCycleTest, AConfigurationBeingWrittenIsNotReadUntilItsWriterIsDone) {
+    TESSEL_NEED_NAMESPACES();
+    const std::string whole =
+        std::string(kBothStatic).replace(std::string(kBothStatic).find("192.168.100.1"), 13, "192.168.100.25");
+    // Cut where the last line still reads as a good one, with another address.
+    const std::string half = whole.substr(0, whole.find("192.168.100.25") + 13);
+    Lines timeline = RunTimedPasses(
+        Eth0::kUp, kBothStatic, 5, [](int, const std::string&) { return std::nullopt; },
+        [&](int pass, CYCLE_STATE& state) {
+            // The wait saw the writer begin at second 1 and close at second 3.
+            if (pass == 2) {
+                WriteFile(kConfigPath, half);
+                state.m_nConfigWritingSinceMs = MonotonicMs();
+            }
+            if (pass == 4) {
+                WriteFile(kConfigPath, whole);
+                state.m_nConfigWritingSinceMs = 0;
+            }
+        });
+    const Lines expected = Join({{"pass 1"},
+                                 BuildBoth(),
+                                 kReattach,
+                                 RegisterWrites(),
+                                 kVeth1Static,
+                                 kVeth3Static,
+                                 kPhyWrite,
+                                 {"pass 2"},
+                                 kReattach,
+                                 {"pass 3"},
+                                 kReattach,
+                                 {"pass 4"},
+                                 kReattach,
+                                 {
+                                     "$ ip route flush dev veth3",
+                                     "$ ip addr flush dev veth3",
+                                     "INFO SetupInterface: Configuring interface veth3 for static IP",
+                                     "INFO SetAddrAndRouting: Configuring veth3 for 192.168.100.25/255.255.255.0",
+                                     "$ ip addr add 192.168.100.25/255.255.255.0 dev veth3",
+                                     "INFO SetAddrAndRouting: Not adding default gateway for veth3",
+                                 },
+                                 {"pass 5"},
+                                 kReattach});
+    EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
+TEST(NetworkCycleTest, AWriterThatKeepsTheFileOpenHasItReadAfterFiveSeconds) {
+    TESSEL_NEED_NAMESPACES();
+    const std::string changed =
+        std::string(kBothStatic).replace(std::string(kBothStatic).find("192.168.100.1"), 13, "192.168.100.7");
+    Lines timeline = RunTimedPasses(
+        Eth0::kUp, kBothStatic, 8, [](int, const std::string&) { return std::nullopt; },
+        [&](int pass, CYCLE_STATE& state) {
+            if (pass == 2) {
+                WriteFile(kConfigPath, changed);
+                state.m_nConfigWritingSinceMs = MonotonicMs();
+            }
+        });
+    // Seconds 1 to 5 keep the last read; the pass at second 6 takes the file as it stands.
+    EXPECT_EQ(PassesWith(timeline, "$ ip addr add 192.168.100.7/255.255.255.0 dev veth3"), std::vector<int>{7})
+        << Text(timeline);
 }
 
 }  // namespace

@@ -153,4 +153,62 @@ TEST(MonotonicMsTest, ReadsTheRunnersSteadyClockUnlessATestSetsItsOwn) {
     SetMonotonicClock(previous);
 }
 
+TEST(NoteWorkUndoneTest, OnceIsDueAtOnceAndAFightWaitsLikeFailures) {
+    TestClock clock(100000);
+    FixedClock wall(kInstant, 0);
+    LogCapture log;
+    WORK_HEALTH health;
+    // Each undo comes a moment after the repair before it, until the last,
+    // which comes 10 s after its repair: a new undo, not the same fight.
+    const std::vector<std::pair<int64_t, int64_t>> expectedWaits = {
+        {1, 0}, {2, 1000}, {3, 2000}, {4, 4000}, {5, 8000}, {6, 16000}, {7, 32000}, {8, 60000}, {9, 60000}};
+    for (const auto& [count, waitMs] : expectedWaits) {
+        SCOPED_TRACE(count);
+        NoteWorkUndone(health, "br0 was removed");
+        EXPECT_EQ(health.m_nUndone, static_cast<unsigned int>(count));
+        EXPECT_TRUE(health.m_bUndonePending);
+        EXPECT_EQ(health.m_lastUndone, "br0 was removed");
+        EXPECT_EQ(health.m_undoneAt, (timespec{kInstant, 0}));
+        if (waitMs != 0) {
+            g_nNowMs += waitMs - 1;
+            EXPECT_FALSE(WorkDue(health));
+            g_nNowMs += 1;
+        }
+        EXPECT_TRUE(WorkDue(health));
+        NoteWorkDone(health, "bridge setup");
+        EXPECT_FALSE(health.m_bUndonePending);
+        EXPECT_TRUE(WorkDue(health));
+        g_nNowMs += 500;
+    }
+    g_nNowMs += kUndoneAgainMs;
+    NoteWorkUndone(health, "eth1 was taken out of br0");
+    EXPECT_EQ(health.m_nUndone, 1U);
+    EXPECT_TRUE(WorkDue(health));
+    // Each repair says so; the failures' record is untouched.
+    const Lines messages = log.Messages();
+    EXPECT_EQ(messages.size(), expectedWaits.size());
+    for (const std::string& message : messages) {
+        EXPECT_EQ(message, "NOTICE NoteWorkDone: Repaired bridge setup after an outside change");
+    }
+    EXPECT_EQ(health.m_nFailures, 0U);
+    EXPECT_EQ(health.m_failedAt, timespec{});
+}
+
+TEST(NoteWorkUndoneTest, FailuresOfTheRepairKeepTheirOwnWaits) {
+    TestClock clock(100000);
+    LogCapture log;
+    WORK_HEALTH health;
+    NoteWorkUndone(health, "br0 was removed");
+    EXPECT_TRUE(WorkDue(health));
+    NoteWorkFailed(health, "bridge setup", Failure("ip link add name br0 type bridge", 2));
+    EXPECT_FALSE(WorkDue(health));
+    g_nNowMs += 1000;
+    EXPECT_TRUE(WorkDue(health));
+    NoteWorkDone(health, "bridge setup");
+    EXPECT_EQ(log.Messages(), (Lines{"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",
+                                     "NOTICE NoteWorkDone: Repaired bridge setup after an outside change",
+                                     "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts"}));
+    EXPECT_TRUE(WorkDue(health));
+}
+
 }  // namespace
