@@ -201,6 +201,11 @@ std::vector<std::string> Degradations(const json& document) {
         if (Flag(At(health, "failing"))) {
             reasons.push_back(WorkTitle(name) + " failing (" + FailureText(At(health, "last_failure")) + ")");
         }
+        const json& undone = At(health, "last_outside_change");
+        if (undone.is_object() && !Flag(At(undone, "repaired"))) {
+            reasons.push_back(WorkTitle(name) + " undone from outside, not yet repaired (" + Text(At(undone, "found")) +
+                              ")");
+        }
     }
     const json& interfaces = At(document, "interfaces");
     if (interfaces.is_array()) {
@@ -323,5 +328,23 @@ std::string StatusTable(const json& document, bool running, const std::vector<st
         work.Row(cells, shown);
     }
     text += work.Text();
+
+    // Only what someone else undid: a device left alone shows no such table.
+    Table undone;
+    undone.Row({"UNDONE", "IN A ROW", "LAST", "AT", "REPAIRED"});
+    bool bAnyUndone = false;
+    for (const char* name : kWorkNames) {
+        const json& health = At(At(document, "work"), name);
+        const json& last = At(health, "last_outside_change");
+        if (!last.is_object()) continue;
+        bAnyUndone = true;
+        const bool bRepaired = Flag(At(last, "repaired"));
+        std::vector<std::string> cells = {name, Text(At(health, "outside_changes")), Text(At(last, "found")),
+                                          Text(At(last, "at")), bRepaired ? "yes" : "not yet"};
+        std::vector<std::string> shown = cells;
+        shown[4] = bRepaired ? c.Good(cells[4]) : c.Bad(cells[4]);
+        undone.Row(cells, shown);
+    }
+    if (bAnyUndone) text += "\n" + undone.Text();
     return text;
 }

@@ -106,6 +106,16 @@ void WriteWork(JsonWriter& json, const char* name, const STATUS_WORK& work) {
         json.Close('}');
     }
     json.Time("recovered_at", work.m_recoveredAt);
+    json.Number("outside_changes", work.m_nUndone);
+    if (work.m_undoneAt == timespec{}) {
+        json.Null("last_outside_change");
+    } else {
+        json.Open("last_outside_change", '{');
+        json.String("found", work.m_undone);
+        json.Time("at", work.m_undoneAt);
+        json.Bool("repaired", !work.m_bUndonePending);
+        json.Close('}');
+    }
     json.Close('}');
 }
 

@@ -22,6 +22,10 @@ void TakeWork(const WORK_HEALTH& health, STATUS_WORK& work) {
     work.m_outcome = bEverFailed ? health.m_lastFailure.m_outcome : COMMAND_OUTCOME{};
     work.m_failedAt = health.m_failedAt;
     work.m_recoveredAt = health.m_recoveredAt;
+    work.m_nUndone = health.m_nUndone;
+    work.m_undone.assign(health.m_lastUndone);
+    work.m_undoneAt = health.m_undoneAt;
+    work.m_bUndonePending = health.m_bUndonePending;
 }
 
 // The addressing as asked for; a DHCP request carries no addresses.

@@ -16,11 +16,15 @@
 
 // One kind of work's health as the document shows it.
 struct STATUS_WORK {
-    unsigned int m_nFailures = 0;  // failed attempts since the last success; 0: healthy
-    std::string m_command;         // the command of the last failure, empty when none
-    COMMAND_OUTCOME m_outcome;     // how it ended
-    timespec m_failedAt{};         // zero: never failed
-    timespec m_recoveredAt{};      // zero: not recovered since
+    unsigned int m_nFailures = 0;   // failed attempts since the last success; 0: healthy
+    std::string m_command;          // the command of the last failure, empty when none
+    COMMAND_OUTCOME m_outcome;      // how it ended
+    timespec m_failedAt{};          // zero: never failed
+    timespec m_recoveredAt{};       // zero: not recovered since
+    unsigned int m_nUndone = 0;     // outside changes in a row (a fight when more than one)
+    std::string m_undone;           // what the last one was, empty when none
+    timespec m_undoneAt{};          // zero: never undone
+    bool m_bUndonePending = false;  // its repair is still to succeed
 
     bool operator==(const STATUS_WORK&) const = default;
 };

@@ -563,9 +563,12 @@ class Daemon:
         self.wait_for_config_read(timeout)
         fd, self._config_fd = self._config_fd, None
         # The held open has the file already: what is in it when the open goes on is read.
+        # Written as an editor writes it, through an open of our own that is closed
+        # after writing: the daemon follows the file's writers, and the held file's
+        # own descriptor would leave it a writer that never closes.
         try:
-            os.ftruncate(fd, 0)
-            os.pwrite(fd, text.encode(), 0)
+            with open(self.sandbox.config_path, "w") as config:
+                config.write(text)
         finally:
             self.sandbox.config_gate.allow(fd)
 

@@ -49,7 +49,8 @@ veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
 """
 
 ISO_TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d$")
-HEALTHY_WORK = {"failing": False, "failures": 0, "last_failure": None, "recovered_at": None}
+HEALTHY_WORK = {"failing": False, "failures": 0, "last_failure": None, "recovered_at": None, "outside_changes": 0,
+                "last_outside_change": None}
 NOT_REQUIRED = {"required": False, "in_force": False, "verified_at": None, "problem": None}
 LISTING_REFUSED = "the link-layer rules cannot be listed (exit status 1)"
 

@@ -117,6 +117,24 @@ TEST(DegradationsTest, TheIsolationNotInForceAndItsRepairFailing) {
     EXPECT_EQ(Degradations(doc), expected);
 }
 
+TEST(DegradationsTest, AnOutsideChangeCountsUntilItIsRepaired) {
+    json doc = json::parse(kHealthy);
+    doc["work"]["bridge"]["outside_changes"] = 2;
+    doc["work"]["bridge"]["last_outside_change"] = {
+        {"found", "br0 was removed"}, {"at", "2026-11-25T16:21:50+00:00"}, {"repaired", false}};
+    EXPECT_EQ(Degradations(doc),
+              std::vector<std::string>{"bridge build undone from outside, not yet repaired (br0 was removed)"});
+    const std::string table = StatusTable(doc, true, Degradations(doc), false);
+    EXPECT_NE(table.find("\nUNDONE  IN A ROW  LAST             AT                         REPAIRED\n"
+                         "bridge  2         br0 was removed  2026-11-25T16:21:50+00:00  not yet\n"),
+              std::string::npos)
+        << table;
+    doc["work"]["bridge"]["last_outside_change"]["repaired"] = true;
+    EXPECT_TRUE(Degradations(doc).empty());
+    // A device nobody touched shows no such table.
+    EXPECT_EQ(StatusTable(json::parse(kHealthy), true, {}, false).find("UNDONE"), std::string::npos);
+}
+
 TEST(DegradationsTest, TheIsolationCountsOnlyWhereItIsRequired) {
     json doc = json::parse(kHealthy);
     doc["bridge_mode"] = "eth0";

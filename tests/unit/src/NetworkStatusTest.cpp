@@ -119,14 +119,14 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
     EXPECT_EQ(doc["interfaces"][0], json::parse(R"({"name": "veth1", "addressing": "dhcp", "requested": null,
         "address": "192.168.77.100", "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10,
         "from_dhcp": true, "lease_at": "2038-01-19T03:14:12+00:00", "dhcp_client": {"pid": 77, "starts": 1},
-        "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}})"));
+        "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     EXPECT_EQ(doc["interfaces"][1], json::parse(R"({"name": "veth3", "addressing": "static",
         "requested": {"address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null},
         "address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null, "metric": 100,
         "from_dhcp": false, "lease_at": null, "dhcp_client": {"pid": null, "starts": 0},
-        "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null}})"));
+        "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
-                                         "recovered_at": null})");
+                                         "recovered_at": null, "outside_changes": 0, "last_outside_change": null})");
     EXPECT_EQ(doc["work"].size(), 7U);
     for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"}) {
         EXPECT_EQ(doc["work"][work], healthy) << work;
@@ -193,7 +193,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
         "failing": false,
         "failures": 0,
         "last_failure": null,
-        "recovered_at": null
+        "recovered_at": null,
+        "outside_changes": 0,
+        "last_outside_change": null
       }
     },
     {
@@ -218,7 +220,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
         "failing": false,
         "failures": 0,
         "last_failure": null,
-        "recovered_at": null
+        "recovered_at": null,
+        "outside_changes": 0,
+        "last_outside_change": null
       }
     }
   ],
@@ -227,43 +231,57 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "bridge": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "registers": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "phy": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "veth1": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "veth3": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "isolation": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     }
   }
 }
@@ -329,7 +347,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
         "failing": false,
         "failures": 0,
         "last_failure": null,
-        "recovered_at": null
+        "recovered_at": null,
+        "outside_changes": 0,
+        "last_outside_change": null
       }
     },
     {
@@ -354,7 +374,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
         "failing": false,
         "failures": 0,
         "last_failure": null,
-        "recovered_at": null
+        "recovered_at": null,
+        "outside_changes": 0,
+        "last_outside_change": null
       }
     }
   ],
@@ -363,37 +385,49 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "bridge": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "registers": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "phy": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "veth1": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "veth3": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     },
     "isolation": {
       "failing": true,
@@ -403,7 +437,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
         "outcome": "exit status 4",
         "at": "2038-01-19T03:14:49+00:00"
       },
-      "recovered_at": null
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     }
   }
 }
@@ -429,7 +465,7 @@ TEST(StatusJsonTest, TheIsolationIsNotRequiredInTheOneBridgeModes) {
         // Its work is the record of what happened, whatever the mode.
         EXPECT_EQ(doc["work"]["isolation"], json::parse(R"({"failing": false, "failures": 0, "last_failure":
             {"command": "ebtables -A FORWARD -i eth1 -j DROP", "outcome": "exit status 1",
-             "at": "2038-01-19T03:14:19+00:00"}, "recovered_at": "2038-01-19T03:14:20+00:00"})"))
+             "at": "2038-01-19T03:14:19+00:00"}, "recovered_at": "2038-01-19T03:14:20+00:00", "outside_changes": 0, "last_outside_change": null})"))
             << mode;
     }
 }
@@ -476,16 +512,36 @@ TEST(StatusJsonTest, AFailureNotYetRecoveredAndOneThatRecovered) {
     state.m_veth3.m_health.m_failedAt = {kInstant + 1, 0};
     state.m_veth3.m_health.m_recoveredAt = {kInstant + 2, 0};
     const json doc = Document(state);
-    EXPECT_EQ(doc["work"]["bridge"], json::parse(R"({"failing": true, "failures": 3, "last_failure":
+    EXPECT_EQ(
+        doc["work"]["bridge"],
+        json::parse(
+            R"({"failing": true, "failures": 3, "last_failure":
         {"command": "ip link add name br0 type bridge", "outcome": ")" +
-                                                 DescribeOutcome(state.m_bridgeHealth.m_lastFailure.m_outcome) +
-                                                 R"(", "at": "2038-01-19T03:15:07+00:00"}, "recovered_at": null})"));
+            DescribeOutcome(state.m_bridgeHealth.m_lastFailure.m_outcome) +
+            R"(", "at": "2038-01-19T03:15:07+00:00"}, "recovered_at": null, "outside_changes": 0, "last_outside_change": null})"));
     EXPECT_EQ(doc["work"]["registers"]["failing"], true);
     EXPECT_EQ(doc["work"]["registers"]["last_failure"]["command"], "devmem 0xFF200088 32 0x3");
     EXPECT_EQ(doc["work"]["phy"]["failing"], false);
     EXPECT_EQ(doc["work"]["veth3"]["failing"], false);
     EXPECT_EQ(doc["work"]["veth3"]["recovered_at"], "2038-01-19T03:14:09+00:00");
     EXPECT_EQ(doc["work"]["veth3"]["last_failure"]["command"], "ip addr add 10.253.254.253/255.255.255.0 dev veth3");
+}
+
+TEST(StatusJsonTest, WorkUndoneFromOutsideAndItsRepair) {
+    Utc utc;
+    CYCLE_STATE state = TwoPortState();
+    state.m_veth3.m_health.m_nUndone = 3;
+    state.m_veth3.m_health.m_lastUndone = "veth3's address 10.253.254.253/24 was removed";
+    state.m_veth3.m_health.m_undoneAt = {kInstant + 60, 0};
+    state.m_veth3.m_health.m_bUndonePending = true;
+    json doc = Document(state);
+    EXPECT_EQ(doc["work"]["veth3"], json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
+        "recovered_at": null, "outside_changes": 3, "last_outside_change": {"found":
+        "veth3's address 10.253.254.253/24 was removed", "at": "2038-01-19T03:15:07+00:00", "repaired": false}})"));
+    state.m_veth3.m_health.m_bUndonePending = false;
+    doc = Document(state);
+    EXPECT_EQ(doc["work"]["veth3"]["last_outside_change"]["repaired"], true);
+    EXPECT_EQ(doc["interfaces"][1]["work"]["outside_changes"], 3);
 }
 
 TEST(StatusJsonTest, EscapesWhatItQuotes) {
