@@ -233,12 +233,16 @@ std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const
         // A removed interface comes back with the bridge, and is then set up again.
         if (link == nullptr) continue;
         const SHAPE_REPAIR repair = name == "veth3" ? SHAPE_REPAIR_VETH3 : SHAPE_REPAIR_VETH1;
-        const std::string text = Dotted(address.m_address) + "/" + std::to_string(address.m_nPrefix);
+        std::string found = name;
         if (!HasAddress(kernel, link->m_nIndex, address)) {
-            changes.push_back({repair, name + "'s address " + text + " was removed"});
+            found.append("'s address ").append(Dotted(address.m_address)).append("/");
+            found.append(std::to_string(address.m_nPrefix)).append(" was removed");
         } else if (address.m_gateway.s_addr != 0 && !HasRoute(kernel, link->m_nIndex, address)) {
-            changes.push_back({repair, name + "'s default route via " + Dotted(address.m_gateway) + " was removed"});
+            found.append("'s default route via ").append(Dotted(address.m_gateway)).append(" was removed");
+        } else {
+            continue;
         }
+        changes.push_back({repair, found});
     }
     return changes;
 }
