@@ -339,12 +339,13 @@ bool CheckForOutsideChanges(CYCLE_STATE& state) {
     if (!found[SHAPE_REPAIR_ETH0].empty()) {
         LOG_ENTRY(LOGGING_SEVERITY_WARN, false, Listed(found[SHAPE_REPAIR_ETH0]) + "; putting it back");
     }
-    struct {
-        SHAPE_REPAIR m_eRepair;
-        const char* m_szName;
-        INTERFACE_STATE& m_iface;
-    } served[] = {{SHAPE_REPAIR_VETH1, "veth1", state.m_veth1}, {SHAPE_REPAIR_VETH3, "veth3", state.m_veth3}};
-    for (auto& [repair, name, iface] : served) {
+    const SHAPE_REPAIR repairs[] = {SHAPE_REPAIR_VETH1, SHAPE_REPAIR_VETH3};
+    const char* const names[] = {"veth1", "veth3"};
+    INTERFACE_STATE* const ifaces[] = {&state.m_veth1, &state.m_veth3};
+    for (size_t i = 0; i < 2; ++i) {
+        const SHAPE_REPAIR repair = repairs[i];
+        const std::string name = names[i];
+        INTERFACE_STATE& iface = *ifaces[i];
         if (found[repair].empty()) continue;
         const std::string text = Listed(found[repair]);
         // A lease is put in force again as it stands; a static address set up again.

@@ -62,6 +62,9 @@ public:
     KernelShapeScript(const KernelShapeScript&) = delete;
     KernelShapeScript& operator=(const KernelShapeScript&) = delete;
 
+    // What the reads give from now on.
+    void Show(KERNEL_SHAPE shape) { m_shape = std::move(shape); }
+
     KERNEL_SHAPE m_shape = WholeTwoPortShape();
     int m_nReads = 0;
 

@@ -140,7 +140,7 @@ TEST(AwaitNextPassTest, ABridgeRemovedFromOutsideBringsThePassAtOnce) {
     KernelShapeScript kernel;
     RecordedKernel recorded;
     CYCLE_STATE state = BuiltTwoPortState();
-    kernel.m_shape = WithoutLink(WholeTwoPortShape(), "br0");
+    kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
     std::thread outside = recorded.SendLater(ReadKernelEvents("kernel-br0-removed.hex"), 100);
     const int64_t tookMs = TimedWait(recorded.m_watch, state, 5000);
     outside.join();

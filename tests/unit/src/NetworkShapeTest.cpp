@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -26,12 +27,10 @@ WANTED_SHAPE TwoPortWanted() {
     return wanted;
 }
 
+// The link of that name in `shape`, to change (every test asks for one that is there).
 KERNEL_LINK& LinkOf(KERNEL_SHAPE& shape, const std::string& name) {
-    for (KERNEL_LINK& link : shape.m_links) {
-        if (link.m_name == name) return link;
-    }
-    static KERNEL_LINK none;
-    return none;
+    auto named = [&name](const KERNEL_LINK& link) { return link.m_name == name; };
+    return *std::find_if(shape.m_links.begin(), shape.m_links.end(), named);
 }
 
 using Changes = std::vector<OUTSIDE_CHANGE>;
