@@ -344,18 +344,19 @@ bool CheckForOutsideChanges(CYCLE_STATE& state) {
     INTERFACE_STATE* const ifaces[] = {&state.m_veth1, &state.m_veth3};
     for (size_t i = 0; i < 2; ++i) {
         const SHAPE_REPAIR repair = repairs[i];
-        const std::string name = names[i];
         INTERFACE_STATE& iface = *ifaces[i];
         if (found[repair].empty()) continue;
         const std::string text = Listed(found[repair]);
         // A lease is put in force again as it stands; a static address set up again.
+        std::string message = text;
         if (iface.m_applied.m_bDhcp) {
-            LOG_ENTRY(LOGGING_SEVERITY_WARN, false, text + "; putting the DHCP lease of " + name + " back");
+            message.append("; putting the DHCP lease of ").append(names[i]).append(" back");
             iface.m_bLeasePending = true;
         } else {
-            LOG_ENTRY(LOGGING_SEVERITY_WARN, false, text + "; setting up " + name + " again");
+            message.append("; setting up ").append(names[i]).append(" again");
             iface.m_bReconfigure = true;
         }
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, message);
         NoteWorkUndone(iface.m_health, text);
     }
     return true;
