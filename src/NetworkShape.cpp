@@ -46,10 +46,13 @@ bool Dump(int socketFd, uint16_t type, unsigned char family, uint32_t sequence, 
                sizeof(kernel)) < 0) {
         return false;
     }
-    alignas(nlmsghdr) static char buffer[32768];
+    // The kernel sizes a dump's datagrams to the reader's buffer (one message
+    // at least); on the stack, which the isolation's look takes as deep.
+    alignas(nlmsghdr) char buffer[8192];
     for (;;) {
-        const ssize_t got = recv(socketFd, buffer, sizeof(buffer), 0);
-        if (got <= 0) return false;
+        // MSG_TRUNC: the datagram's whole length, so one cut short is told apart.
+        const ssize_t got = recv(socketFd, buffer, sizeof(buffer), MSG_TRUNC);
+        if (got <= 0 || static_cast<size_t>(got) > sizeof(buffer)) return false;
         auto remaining = static_cast<unsigned int>(got);
         for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, remaining);
              header = NLMSG_NEXT(header, remaining)) {
