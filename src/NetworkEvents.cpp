@@ -20,6 +20,7 @@
 #include "src/NetworkCycle.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
+#include "util/Util.h"
 
 namespace {
 
@@ -114,6 +115,12 @@ bool WaitForEvents(EVENT_WATCH& watch, int64_t untilMs, EVENTS& events) {
     return true;
 }
 
+// What could not be followed, why (errno) and what the daemon does instead.
+void CannotFollow(const char* what, const char* instead) {
+    LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+              Util::Format("Cannot follow changes of %s (%s); %s", what, strerror(errno), instead));
+}
+
 // Notes a writer that has the configuration file open, or is done with it.
 void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
     if (events.m_bConfigWriting) {
@@ -133,9 +140,7 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     groups.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
     if (!watch.m_kernel.IsOpen() ||
         bind(watch.m_kernel.Get(), reinterpret_cast<sockaddr*>(&groups), sizeof(groups)) != 0) {
-        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
-                  std::string("Cannot follow the kernel's network changes (") + strerror(errno) +
-                      "); looking once a second only");
+        CannotFollow("the kernel's links, addresses and routes", "looking once a second only");
         watch.m_kernel.Reset();
     }
 
@@ -146,21 +151,13 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     if (watch.m_files.IsOpen()) {
         watch.m_nConfigWatch = inotify_add_watch(watch.m_files.Get(), directory.c_str(), kConfigMask | IN_ONLYDIR);
     }
-    if (watch.m_nConfigWatch < 0) {
-        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
-                  "Cannot follow changes of " + directory + " (" + strerror(errno) + "); reading " + configPath +
-                      " once a second only");
-    }
+    if (watch.m_nConfigWatch < 0) CannotFollow(directory.c_str(), "reading the configuration once a second only");
     if (watch.m_files.IsOpen()) {
         // Where the configuration sits in the same directory, one watch serves both, with both masks.
         const uint32_t mask = directory == kLeaseDirectory ? kConfigMask | kLeaseMask : kLeaseMask;
         watch.m_nLeaseWatch = inotify_add_watch(watch.m_files.Get(), kLeaseDirectory, mask | IN_ONLYDIR);
     }
-    if (watch.m_nLeaseWatch < 0) {
-        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
-                  std::string("Cannot follow changes of ") + kLeaseDirectory + " (" + strerror(errno) +
-                      "); looking for leases once a second only");
-    }
+    if (watch.m_nLeaseWatch < 0) CannotFollow(kLeaseDirectory, "looking for leases once a second only");
     if (watch.m_nConfigWatch < 0 && watch.m_nLeaseWatch < 0) watch.m_files.Reset();
     return watch;
 }
@@ -232,15 +229,15 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
         return;
     }
     const int64_t untilMs = SteadyMs() + milliseconds;
+    // eth0's last report counts from here on too: the pass's own bounce comes
+    // only after it found the link down, and a build's before it queried the
+    // link, so a link lost after the query is a loss, however early it came.
     EVENTS events = TakeEvents(watch);
-    // The pass's own bounces and builds report eth0 down; its link is queried
-    // by the next pass in any case.
-    events.m_bEth0Reported = false;
     for (;;) {
         NoteConfigWriting(events, state);
+        if (events.m_bKernel && CheckForOutsideChanges(state)) return;
         if (events.m_bConfigWritten || events.m_bLeaseWritten) return;
         if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
-        if (events.m_bKernel && CheckForOutsideChanges(state)) return;
         if (!WaitForEvents(watch, untilMs, events)) return;
     }
 }

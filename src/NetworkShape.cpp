@@ -155,6 +155,17 @@ std::string Dotted(in_addr address) {
     return text;
 }
 
+const char* const kRemoved = " was removed";
+const char* const kSetDown = " was set down";
+
+// One finding, "NAME WHAT DETAIL", in one place: the texts are many, the code once.
+void Note(std::vector<OUTSIDE_CHANGE>& changes, SHAPE_REPAIR repair, const std::string& name, const char* what,
+          const char* detail = "") {
+    std::string found = name;
+    found.append(what).append(detail);
+    changes.push_back({repair, std::move(found)});
+}
+
 bool Contains(const std::vector<std::string>& names, const std::string& name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
@@ -199,53 +210,45 @@ unsigned int PrefixLength(in_addr mask) { return static_cast<unsigned int>(__bui
 std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const KERNEL_SHAPE& kernel) {
     std::vector<OUTSIDE_CHANGE> changes;
     if (!kernel.m_bRead) return changes;
-    auto bridge = [&changes](const std::string& found) { changes.push_back({SHAPE_REPAIR_BRIDGE, found}); };
     if (!wanted.m_ports.empty()) {
         const KERNEL_LINK* br0 = kernel.Link("br0");
-        if (br0 == nullptr) {
-            bridge("br0 was removed");
-        } else if (!br0->m_bUp) {
-            bridge("br0 was set down");
-        }
+        if (br0 == nullptr || !br0->m_bUp)
+            Note(changes, SHAPE_REPAIR_BRIDGE, "br0", br0 == nullptr ? kRemoved : kSetDown);
         for (const std::string& name : wanted.m_ports) {
             const KERNEL_LINK* port = kernel.Link(name);
             if (port == nullptr) {
-                bridge(name + " was removed");
+                Note(changes, SHAPE_REPAIR_BRIDGE, name, kRemoved);
             } else if (br0 != nullptr && port->m_nMaster != br0->m_nIndex) {
-                changes.push_back(
-                    {name == "eth0" ? SHAPE_REPAIR_ETH0 : SHAPE_REPAIR_BRIDGE, name + " was taken out of br0"});
+                Note(changes, name == "eth0" ? SHAPE_REPAIR_ETH0 : SHAPE_REPAIR_BRIDGE, name, " was taken out of br0");
             } else if (!port->m_bUp && !Contains(wanted.m_mayBeDown, name)) {
-                bridge(name + " was set down");
+                Note(changes, SHAPE_REPAIR_BRIDGE, name, kSetDown);
             }
         }
     }
     for (const std::string& name : wanted.m_links) {
         const KERNEL_LINK* link = kernel.Link(name);
-        if (link == nullptr) {
-            bridge(name + " was removed");
-        } else if (!link->m_bUp) {
-            bridge(name + " was set down");
-        }
+        if (link == nullptr || !link->m_bUp)
+            Note(changes, SHAPE_REPAIR_BRIDGE, name, link == nullptr ? kRemoved : kSetDown);
     }
     for (const auto& [name, mac] : wanted.m_macs) {
         const KERNEL_LINK* link = kernel.Link(name);
-        if (link != nullptr && link->m_mac != mac) bridge(name + "'s MAC address was changed to " + link->m_mac);
+        if (link != nullptr && link->m_mac != mac) {
+            Note(changes, SHAPE_REPAIR_BRIDGE, name, "'s MAC address was changed to ", link->m_mac.c_str());
+        }
     }
     for (const auto& [name, address] : wanted.m_addresses) {
         const KERNEL_LINK* link = kernel.Link(name);
         // A removed interface comes back with the bridge, and is then set up again.
         if (link == nullptr) continue;
         const SHAPE_REPAIR repair = name == "veth3" ? SHAPE_REPAIR_VETH3 : SHAPE_REPAIR_VETH1;
-        std::string found = name;
+        char text[INET_ADDRSTRLEN + 32];
         if (!HasAddress(kernel, link->m_nIndex, address)) {
-            found.append("'s address ").append(Dotted(address.m_address)).append("/");
-            found.append(std::to_string(address.m_nPrefix)).append(" was removed");
+            snprintf(text, sizeof(text), "%s/%u was removed", Dotted(address.m_address).c_str(), address.m_nPrefix);
+            Note(changes, repair, name, "'s address ", text);
         } else if (address.m_gateway.s_addr != 0 && !HasRoute(kernel, link->m_nIndex, address)) {
-            found.append("'s default route via ").append(Dotted(address.m_gateway)).append(" was removed");
-        } else {
-            continue;
+            snprintf(text, sizeof(text), "%s was removed", Dotted(address.m_gateway).c_str());
+            Note(changes, repair, name, "'s default route via ", text);
         }
-        changes.push_back({repair, found});
     }
     return changes;
 }

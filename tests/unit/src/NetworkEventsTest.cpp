@@ -215,8 +215,13 @@ TEST(AwaitNextPassTest, Eth0LostBringsThePassOnlyWhenItWasUp) {
     lost.join();
     EXPECT_GE(tookMs, 600);
 
-    // Reports queued during the pass are the pass's own bounce.
+    // Queued during a pass that found it up: lost after the pass's query, so at once.
     state.m_bEth0LinkUp = true;
+    recorded.Send(ReadKernelEvents("kernel-eth0-lost.hex"));
+    tookMs = TimedWait(recorded.m_watch, state, 5000);
+    EXPECT_LT(tookMs, 2500);
+    // Queued during a pass that found it down and bounced it: its own bounce.
+    state.m_bEth0LinkUp = false;
     recorded.Send(ReadKernelEvents("kernel-eth0-lost.hex"));
     tookMs = TimedWait(recorded.m_watch, state, 600);
     EXPECT_GE(tookMs, 600);
