@@ -11,16 +11,15 @@ printed; it is held only to a generous bound."""
 import time
 import unittest
 
-from labtest import DEVICE_MAC, PEER0_MAC, lab_module, main
+from labtest import DEVICE_MAC, ISOLATION_RULES, PEER0_MAC, Ports, lab_module, main
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
-from tesselkit.frames import Port, ethertype_match, raw_frame, settle
+from tesselkit.frames import ethertype_match, raw_frame
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
 MODULE = lab_module(globals(), start_config=TWO_PORT_CONFIG)
 
-RULES = {"ARP": 38, "IP": 12, "link layer": 22}
 RESTORED_WITHIN_S = 15  # a look every 10 s, and the repair after it
 SENT = 5
 
@@ -46,28 +45,24 @@ class IsolationTakenAwayTest(unittest.TestCase):
         return {name: found.get(name) for name in ("nf_call_iptables", "nf_call_arptables")}
 
     def wait_in_force(self):
-        wait_until(lambda: self.counts() == RULES, lambda: "the rules in force %s (%s)" % (RULES, self.counts()), 15)
+        wait_until(lambda: self.counts() == ISOLATION_RULES,
+                   lambda: "the rules in force %s (%s)" % (ISOLATION_RULES, self.counts()), 15)
         wait_until(lambda: self.bridge_netfilter() == {"nf_call_iptables": 1, "nf_call_arptables": 1},
                    lambda: "br0's bridge netfilter on (%s)" % self.bridge_netfilter(), 5)
 
     def frames_cross(self):
         """Sends frames of a protocol no ARP or IP rule sees from eth1's side to
         both internal MACs and to veth1; how many reached each."""
-        veth1, veth3 = Port(self.lab.dev, "veth1"), Port(self.lab.dev, "veth3")
-        peer0, peer1 = Port(self.lab.net0, "peer0"), Port(self.lab.net1, "peer1")
-        ports = [veth1, veth3, peer0, peer1]
-        try:
+        with Ports(self.lab) as ports:
+            veth1, veth3, peer0, peer1 = ports.open("veth1", "veth3", "peer0", "peer1")
             for _ in range(SENT):
                 for name, mac in (("veth1", DEVICE_MAC), ("peer0", PEER0_MAC), ("veth3", VETH3_MAC)):
                     peer1.send(raw_frame(peer1.mac, mac, b"eth1-to-" + name.encode()))
             wait_until(lambda: len(veth1.arrived(ethertype_match(marker=b"eth1-to-veth1"))) == SENT,
                        "the control frames on veth1", 5)
-            settle(ports)
+            ports.settle()
             return {name: len(port.arrived(ethertype_match(marker=b"eth1-to-" + name.encode())))
                     for name, port in (("veth1", veth1), ("peer0", peer0), ("veth3", veth3))}
-        finally:
-            for port in ports:
-                port.close()
 
     def assertPutBack(self, mark, changed):
         """The daemon's WARN and NOTICE after `mark`, the isolation in force
@@ -87,7 +82,7 @@ class IsolationTakenAwayTest(unittest.TestCase):
         self.lab.device("sh", "-c", "iptables -F; arptables -F; ebtables -F")
         at_flush = self.counts()
         # Control: the flush took (unless the daemon's look came within these milliseconds).
-        self.assertLess(sum(at_flush.values()), sum(RULES.values()), at_flush)
+        self.assertLess(sum(at_flush.values()), sum(ISOLATION_RULES.values()), at_flush)
         back = self.assertPutBack(mark, flushed)
         print("timing: rules flushed (%s right after) to all back %.2f s" % (at_flush, back))
         self.assertLess(back, RESTORED_WITHIN_S)
@@ -121,7 +116,7 @@ class IsolationTakenAwayTest(unittest.TestCase):
         print("timing: bridge netfilter switched off (br0's and the machine-wide switches) to br0's back on %.2f s"
               % back)
         self.assertLess(back, RESTORED_WITHIN_S)
-        self.assertEqual(RULES, self.counts())
+        self.assertEqual(ISOLATION_RULES, self.counts())
         self.assertEqual(0, isolation.check(self.lab), "isolation checks failed (see above)")
 
 

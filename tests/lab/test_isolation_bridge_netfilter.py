@@ -9,9 +9,9 @@ link-layer rules let through."""
 import time
 import unittest
 
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER1_ADDR, lab_module, main
+from labtest import DEVICE_MAC, PEER0_ADDR, PEER1_ADDR, Ports, lab_module, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
-from tesselkit.frames import Port, arp_frame, arp_match, icmp_echo_frame, marker_match, settle
+from tesselkit.frames import arp_frame, arp_match, icmp_echo_frame, marker_match
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
@@ -68,8 +68,8 @@ class BridgeNetfilterTest(unittest.TestCase):
         # Frames the link-layer rules let through (to veth1's MAC, from eth1's
         # side's own MAC) but whose addresses are internal: only the ARP and IP
         # rules can drop them, and only if br0 hands them over.
-        veth1, peer1 = Port(self.lab.dev, "veth1"), Port(self.lab.net1, "peer1")
-        try:
+        with Ports(self.lab) as ports:
+            veth1, peer1 = ports.open("veth1", "peer1")
             arp_before, ip_before = self.counters()
             for address in INTERNAL:
                 peer1.send(icmp_echo_frame(peer1.mac, DEVICE_MAC, PEER1_ADDR, address, b"echo-" + address.encode()))
@@ -79,7 +79,7 @@ class BridgeNetfilterTest(unittest.TestCase):
             peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, self.lease, dst_mac=DEVICE_MAC))
             wait_until(lambda: veth1.arrived(marker_match(b"echo-control")) and veth1.arrived(
                 arp_match(1, PEER1_ADDR, self.lease)), "the control frames on veth1", 5)
-            settle([veth1, peer1])
+            ports.settle()
             arp_after, ip_after = self.counters()
             for address in INTERNAL:
                 self.assertEqual([], veth1.arrived(marker_match(b"echo-" + address.encode())), address)
@@ -89,9 +89,6 @@ class BridgeNetfilterTest(unittest.TestCase):
                 arp = self.assertRuleDropped(arp_before, arp_after, "-j DROP -i eth1 -o * -d %s" % address)
                 print("%s: eth1's side to %s with both switches 0: ping and ARP unanswered, "
                       "echo request dropped by iptables (%d), ARP request by arptables (%d)" % (when, address, ip, arp))
-        finally:
-            veth1.close()
-            peer1.close()
 
     def test_rules_hold_with_the_machine_wide_switches_off(self):
         # Neither side has a route to the other's network: without them a ping

@@ -7,10 +7,10 @@ show which of them dropped each frame. Every test sends the same kind of frame
 where it must arrive too, so a capture that sees nothing cannot pass it."""
 import unittest
 
-from labtest import DEVICE_MAC, PEER0_MAC, lab_module, main
+from labtest import DEVICE_MAC, PEER0_MAC, Ports, lab_module, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
-from tesselkit.frames import (Port, broadcast_frame, ethertype_match, icmpv6_echo_frame, icmpv6_echo_match,
-                              link_local, raw_frame, settle, vlan_frame, vlan_match)
+from tesselkit.frames import (broadcast_frame, ethertype_match, icmpv6_echo_frame, icmpv6_echo_match, link_local,
+                              raw_frame, vlan_frame, vlan_match)
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
@@ -49,20 +49,11 @@ class LinkLayerIsolationTest(unittest.TestCase):
         cls.lab.wait_for_first_cycle()
 
     def setUp(self):
-        self.ports = []
-
-    def tearDown(self):
-        for port in self.ports:
-            port.close()
-
-    def port(self, netns, ifname):
-        port = Port(netns, ifname)
-        self.ports.append(port)
-        return port
+        self.ports = Ports(self.lab)
+        self.addCleanup(self.ports.close)
 
     def open_ports(self):
-        return (self.port(self.lab.dev, "veth1"), self.port(self.lab.dev, "veth3"), self.port(self.lab.net0, "peer0"),
-                self.port(self.lab.net1, "peer1"))
+        return self.ports.open("veth1", "veth3", "peer0", "peer1")
 
     def send(self, port, frame, count=SENT):
         for _ in range(count):
@@ -100,7 +91,7 @@ class LinkLayerIsolationTest(unittest.TestCase):
             self.send(peer1, raw_frame(peer1.mac, mac, b"eth1-to-" + name.encode()))
         wait_until(lambda: len(veth1.arrived(ethertype_match(marker=b"eth1-to-veth1"))) == SENT,
                    "the control frames on veth1", 5)
-        settle(self.ports)
+        self.ports.settle()
         for name, mac in INTERNAL.items():
             self.assertNoneArrived(ethertype_match(marker=b"eth1-to-" + name.encode()), (veth1, veth3, peer0),
                                    "a frame to %s" % name)
@@ -121,7 +112,7 @@ class LinkLayerIsolationTest(unittest.TestCase):
         self.send(veth3, raw_frame(VETH3_MAC, peer1.mac, b"veth3-to-eth1"))
         wait_until(lambda: len(peer1.arrived(ethertype_match(marker=b"veth1-to-eth1"))) == SENT,
                    "the control frames on peer1", 5)
-        settle(self.ports)
+        self.ports.settle()
         for name in INTERNAL:
             self.assertNoneArrived(ethertype_match(marker=name.encode() + b"-to-eth1"), (peer1, veth1),
                                    "a frame from %s" % name)
@@ -138,7 +129,7 @@ class LinkLayerIsolationTest(unittest.TestCase):
         # Control: the internal network gets them (veth3), so they were flooded.
         wait_until(lambda: len(veth3.arrived(ethertype_match(marker=b"peer0-broadcast"))) == SENT,
                    "the broadcasts on veth3", 5)
-        settle(self.ports)
+        self.ports.settle()
         self.assertNoneArrived(ethertype_match(marker=b"peer0-broadcast"), (peer1, veth1), "a broadcast of peer0")
         after = self.counters()
         to_peer1 = self.assertDroppedBy(before, after, ["-s %s -o eth1 -j DROP" % PEER0_MAC], SENT)
@@ -177,7 +168,7 @@ class LinkLayerIsolationTest(unittest.TestCase):
         # ... and echo requests addressed straight to the MAC, no discovery needed.
         self.send(peer1, icmpv6_echo_frame(peer1.mac, PEER0_MAC, peer1_ll, peer0_ll, b"v6-eth1-to-peer0"))
         self.send(peer0, icmpv6_echo_frame(PEER0_MAC, peer1.mac, peer0_ll, peer1_ll, b"v6-peer0-to-eth1"))
-        settle(self.ports)
+        self.ports.settle()
         self.assertNoneArrived(icmpv6_echo_match(b"v6-eth1-to-peer0"), (peer0, veth3, veth1),
                                "an echo request to peer0")
         self.assertNoneArrived(icmpv6_echo_match(b"v6-eth1-to-peer0", reply=True), (peer1,), "peer0's echo reply")
@@ -199,7 +190,7 @@ class LinkLayerIsolationTest(unittest.TestCase):
             self.send(peer1, vlan_frame(peer1.mac, mac, VLAN, b"vlan-to-" + name.encode()))
         wait_until(lambda: len(veth1.arrived(vlan_match(b"vlan-to-veth1"))) == SENT,
                    "the tagged control frames on veth1", 5)
-        settle(self.ports)
+        self.ports.settle()
         for name, mac in INTERNAL.items():
             self.assertNoneArrived(vlan_match(b"vlan-to-" + name.encode()), (veth1, veth3, peer0),
                                    "a tagged frame to %s" % name)

@@ -10,9 +10,9 @@ reaches the ARP or IP rule meant for it too, so either counts
 import re
 import unittest
 
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, lab_module, main
+from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, Ports, lab_module, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
-from tesselkit.frames import Port, arp_frame, arp_match, icmp_echo_frame, marker_match, settle
+from tesselkit.frames import arp_frame, arp_match, icmp_echo_frame, marker_match
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
@@ -41,16 +41,8 @@ class TwoPortTest(unittest.TestCase):
         cls.lab.wait_for_first_cycle()
 
     def setUp(self):
-        self.ports = []
-
-    def tearDown(self):
-        for port in self.ports:
-            port.close()
-
-    def port(self, netns, ifname):
-        port = Port(netns, ifname)
-        self.ports.append(port)
-        return port
+        self.ports = Ports(self.lab)
+        self.addCleanup(self.ports.close)
 
     def counters(self):
         """Packet counts of the ARP, IP and link-layer rules (their texts never clash)."""
@@ -102,8 +94,7 @@ class TwoPortTest(unittest.TestCase):
     # --- ARP -----------------------------------------------------------------------
 
     def test_arp_from_eth0_side_never_reaches_veth1(self):
-        veth1, veth3 = self.port(self.lab.dev, "veth1"), self.port(self.lab.dev, "veth3")
-        peer0 = self.port(self.lab.net0, "peer0")
+        veth1, veth3, peer0 = self.ports.open("veth1", "veth3", "peer0")
         before = self.counters()
         # The internal host asks for veth1's address; another host of that
         # network, outside the internal pair by address and MAC, asks for another.
@@ -112,7 +103,7 @@ class TwoPortTest(unittest.TestCase):
         # Both cross the bridge to veth2 (so they were sent and flooded) ...
         wait_until(lambda: veth3.arrived(arp_match(1, PEER0_ADDR, self.lease)), "ARP from eth0's side on veth3", 5)
         wait_until(lambda: veth3.arrived(arp_match(1, "10.253.254.99")), "ARP from eth0's side on veth3", 5)
-        settle(self.ports)
+        self.ports.settle()
         # ... but never to veth0.
         self.assertEqual([], veth1.arrived(arp_match(sender_ip=PEER0_ADDR)))
         self.assertEqual([], veth1.arrived(arp_match(sender_ip="10.253.254.99")))
@@ -120,13 +111,12 @@ class TwoPortTest(unittest.TestCase):
         self.assertRuleDropped(before, after, "-j DROP -i eth0 -o veth0")
 
     def test_arp_from_eth1_side_never_reaches_veth3(self):
-        veth1, veth3 = self.port(self.lab.dev, "veth1"), self.port(self.lab.dev, "veth3")
-        peer0, peer1 = self.port(self.lab.net0, "peer0"), self.port(self.lab.net1, "peer1")
+        veth1, veth3, peer0, peer1 = self.ports.open("veth1", "veth3", "peer0", "peer1")
         before = self.counters()
         peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, "192.168.77.250"))
         peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, VETH3_ADDR))
         wait_until(lambda: veth1.arrived(arp_match(1, PEER1_ADDR, "192.168.77.250")), "ARP from eth1's side on veth1", 5)
-        settle(self.ports)
+        self.ports.settle()
         self.assertEqual([], veth3.arrived(arp_match(sender_ip=PEER1_ADDR)))
         # A question about the internal pair goes nowhere at all.
         for port in (veth1, peer0):
@@ -136,13 +126,13 @@ class TwoPortTest(unittest.TestCase):
         self.assertRuleDropped(before, after, "-j DROP -i eth1 -o * -d 10.253.254.253")
 
     def test_eth1_side_gets_no_arp_answer_for_the_internal_pair(self):
-        peer1 = self.port(self.lab.net1, "peer1")
+        peer1 = self.ports.open("peer1")
         before = self.counters()
         for target in (self.lease, VETH3_ADDR, PEER0_ADDR):
             peer1.send(arp_frame(1, peer1.mac, PEER1_ADDR, target))
         # veth1 answers for itself (so questions and answers do cross) ...
         wait_until(lambda: peer1.arrived(arp_match(2, self.lease, PEER1_ADDR)), "veth1's ARP answer", 5)
-        settle(self.ports)
+        self.ports.settle()
         # ... nobody answers for the internal pair.
         self.assertEqual([], peer1.arrived(arp_match(2, VETH3_ADDR)))
         self.assertEqual([], peer1.arrived(arp_match(2, PEER0_ADDR)))
@@ -158,8 +148,7 @@ class TwoPortTest(unittest.TestCase):
     # --- IP ------------------------------------------------------------------------
 
     def test_ip_to_and_from_the_internal_pair_is_dropped_on_eth1(self):
-        veth1, veth3 = self.port(self.lab.dev, "veth1"), self.port(self.lab.dev, "veth3")
-        peer0, peer1 = self.port(self.lab.net0, "peer0"), self.port(self.lab.net1, "peer1")
+        veth1, veth3, peer0, peer1 = self.ports.open("veth1", "veth3", "peer0", "peer1")
         br0_mac = self.lab.link("br0")["address"]
         before = self.counters()
 
@@ -180,7 +169,7 @@ class TwoPortTest(unittest.TestCase):
         # From the pair to eth1's side.
         peer0.send(icmp_echo_frame(PEER0_MAC, peer1.mac, PEER0_ADDR, PEER1_ADDR, b"from-peer0"))
         veth3.send(icmp_echo_frame(VETH3_MAC, peer1.mac, VETH3_ADDR, PEER1_ADDR, b"from-veth3"))
-        settle(self.ports)
+        self.ports.settle()
 
         for marker, ports in ((b"via-veth1", (veth1, veth3, peer1)), (b"to-veth3", (veth3, veth1, peer1)),
                               (b"to-br0", (peer1,)), (b"to-peer0", (peer0, peer1)), (b"spoofed", (veth1, peer1)),

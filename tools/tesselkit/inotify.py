@@ -5,6 +5,7 @@ import os
 import struct
 import time
 
+IN_CLOSE_NOWRITE = 0x10  # watched with IN_OPEN, no two opens in a row are merged into one
 IN_OPEN = 0x20
 IN_MOVED_FROM = 0x40  # the daemon claims a lease file by renaming it away
 IN_MOVED_TO = 0x80

@@ -14,7 +14,7 @@ from .inotify import IN_OPEN, Watch
 from .logs import entries
 from .namespaces import processes_in_pid_namespace_of, without_forked_copies
 from .netlink import Netlink
-from .standins import install_stalling, recorded_times
+from .standins import install_stalling, install_tracing, recorded_times
 from .waiting import wait_until
 
 LAB_TOOL = os.path.join(ROOT, "tools", "lab")
@@ -153,6 +153,43 @@ class Lab:
             stall.release()
             _replace(stand_in, original)
             shutil.rmtree(control)
+
+    @contextlib.contextmanager
+    def traced_tools(self, tools):
+        """For the block, every call of the device's `tools` is noted, with its
+        time, before the tool runs as before; yields a function that returns the
+        calls so far as [(time, "tool arg ...")]. Each note costs the call a
+        `date` process, so a block meant to time the daemon's work leaves the
+        tools alone."""
+        log = os.path.join(self.state, "traced.log")
+        open(log, "w").close()
+        installed = []
+        try:
+            for tool in tools:
+                stand_in = os.path.join(self.state, "bin", tool)
+                original = os.readlink(stand_in) if os.path.islink(stand_in) else None
+                aside = None
+                if original is not None:
+                    real = original
+                elif os.path.exists(stand_in):
+                    # A script of the lab's own (the legacy iptables and its lock): run from beside it.
+                    aside = stand_in + ".untraced"
+                    os.link(stand_in, aside)
+                    real = aside
+                else:
+                    real = shutil.which(tool, path=self.env["DEVICE_PATH"])
+                    if real is None:
+                        raise AssertionError("no %s on the device" % tool)
+                installed.append((stand_in, original, aside))
+                install_tracing(stand_in, real, log)
+            yield lambda: recorded_times(log)
+        finally:
+            for stand_in, original, aside in reversed(installed):
+                if aside is not None:
+                    os.rename(aside, stand_in)
+                else:
+                    _replace(stand_in, original)
+            os.unlink(log)
 
     # --- the daemon's cycles --------------------------------------------------
 

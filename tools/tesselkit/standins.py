@@ -121,6 +121,14 @@ esac
 exec '@REAL@' "$@"
 """
 
+# Runs the real tool after noting its call with the time, in the timed
+# recorders' format: a test sees every command the daemon runs, unchanged.
+TRACING = r"""#!/bin/sh
+# The real tool, its call noted first.
+printf '%s\n' "$(date +%s.%N) ${0##*/}${*:+ $*}" >>'@LOG@'
+exec '@REAL@' "$@"
+"""
+
 _STAMP = "$(date +%s.%N) "
 
 
@@ -141,6 +149,14 @@ def install_stalling(path, real, word, control):
     its first call with `word` (see STALLING) under the directory `control`."""
     temporary = path + ".new"
     write_script(temporary, STALLING.replace("@WORD@", word).replace("@CONTROL@", control).replace("@REAL@", real))
+    os.rename(temporary, path)
+
+
+def install_tracing(path, real, log):
+    """Puts at `path`, in one rename, the stand-in that notes its call in `log`
+    (timed, as recorded_times reads it) and runs `real` (see TRACING)."""
+    temporary = path + ".new"
+    write_script(temporary, TRACING.replace("@LOG@", log).replace("@REAL@", real))
     os.rename(temporary, path)
 
 
