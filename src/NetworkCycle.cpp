@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -127,6 +128,31 @@ bool BuildBridge(BRIDGE_MODE bridgeMode, ISOLATION_STATE& isolation, WORK_FAILUR
     return built;
 }
 
+// What the work just done put in place, as the kernel shows it now: whatever
+// of it is missing already was never held, and is no outside change later.
+void NoteShapeHeld(CYCLE_STATE& state, std::initializer_list<SHAPE_REPAIR> works) {
+    auto ofThese = [works](const OUTSIDE_CHANGE& change) {
+        return std::find(works.begin(), works.end(), change.m_eRepair) != works.end();
+    };
+    std::vector<OUTSIDE_CHANGE>& misses = state.m_shapeMisses;
+    misses.erase(std::remove_if(misses.begin(), misses.end(), ofThese), misses.end());
+    for (const OUTSIDE_CHANGE& change : FindOutsideChanges(WantedShape(state), LookAtKernel())) {
+        if (ofThese(change)) misses.push_back(change);
+    }
+}
+
+// One served interface's pass; when its addressing changed (set up, a lease
+// put in force), what it put in place is noted as held.
+void ServiceServed(const std::string& name, unsigned int metric, const IP_CONFIG& wanted, SHAPE_REPAIR work,
+                   INTERFACE_STATE& iface, CYCLE_STATE& state) {
+    const IP_CONFIG applied = iface.m_applied;
+    const DHCP_STATE lease = iface.m_dhcp;
+    const bool pending = iface.m_bReconfigure || iface.m_bLeasePending;
+    ServiceVethX(name, metric, wanted, iface);
+    const bool nowPending = iface.m_bReconfigure || iface.m_bLeasePending;
+    if (!nowPending && (pending || applied != iface.m_applied || lease != iface.m_dhcp)) NoteShapeHeld(state, {work});
+}
+
 }  // namespace
 
 void RunStartupCommands(CYCLE_STATE& state) {
@@ -176,6 +202,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         state.m_veth1.m_bReconfigure = true;
         state.m_veth3.m_bReconfigure = true;
         if (built) {
+            NoteShapeHeld(state, {SHAPE_REPAIR_BRIDGE, SHAPE_REPAIR_ETH0});
             NoteWorkDone(state.m_bridgeHealth, "bridge setup");
         } else {
             NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
@@ -217,8 +244,10 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         }
     }
 
-    ServiceVethX("veth1", kVeth1Metric, settings.m_veth1Config, state.m_veth1);
-    if (bridgeMode == BRIDGE_MODE_ETH0ETH1) ServiceVethX("veth3", kVeth3Metric, settings.m_veth3Config, state.m_veth3);
+    ServiceServed("veth1", kVeth1Metric, settings.m_veth1Config, SHAPE_REPAIR_VETH1, state.m_veth1, state);
+    if (bridgeMode == BRIDGE_MODE_ETH0ETH1) {
+        ServiceServed("veth3", kVeth3Metric, settings.m_veth3Config, SHAPE_REPAIR_VETH3, state.m_veth3, state);
+    }
 
     if (settings.m_ePhyMode != state.m_eLastPhyMode || (state.m_bPhyModePending && WorkDue(state.m_phyHealth))) {
         // Recorded as applied whatever the write does: a missing driver file is
@@ -289,7 +318,7 @@ WANTED_SHAPE WantedShape(const CYCLE_STATE& state) {
     WANTED_SHAPE wanted;
     // Nothing is expected before a build, nor while one is pending (it is
     // redone anyway) or the configuration is unusable (nothing is serviced).
-    if (!state.m_bConfigUsable || state.m_bBridgeSetupPending || state.m_bFirstCycle) return wanted;
+    if (!state.m_bConfigUsable || state.m_bBridgeSetupPending) return wanted;
     const BRIDGE_MODE mode = state.m_eLastBridgeMode;
     const bool twoPorts = mode == BRIDGE_MODE_ETH0ETH1;
     // eth0's link is the recovery's concern: only its place in br0 is looked at.
@@ -324,9 +353,15 @@ bool CheckForOutsideChanges(CYCLE_STATE& state) {
     const WANTED_SHAPE wanted = WantedShape(state);
     if (wanted.m_ports.empty()) return false;
     const std::vector<OUTSIDE_CHANGE> changes = FindOutsideChanges(wanted, LookAtKernel());
-    if (changes.empty()) return false;
     std::vector<std::string> found[4];
-    for (const OUTSIDE_CHANGE& change : changes) found[change.m_eRepair].push_back(change.m_found);
+    bool any = false;
+    for (const OUTSIDE_CHANGE& change : changes) {
+        const std::vector<OUTSIDE_CHANGE>& misses = state.m_shapeMisses;
+        if (std::find(misses.begin(), misses.end(), change) != misses.end()) continue;
+        found[change.m_eRepair].push_back(change.m_found);
+        any = true;
+    }
+    if (!any) return false;
 
     if (!found[SHAPE_REPAIR_BRIDGE].empty()) {
         // The rebuild sets both interfaces up again: what they lost is not named apart.

@@ -66,6 +66,11 @@ struct CYCLE_STATE {
     // without having closed it yet; 0: none. The file is not read meanwhile,
     // for a few seconds at most.
     int64_t m_nConfigWritingSinceMs = 0;
+    // What the kernel lacked of a piece of work right after the work was done:
+    // the daemon never held it, so its absence later is no outside change
+    // (where a tool did less than it said). Replaced, per work, each time the
+    // work is done again.
+    std::vector<OUTSIDE_CHANGE> m_shapeMisses;
 };
 
 // How long a configuration file being written is left alone: a writer that

@@ -5,9 +5,9 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "logging/Logging.h"
 #include "src/NetworkCycle.h"
@@ -84,23 +85,43 @@ void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
     }
 }
 
+// The sources as one epoll set, made at the first wait: registered once, so
+// a wait costs no more than the sleep it replaces.
+bool PollSet(EVENT_WATCH& watch) {
+    if (watch.m_poll.IsOpen()) return true;
+    Util::UniqueFd poll(epoll_create1(EPOLL_CLOEXEC));
+    if (!poll.IsOpen()) return false;
+    for (const Util::UniqueFd* source : {&watch.m_kernel, &watch.m_files}) {
+        if (!source->IsOpen()) continue;
+        epoll_event interest{};
+        interest.events = EPOLLIN;
+        interest.data.fd = source->Get();
+        if (epoll_ctl(poll.Get(), EPOLL_CTL_ADD, source->Get(), &interest) != 0) return false;
+    }
+    watch.m_poll = std::move(poll);
+    return true;
+}
+
 // Waits until a source is readable, `untilMs` (steady) or a stop's grace ends.
 // False when nothing came.
 bool WaitReadable(EVENT_WATCH& watch, int64_t untilMs) {
-    pollfd sources[2] = {{watch.m_kernel.Get(), POLLIN, 0}, {watch.m_files.Get(), POLLIN, 0}};
+    if (!PollSet(watch)) {
+        // Without an epoll set (no descriptor left): the pause, which still lets the stop in.
+        const int64_t leftMs = std::min(untilMs, StopGraceEndMs()) - SteadyMs();
+        if (leftMs > 0) SleepLettingSignalsIn(static_cast<unsigned int>(leftMs));
+        return false;
+    }
     sigset_t none;
     sigemptyset(&none);
     for (;;) {
         const int64_t endMs = std::min(untilMs, StopGraceEndMs());
         const int64_t leftMs = endMs - SteadyMs();
         if (leftMs <= 0) return false;
-        timespec timeout{};
-        timeout.tv_sec = static_cast<time_t>(leftMs / 1000);
-        timeout.tv_nsec = static_cast<long>(leftMs % 1000) * 1000000;
+        epoll_event ready[2];
         // The stop signals come in here, and only here or while a command runs.
-        const int ready = ppoll(sources, 2, &timeout, &none);
-        if (ready > 0) return true;
-        if (ready < 0 && errno != EINTR) return false;
+        const int count = epoll_pwait(watch.m_poll.Get(), ready, 2, static_cast<int>(leftMs), &none);
+        if (count > 0) return true;
+        if (count < 0 && errno != EINTR) return false;
     }
 }
 
@@ -229,15 +250,16 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
         return;
     }
     const int64_t untilMs = SteadyMs() + milliseconds;
-    // eth0's last report counts from here on too: the pass's own bounce comes
-    // only after it found the link down, and a build's before it queried the
-    // link, so a link lost after the query is a loss, however early it came.
-    EVENTS events = TakeEvents(watch);
-    for (;;) {
+    // What queued during the pass makes the sources readable at once, and is
+    // taken as any news is: no read at all when nothing came. eth0's last
+    // report counts then too: the pass's own bounce comes only after it found
+    // the link down, and a build's before it queried the link, so a link lost
+    // after the query is a loss, however early it came.
+    EVENTS events;
+    while (WaitForEvents(watch, untilMs, events)) {
         NoteConfigWriting(events, state);
         if (events.m_bKernel && CheckForOutsideChanges(state)) return;
         if (events.m_bConfigWritten || events.m_bLeaseWritten) return;
         if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
-        if (!WaitForEvents(watch, untilMs, events)) return;
     }
 }

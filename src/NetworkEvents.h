@@ -14,6 +14,7 @@
 struct EVENT_WATCH {
     Util::UniqueFd m_kernel;  // rtnetlink: links, IPv4 addresses, IPv4 routes
     Util::UniqueFd m_files;   // inotify: the configuration file's directory and /tmp
+    Util::UniqueFd m_poll;    // both as one epoll set, made at the first wait
     int m_nConfigWatch = -1;
     int m_nLeaseWatch = -1;
     std::string m_configName;  // the configuration file's name in its directory

@@ -216,8 +216,10 @@ std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const
             Note(changes, SHAPE_REPAIR_BRIDGE, "br0", br0 == nullptr ? kRemoved : kSetDown);
         for (const std::string& name : wanted.m_ports) {
             const KERNEL_LINK* port = kernel.Link(name);
+            // A physical port goes only with its driver, and no build brings it
+            // back: eth0's loss is the link query's to report.
             if (port == nullptr) {
-                Note(changes, SHAPE_REPAIR_BRIDGE, name, kRemoved);
+                if (name.rfind("eth", 0) != 0) Note(changes, SHAPE_REPAIR_BRIDGE, name, kRemoved);
             } else if (br0 != nullptr && port->m_nMaster != br0->m_nIndex) {
                 Note(changes, name == "eth0" ? SHAPE_REPAIR_ETH0 : SHAPE_REPAIR_BRIDGE, name, " was taken out of br0");
             } else if (!port->m_bUp && !Contains(wanted.m_mayBeDown, name)) {

@@ -773,4 +773,42 @@ TEST(NetworkCycleTest, AWriterThatKeepsTheFileOpenHasItReadAfterFiveSeconds) {
         << Text(timeline);
 }
 
+TEST(NetworkCycleTest, WhatTheKernelNeverHeldIsNoOutsideChange) {
+    TESSEL_NEED_NAMESPACES();
+    // The tools said they made br0, but the kernel never showed it.
+    KernelShapeScript kernel;
+    const KERNEL_SHAPE withoutBr0 = WithoutLink(WholeTwoPortShape(), "br0");
+    kernel.Show(withoutBr0);
+    KERNEL_SHAPE flushedVeth3 = withoutBr0;
+    flushedVeth3.m_addresses.pop_back();
+    Lines timeline = RunTimedPasses(
+        Eth0::kUp, kBothStatic, 4, [](int, const std::string&) { return std::nullopt; },
+        [&](int pass, CYCLE_STATE& state) {
+            if (pass == 2) CheckForOutsideChanges(state);
+            if (pass == 3) {
+                kernel.Show(flushedVeth3);
+                CheckForOutsideChanges(state);
+                kernel.Show(withoutBr0);
+            }
+        });
+    const Lines expected =
+        Join({{"pass 1"},
+              BuildBoth(),
+              kReattach,
+              RegisterWrites(),
+              kVeth1Static,
+              kVeth3Static,
+              kPhyWrite,
+              {"pass 2"},
+              kReattach,
+              // What it held goes on counting.
+              {"pass 3",
+               "WARN CheckForOutsideChanges: veth3's address 192.168.100.1/24 was removed; setting up veth3 again"},
+              kReattach,
+              kVeth3Static,
+              {"NOTICE NoteWorkDone: Repaired addressing of veth3 after an outside change", "pass 4"},
+              kReattach});
+    EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
 }  // namespace

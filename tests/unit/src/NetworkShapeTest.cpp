@@ -78,6 +78,11 @@ TEST(FindOutsideChangesTest, Eth0IsPutBackByThePassAndItsLinkIsTheRecoverysConce
     EXPECT_EQ(FindOutsideChanges(TwoPortWanted(), shape), (Changes{{SHAPE_REPAIR_ETH0, "eth0 was taken out of br0"}}));
 }
 
+TEST(FindOutsideChangesTest, APhysicalPortGoneIsNoChangeABuildCouldRepair) {
+    EXPECT_EQ(FindOutsideChanges(TwoPortWanted(), WithoutLink(WithoutLink(WholeTwoPortShape(), "eth0"), "eth1")),
+              Changes{});
+}
+
 TEST(FindOutsideChangesTest, APortTheDaemonKeepsDownIsNoChange) {
     KERNEL_SHAPE shape = WholeTwoPortShape();
     LinkOf(shape, "eth1").m_bUp = false;
