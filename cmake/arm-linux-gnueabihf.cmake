@@ -23,3 +23,14 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # CTest runs every target binary (gtest discovery included) through this.
 find_program(TESSEL_QEMU_ARM qemu-arm REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${TESSEL_QEMU_ARM} -L ${TESSEL_ARM_SYSROOT})
+
+# The device's build (the default build type, which the package is made from)
+# is optimised for size: the daemon spends its life waiting on the kernel and
+# on commands, and flash and memory are what the board is short of. Unused
+# functions of the libraries go at link time. Release (tools/bench) stays as
+# it is, so its figures compare with earlier ones.
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-Os -g -DNDEBUG" CACHE STRING "")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-Os -g -DNDEBUG" CACHE STRING "")
+set(CMAKE_C_FLAGS_INIT "-ffunction-sections -fdata-sections")
+set(CMAKE_CXX_FLAGS_INIT "-ffunction-sections -fdata-sections")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--gc-sections")
