@@ -358,6 +358,9 @@ bool CheckForOutsideChanges(CYCLE_STATE& state) {
     for (const OUTSIDE_CHANGE& change : changes) {
         const std::vector<OUTSIDE_CHANGE>& misses = state.m_shapeMisses;
         if (std::find(misses.begin(), misses.end(), change) != misses.end()) continue;
+        // The pass puts eth0 back only while its link is up; while it is down
+        // the recovery bounces it, and a port out of br0 is no news each time.
+        if (change.m_eRepair == SHAPE_REPAIR_ETH0 && !state.m_bEth0LinkUp) continue;
         found[change.m_eRepair].push_back(change.m_found);
         any = true;
     }

@@ -177,6 +177,30 @@ TEST(AwaitNextPassTest, AnAddressRemovedFromOutsideSetsTheInterfaceUpAgain) {
     EXPECT_FALSE(state.m_bBridgeSetupPending);
 }
 
+TEST(AwaitNextPassTest, Eth0OutOfBr0BringsThePassOnlyWhileItsLinkIsUp) {
+    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
+    LogCapture log;
+    CommandRecorder commands;
+    KernelShapeScript kernel;
+    RecordedKernel recorded;
+    CYCLE_STATE state = BuiltTwoPortState();
+    KERNEL_SHAPE detached = WholeTwoPortShape();
+    detached.m_links[1].m_nMaster = 0;
+    kernel.Show(detached);
+    // Its link down (the cable pulled): the recovery's bounces report it every
+    // pass, and the pass would not put it back; no news, no pass.
+    state.m_bEth0LinkUp = false;
+    recorded.Send(ReadKernelEvents("kernel-eth0-lost.hex"));
+    EXPECT_GE(TimedWait(recorded.m_watch, state, 600), 600);
+    EXPECT_EQ(log.Timeline(), Lines{});
+    // Up: the next pass puts it back, at once.
+    state.m_bEth0LinkUp = true;
+    recorded.Send(ReadKernelEvents("kernel-br0-removed.hex"));
+    EXPECT_LT(TimedWait(recorded.m_watch, state, 5000), 2500);
+    EXPECT_EQ(log.Timeline(), Lines{"WARN CheckForOutsideChanges: eth0 was taken out of br0; putting it back"});
+    EXPECT_FALSE(state.m_bBridgeSetupPending);
+}
+
 TEST(AwaitNextPassTest, ABurstDuringTheWaitIsOneLook) {
     KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
     LogCapture log;
