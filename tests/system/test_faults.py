@@ -6,6 +6,7 @@ the daemon logs, that the work is not taken as done and that it is done later.""
 
 import datetime
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -361,8 +362,14 @@ class FaultTest(harness.DaemonTestCase):
         raised = time.monotonic()
         daemon.wait_for_message("Configuring veth1 for 10.0.0.3/255.255.255.0", timeout=5)
         report("few descriptors: limit raised to configuration in force", time.monotonic() - raised)
-        # Nothing was left open by the failed reads.
-        self.assertEqual(sorted(os.listdir("/proc/%d/fd" % daemon.pid)), ["0", "1", "2"])
+        # Nothing was left open by the failed reads: the standard three, and what
+        # the daemon holds for its life, the kernel's and the files' notifications
+        # and the set it waits on.
+        held = sorted(os.readlink("/proc/%d/fd/%s" % (daemon.pid, fd)) for fd in os.listdir("/proc/%d/fd" % daemon.pid)
+                      if int(fd) > 2)
+        self.assertEqual(sorted(os.listdir("/proc/%d/fd" % daemon.pid), key=int), ["0", "1", "2", "3", "4", "5"])
+        self.assertEqual([re.sub(r"\[\d+\]$", "", target) for target in held],
+                         ["anon_inode:[eventpoll]", "anon_inode:inotify", "socket:"], held)
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())
     def test_notify_service_hears_ready_after_the_first_cycle_then_the_watchdog(self):
@@ -402,9 +409,14 @@ class FaultTest(harness.DaemonTestCase):
         self.sandbox.write_config(ETH1_STATIC)
         daemon = self.start_daemon(env={"WATCHDOG_USEC": "2000000"})
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1")
-        # No socket of any kind was opened for it (the link query's is closed at once).
+        # No socket was opened for it (the link query's is closed at once): the one
+        # socket the daemon holds is its rtnetlink one for the kernel's notifications.
         sockets = [os.readlink("/proc/%d/fd/%s" % (daemon.pid, fd)) for fd in os.listdir("/proc/%d/fd" % daemon.pid)]
-        self.assertEqual([s for s in sockets if s.startswith("socket:")], [])
+        sockets = [s[len("socket:["):-1] for s in sockets if s.startswith("socket:")]
+        with open("/proc/%d/net/netlink" % daemon.pid) as netlink:
+            netlink_inodes = {line.split()[-1] for line in netlink.readlines()[1:]}
+        self.assertEqual(len(sockets), 1, sockets)
+        self.assertIn(sockets[0], netlink_inodes)
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())
 
