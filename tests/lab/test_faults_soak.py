@@ -56,7 +56,9 @@ def children_of(pid):
                 try:
                     with open("/proc/%s/stat" % child) as stat:
                         found.append((int(child), stat.read().rpartition(")")[2].split()[0]))
-                except FileNotFoundError:
+                except (FileNotFoundError, ProcessLookupError):
+                    # Ended between the listing and the read (a read of a
+                    # process that is gone gives ESRCH): no child any more.
                     pass
     return found
 
