@@ -64,6 +64,7 @@ import struct
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 try:
@@ -625,6 +626,29 @@ class Daemon:
         if status == SETUP_FAILED:
             raise AssertionError("the namespace could not be set up:\n" + self.output())
         return status if status < 128 else -(status - 128)
+
+    def held_descriptors(self, timeout=None):
+        """The daemon's open descriptors as {fd: target}, taken when two listings 0.2 s
+        apart agree: a pass opens and closes pipes and dump sockets of its own, and a
+        descriptor can close between its listing and its reading."""
+        def listing():
+            found = {}
+            for fd in os.listdir("/proc/%d/fd" % self.pid):
+                try:
+                    found[int(fd)] = os.readlink("/proc/%d/fd/%s" % (self.pid, fd))
+                except FileNotFoundError:
+                    pass
+            return found
+        last = {}
+
+        def steady():
+            nonlocal last
+            before = listing()
+            time.sleep(0.2)
+            last = listing()
+            return before == last
+        wait_until(steady, "a steady listing of the daemon's descriptors", timeout)
+        return last
 
     def signal_mask(self, field):
         """A signal set from /proc/PID/status (SigIgn, SigCgt, SigBlk) as a set of numbers."""

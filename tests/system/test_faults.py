@@ -365,9 +365,9 @@ class FaultTest(harness.DaemonTestCase):
         # Nothing was left open by the failed reads: the standard three, and what
         # the daemon holds for its life, the kernel's and the files' notifications
         # and the set it waits on.
-        held = sorted(os.readlink("/proc/%d/fd/%s" % (daemon.pid, fd)) for fd in os.listdir("/proc/%d/fd" % daemon.pid)
-                      if int(fd) > 2)
-        self.assertEqual(sorted(os.listdir("/proc/%d/fd" % daemon.pid), key=int), ["0", "1", "2", "3", "4", "5"])
+        descriptors = daemon.held_descriptors()
+        held = sorted(target for fd, target in descriptors.items() if fd > 2)
+        self.assertEqual(sorted(descriptors), [0, 1, 2, 3, 4, 5])
         self.assertEqual([re.sub(r"\[\d+\]$", "", target) for target in held],
                          ["anon_inode:[eventpoll]", "anon_inode:inotify", "socket:"], held)
         daemon.send(signal.SIGTERM)
@@ -411,8 +411,7 @@ class FaultTest(harness.DaemonTestCase):
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1")
         # No socket was opened for it (the link query's is closed at once): the one
         # socket the daemon holds is its rtnetlink one for the kernel's notifications.
-        sockets = [os.readlink("/proc/%d/fd/%s" % (daemon.pid, fd)) for fd in os.listdir("/proc/%d/fd" % daemon.pid)]
-        sockets = [s[len("socket:["):-1] for s in sockets if s.startswith("socket:")]
+        sockets = [s[len("socket:["):-1] for s in daemon.held_descriptors().values() if s.startswith("socket:")]
         with open("/proc/%d/net/netlink" % daemon.pid) as netlink:
             netlink_inodes = {line.split()[-1] for line in netlink.readlines()[1:]}
         self.assertEqual(len(sockets), 1, sockets)
