@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ struct CYCLE_STATE {
     bool m_bBridgeSetupPending = true;
     // The mode br0 was last built for; compared only once a build has happened.
     BRIDGE_MODE m_eLastBridgeMode = BRIDGE_MODE_ETH0;
+    // The MAC address the last build gave veth1, in the kernel's lower case;
+    // empty when the kernel command line had none it could use.
+    std::string m_veth1Mac;
     // The PHY mode is to be written on the next usable pass, whatever the mode.
     bool m_bPhyModePending = true;
     // The PHY mode last written (or attempted: a failed write is not retried,
@@ -90,6 +94,10 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state);
 // What the passes so far have put in place and expect to find again; nothing
 // before a usable pass has built br0.
 WANTED_SHAPE WantedShape(const CYCLE_STATE& state);
+
+// After work that put `works` in place: what of it the kernel does not show
+// now was never held, and is no outside change later.
+void NoteShapeHeld(CYCLE_STATE& state, std::initializer_list<SHAPE_REPAIR> works);
 
 // Reads the kernel's links, addresses and routes and compares them with
 // WantedShape. What someone else undid gets one WARN per piece of work that

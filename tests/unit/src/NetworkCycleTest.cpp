@@ -711,6 +711,53 @@ TEST(NetworkCycleTest, WhatIsUndoneFromOutsideIsPutBackAndAFightWaits) {
     EXPECT_EQ(timeline, expected) << Text(timeline);
 }
 
+TEST(NetworkCycleTest, Veth1IsHeldToTheMacItsBuildGaveItNotToALaterCommandLine) {
+    TESSEL_NEED_NAMESPACES();
+    KernelShapeScript kernel;
+    KERNEL_SHAPE laterMac = WholeTwoPortShape();
+    laterMac.m_links[4].m_mac = "02:00:00:00:77:99";
+    std::optional<KernelCommandLine> later;
+    Lines timeline = RunTimedPasses(
+        Eth0::kUp, kBothStatic, 5, [](int, const std::string&) { return std::nullopt; },
+        [&](int pass, CYCLE_STATE& state) {
+            // The command line names another MAC after the first build: the
+            // check still holds veth1 to the one that build gave it.
+            if (pass == 2) later.emplace("console=ttyS0 mac=02:00:00:00:77:99 quiet\n");
+            if (pass == 2 || pass == 3) kernel.Show(WholeTwoPortShape());
+            // Changed from outside to the new one: a rebuild, which takes it.
+            if (pass == 4 || pass == 5) kernel.Show(laterMac);
+            if (pass >= 2) CheckForOutsideChanges(state);
+        });
+    const Lines rebuilt = Join({Eth1Block(),
+                                Veth0Block(),
+                                ReadTimelineFixture("bridge-eth0eth1.timeline", {{"VETH1_MAC", "02:00:00:00:77:99"}}),
+                                IsolationComplete(),
+                                Veth0Lift(),
+                                Eth1Lift(),
+                                {"NOTICE NoteWorkDone: Repaired bridge setup after an outside change"}});
+    const Lines expected = Join({{"pass 1"},
+                                 BuildBoth(),
+                                 kReattach,
+                                 RegisterWrites(),
+                                 kVeth1Static,
+                                 kVeth3Static,
+                                 kPhyWrite,
+                                 {"pass 2"},
+                                 kReattach,
+                                 {"pass 3"},
+                                 kReattach,
+                                 {"pass 4",
+                                  "WARN CheckForOutsideChanges: veth1's MAC address was changed to 02:00:00:00:77:99; "
+                                  "rebuilding the bridge"},
+                                 rebuilt,
+                                 kReattach,
+                                 kVeth1Static,
+                                 kVeth3Static,
+                                 {"pass 5"},
+                                 kReattach});
+    EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
 TEST(NetworkCycleTest, AConfigurationBeingWrittenIsNotReadUntilItsWriterIsDone) {
     TESSEL_NEED_NAMESPACES();
     const std::string whole =
