@@ -24,13 +24,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 find_program(TESSEL_QEMU_ARM qemu-arm REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${TESSEL_QEMU_ARM} -L ${TESSEL_ARM_SYSROOT})
 
-# The device's build (the default build type, which the package is made from)
-# is optimised for size: the daemon spends its life waiting on the kernel and
-# on commands, and flash and memory are what the board is short of. Unused
-# functions of the libraries go at link time. Release (tools/bench) stays as
-# it is, so its figures compare with earlier ones.
+# The device's builds, the default one and Release alike (either makes the
+# package), are optimised for size: the daemon spends its life waiting on the
+# kernel and on commands, and flash and memory are what the board is short of.
 set(CMAKE_C_FLAGS_RELWITHDEBINFO "-Os -g -DNDEBUG" CACHE STRING "")
 set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-Os -g -DNDEBUG" CACHE STRING "")
-set(CMAKE_C_FLAGS_INIT "-ffunction-sections -fdata-sections")
-set(CMAKE_CXX_FLAGS_INIT "-ffunction-sections -fdata-sections")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--gc-sections")
+set(CMAKE_C_FLAGS_RELEASE "-Os -DNDEBUG" CACHE STRING "")
+set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG" CACHE STRING "")
