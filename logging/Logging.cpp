@@ -126,6 +126,48 @@ void WriteToSystemLog(LOGGING_SEVERITY_LEVEL severity, const std::string& messag
     }
 }
 
+// Apart and never inlined: its buffers are off the stack when the system log's
+// own formatting runs beneath an entry, the deepest call of the daemon's life
+// (stack pages stay resident once touched).
+[[gnu::noinline]] void WriteEntryToStdout(LOGGING_SEVERITY_LEVEL severity, const std::string& message, const char* file,
+                                          const char* function, int line) {
+    char header[512];
+    LineBuilder builder(header, sizeof header);
+    if (s_priorityPrefix.load()) {
+        builder.Char('<');
+        builder.Number(severity, 1);
+        builder.Char('>');
+    }
+    AppendTimestamp(builder);
+    builder.Char(' ');
+    builder.Text(SeverityName(severity));
+    builder.Char(' ');
+    builder.Text(file != nullptr ? file : "?");
+    builder.Char(':');
+    builder.Number(line, 1);
+    builder.Char(' ');
+    builder.Text(function != nullptr ? function : "?");
+    builder.Text(": ");
+
+    // One write per entry, so lines never interleave with what child
+    // commands print on the same descriptor.
+    char entry[4096];
+    size_t total = builder.Length() + message.size() + 1;
+    if (total <= sizeof entry) {
+        memcpy(entry, header, builder.Length());
+        // The entry is a counted line, not a C string: no terminator is wanted.
+        // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
+        memcpy(entry + builder.Length(), message.data(), message.size());
+        entry[total - 1] = '\n';
+        WriteAll(entry, total);
+    } else {
+        std::string longEntry(header, builder.Length());
+        longEntry += message;
+        longEntry += '\n';
+        WriteAll(longEntry.data(), longEntry.size());
+    }
+}
+
 // A handler that logs must never run inside an entry: its line would land in
 // the middle of this one wherever a write to a pipe or socket is only partly
 // done, and it would re-enter localtime_r, which holds the time-zone lock.
@@ -195,43 +237,7 @@ void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, con
     if (severity > s_level.load()) return;
     SignalsHeld held;
 
-    if (s_toStdout.load()) {
-        char header[512];
-        LineBuilder builder(header, sizeof header);
-        if (s_priorityPrefix.load()) {
-            builder.Char('<');
-            builder.Number(severity, 1);
-            builder.Char('>');
-        }
-        AppendTimestamp(builder);
-        builder.Char(' ');
-        builder.Text(SeverityName(severity));
-        builder.Char(' ');
-        builder.Text(file != nullptr ? file : "?");
-        builder.Char(':');
-        builder.Number(line, 1);
-        builder.Char(' ');
-        builder.Text(function != nullptr ? function : "?");
-        builder.Text(": ");
-
-        // One write per entry, so lines never interleave with what child
-        // commands print on the same descriptor.
-        char entry[4096];
-        size_t total = builder.Length() + message.size() + 1;
-        if (total <= sizeof entry) {
-            memcpy(entry, header, builder.Length());
-            // The entry is a counted line, not a C string: no terminator is wanted.
-            // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
-            memcpy(entry + builder.Length(), message.data(), message.size());
-            entry[total - 1] = '\n';
-            WriteAll(entry, total);
-        } else {
-            std::string longEntry(header, builder.Length());
-            longEntry += message;
-            longEntry += '\n';
-            WriteAll(longEntry.data(), longEntry.size());
-        }
-    }
+    if (s_toStdout.load()) WriteEntryToStdout(severity, message, file, function, line);
     if (!s_toStdout.load() || toSystemLog) WriteToSystemLog(severity, message);
 }
 

@@ -320,12 +320,15 @@ bool ReadBridgeOwnFlags(const std::string& bridge, bool& iptables, bool& arptabl
                sizeof kernel) < 0) {
         return false;
     }
-    alignas(nlmsghdr) char reply[16384];
+    // One link's message: 1,880 bytes for br0 on Linux 6.18. The buffer sets
+    // the daemon's deepest stack, which stays resident; MSG_TRUNC gives a
+    // reply's whole length, so one cut short is told apart.
+    alignas(nlmsghdr) char reply[8192];
     ssize_t got = 0;
     do {
-        got = recv(socketFd.Get(), reply, sizeof reply, 0);
+        got = recv(socketFd.Get(), reply, sizeof reply, MSG_TRUNC);
     } while (got < 0 && errno == EINTR);
-    if (got <= 0) return false;
+    if (got <= 0 || static_cast<size_t>(got) > sizeof reply) return false;
     const auto* header = reinterpret_cast<const nlmsghdr*>(reply);
     if (!NLMSG_OK(header, static_cast<unsigned int>(got)) || header->nlmsg_type != RTM_NEWLINK) return false;
     const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
