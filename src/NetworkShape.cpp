@@ -19,8 +19,11 @@
 #include <vector>
 
 #include "util/UniqueFd.h"
+#include "util/UniqueMapping.h"
 
 namespace {
+
+constexpr size_t kDumpBufferBytes = 32768;
 
 KernelShapeReader& ActiveReader() {
     static KernelShapeReader reader;
@@ -30,7 +33,8 @@ KernelShapeReader& ActiveReader() {
 // A dump's messages are handed to `take` one by one; false when the kernel
 // could not be asked or answered with an error.
 template <typename Take>
-bool Dump(int socketFd, std::vector<char>& bigger, uint16_t type, unsigned char family, uint32_t sequence, Take take) {
+bool Dump(int socketFd, const Util::UniqueMapping& buffer, uint16_t type, unsigned char family, uint32_t sequence,
+          Take take) {
     struct {
         nlmsghdr m_header;
         rtgenmsg m_message;
@@ -46,18 +50,12 @@ bool Dump(int socketFd, std::vector<char>& bigger, uint16_t type, unsigned char 
                sizeof(kernel)) < 0) {
         return false;
     }
-    alignas(nlmsghdr) char onStack[4096];
     for (;;) {
-        // Peeked with MSG_TRUNC for its whole length: a datagram bigger than
-        // the stack's buffer (a kernel with pages over 4 KiB) is read into one
-        // that fits.
-        const ssize_t length = recv(socketFd, onStack, sizeof(onStack), MSG_PEEK | MSG_TRUNC);
-        if (length <= 0) return false;
-        if (static_cast<size_t>(length) > sizeof(onStack)) bigger.resize(static_cast<size_t>(length));
-        char* const data = static_cast<size_t>(length) > sizeof(onStack) ? bigger.data() : onStack;
-        if (recv(socketFd, data, static_cast<size_t>(length), 0) != length) return false;
-        auto remaining = static_cast<unsigned int>(length);
-        for (const auto* header = reinterpret_cast<const nlmsghdr*>(data); NLMSG_OK(header, remaining);
+        // MSG_TRUNC: the datagram's whole length, so one cut short is told apart.
+        const ssize_t got = recv(socketFd, buffer.Data(), buffer.Size(), MSG_TRUNC);
+        if (got <= 0 || static_cast<size_t>(got) > buffer.Size()) return false;
+        auto remaining = static_cast<unsigned int>(got);
+        for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.Data()); NLMSG_OK(header, remaining);
              header = NLMSG_NEXT(header, remaining)) {
             if (header->nlmsg_seq != sequence) continue;
             if (header->nlmsg_type == NLMSG_DONE) return true;
@@ -190,16 +188,17 @@ KERNEL_SHAPE ReadKernelShape() {
     timeval limit{};
     limit.tv_sec = 1;
     setsockopt(socketFd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    // The kernel sizes a dump's datagrams to the reader's buffer, and to a page
-    // (or one message) at least: 4 KiB on the stack hold them on the device,
-    // and keep the stack, whose pages stay resident, no deeper than the
-    // daemon's other work takes it.
-    std::vector<char> bigger;
+    // The kernel sizes a dump's datagrams to the largest buffer the reader has
+    // offered (32 KiB at most), and a link whose message does not fit is left
+    // out, on Linux 6.18 without an error. 32 KiB are offered, in a mapping of
+    // the look's own: nothing of it stays resident after the look.
+    const Util::UniqueMapping buffer(kDumpBufferBytes);
+    if (!buffer.IsMapped()) return shape;
     const int fd = socketFd.Get();
     shape.m_bRead =
-        Dump(fd, bigger, RTM_GETLINK, AF_UNSPEC, 1, [&shape](const nlmsghdr* header) { TakeLink(header, shape); }) &&
-        Dump(fd, bigger, RTM_GETADDR, AF_INET, 2, [&shape](const nlmsghdr* header) { TakeAddress(header, shape); }) &&
-        Dump(fd, bigger, RTM_GETROUTE, AF_INET, 3, [&shape](const nlmsghdr* header) { TakeRoute(header, shape); });
+        Dump(fd, buffer, RTM_GETLINK, AF_UNSPEC, 1, [&shape](const nlmsghdr* header) { TakeLink(header, shape); }) &&
+        Dump(fd, buffer, RTM_GETADDR, AF_INET, 2, [&shape](const nlmsghdr* header) { TakeAddress(header, shape); }) &&
+        Dump(fd, buffer, RTM_GETROUTE, AF_INET, 3, [&shape](const nlmsghdr* header) { TakeRoute(header, shape); });
     return shape;
 }
 

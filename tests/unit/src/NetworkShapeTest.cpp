@@ -6,6 +6,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -165,6 +166,31 @@ TEST(ReadKernelShapeTest, LinksPortsMacsAddressesAndDefaultRoutesAsTheKernelHasT
     });
     EXPECT_EQ(lines, (Lines{"read", "br0 up yes", "veth0 in br0 yes", "veth1 master 0 mac 02:00:00:00:77:01",
                             "veth1 address 192.168.1.2/24", "default via 192.168.1.1 index veth1 metric 10"}));
+}
+
+TEST(ReadKernelShapeTest, ALinkWhoseMessageIsOverEightKibIsNotLeftOut) {
+    TESSEL_NEED_NAMESPACES();
+    Lines lines = InNewNamespaces(CLONE_NEWNET, [] {
+        if (!RunQuietly("ip link add veth1 type veth peer name veth0")) return Lines{"cannot add veth1"};
+        // 80 alternative names of 104 characters make veth1's message 10,460
+        // bytes on Linux 6.18: a reader offering less is sent the dump without it.
+        const std::string padding(100, 'x');
+        for (int i = 0; i < 80; ++i) {
+            char name[8];
+            snprintf(name, sizeof name, "a%03d", i);
+            if (!RunQuietly("ip link property add dev veth1 altname " + std::string(name) + padding)) {
+                return Lines{"no alternative names"};
+            }
+        }
+        const KERNEL_SHAPE shape = ReadKernelShape();
+        Lines seen = {shape.m_bRead ? "read" : "not read"};
+        for (const char* name : {"veth0", "veth1"}) {
+            seen.push_back(std::string(name) + (shape.Link(name) != nullptr ? " listed" : " missing"));
+        }
+        return seen;
+    });
+    if (lines == Lines{"no alternative names"}) GTEST_SKIP() << "this kernel or ip has no alternative names";
+    EXPECT_EQ(lines, (Lines{"read", "veth0 listed", "veth1 listed"}));
 }
 
 }  // namespace
