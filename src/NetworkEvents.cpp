@@ -52,13 +52,17 @@ void NoteEth0(const nlmsghdr* header, EVENTS& events) {
     }
 }
 
-// Reads one source until it is empty (both are non-blocking).
+// Reads one source until it is empty (both are non-blocking). A datagram
+// source's are read with MSG_TRUNC: one longer than the buffer (a link with
+// many alternative names) is reported as EMSGSIZE, not parsed cut short.
 template <typename Note>
-void Drain(int fd, Note note) {
+void Drain(int fd, bool datagrams, Note note) {
     alignas(nlmsghdr) alignas(inotify_event) char buffer[8192];
     for (;;) {
-        const ssize_t got = read(fd, buffer, sizeof(buffer));
-        if (got > 0) {
+        const ssize_t got = datagrams ? recv(fd, buffer, sizeof(buffer), MSG_TRUNC) : read(fd, buffer, sizeof(buffer));
+        if (got > static_cast<ssize_t>(sizeof(buffer))) {
+            note(nullptr, 0, EMSGSIZE);
+        } else if (got > 0) {
             note(buffer, static_cast<size_t>(got), 0);
         } else if (got < 0 && errno == ENOBUFS) {
             // The socket's queue overflowed: notifications were lost.
@@ -73,13 +77,14 @@ void Drain(int fd, Note note) {
 
 void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
     if (watch.m_kernel.IsOpen()) {
-        Drain(watch.m_kernel.Get(), [&events](const char* data, size_t length, int error) {
+        // A notification lost or too long for the buffer: the look finds what it said.
+        Drain(watch.m_kernel.Get(), true, [&events](const char* data, size_t length, int error) {
             if (error != 0) events.m_bKernel = true;
             if (data != nullptr) NoteKernelMessages(data, length, events);
         });
     }
     if (watch.m_files.IsOpen()) {
-        Drain(watch.m_files.Get(), [&watch, &events](const char* data, size_t length, int /*error*/) {
+        Drain(watch.m_files.Get(), false, [&watch, &events](const char* data, size_t length, int /*error*/) {
             if (data != nullptr) NoteFileEvents(watch, data, length, events);
         });
     }

@@ -4,6 +4,7 @@
 #include "src/NetworkEvents.h"
 
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -75,6 +77,7 @@ CYCLE_STATE BuiltTwoPortState() {
     state.m_bRegisterWritesPending = false;
     state.m_eLastBridgeMode = BRIDGE_MODE_ETH0ETH1;
     state.m_settings.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
+    state.m_veth1Mac = kTestVeth1Mac;
     state.m_veth1.m_bReconfigure = false;
     state.m_veth1.m_applied = {false, Address("192.168.1.2"), Address("255.255.255.0"), Address("192.168.1.1")};
     state.m_veth3.m_bReconfigure = false;
@@ -153,6 +156,30 @@ TEST(AwaitNextPassTest, ABridgeRemovedFromOutsideBringsThePassAtOnce) {
     EXPECT_EQ(state.m_bridgeHealth.m_nUndone, 1U);
     EXPECT_EQ(state.m_bridgeHealth.m_lastUndone, "br0 was removed");
     EXPECT_TRUE(WorkDue(state.m_bridgeHealth));
+}
+
+TEST(AwaitNextPassTest, ANotificationLongerThanTheBufferStillBringsALook) {
+    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
+    LogCapture log;
+    CommandRecorder commands;
+    KernelShapeScript kernel;
+    RecordedKernel recorded;
+    CYCLE_STATE state = BuiltTwoPortState();
+    kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
+    // The removal of a link with many alternative names: 10,460 bytes, more
+    // than the 8 KiB the wait reads a notification into.
+    std::string removal = ReadKernelEvents("kernel-br0-removed.hex").front();
+    auto* header = reinterpret_cast<nlmsghdr*>(removal.data());
+    removal.resize(header->nlmsg_len);
+    removal.append(10460 - removal.size(), '\0');
+    header = reinterpret_cast<nlmsghdr*>(removal.data());
+    header->nlmsg_len = static_cast<uint32_t>(removal.size());
+    recorded.Send({removal});
+    const int64_t tookMs = TimedWait(recorded.m_watch, state, 5000);
+    EXPECT_LT(tookMs, 2500);
+    EXPECT_EQ(kernel.m_nReads, 1);
+    EXPECT_EQ(log.Timeline(), Lines{"WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"});
+    EXPECT_TRUE(state.m_bBridgeSetupPending);
 }
 
 TEST(AwaitNextPassTest, AnAddressRemovedFromOutsideSetsTheInterfaceUpAgain) {
