@@ -23,6 +23,7 @@
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "util/UniqueFd.h"
+#include "util/UniqueMapping.h"
 #include "util/Util.h"
 
 namespace {
@@ -320,16 +321,18 @@ bool ReadBridgeOwnFlags(const std::string& bridge, bool& iptables, bool& arptabl
                sizeof kernel) < 0) {
         return false;
     }
-    // One link's message: 1,880 bytes for br0 on Linux 6.18. The buffer sets
-    // the daemon's deepest stack, which stays resident; MSG_TRUNC gives a
+    // One link's message: 1,880 bytes for br0 on Linux 6.18, more with many
+    // alternative names, and never over 64 KiB. Mapped for the look alone: a
+    // buffer on the stack would leave its pages resident. MSG_TRUNC gives a
     // reply's whole length, so one cut short is told apart.
-    alignas(nlmsghdr) char reply[8192];
+    const Util::UniqueMapping reply(65536);
+    if (!reply.IsMapped()) return false;
     ssize_t got = 0;
     do {
-        got = recv(socketFd.Get(), reply, sizeof reply, MSG_TRUNC);
+        got = recv(socketFd.Get(), reply.Data(), reply.Size(), MSG_TRUNC);
     } while (got < 0 && errno == EINTR);
-    if (got <= 0 || static_cast<size_t>(got) > sizeof reply) return false;
-    const auto* header = reinterpret_cast<const nlmsghdr*>(reply);
+    if (got <= 0 || static_cast<size_t>(got) > reply.Size()) return false;
+    const auto* header = reinterpret_cast<const nlmsghdr*>(reply.Data());
     if (!NLMSG_OK(header, static_cast<unsigned int>(got)) || header->nlmsg_type != RTM_NEWLINK) return false;
     const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
     const size_t attributesLength = header->nlmsg_len - NLMSG_LENGTH(sizeof(ifinfomsg));

@@ -5,6 +5,7 @@
 #include <sched.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -264,6 +265,30 @@ TEST(BridgeFilterStateTest, ReadsTheSystemWideSwitchAndTheBridgesOwn) {
     if (found == Lines{"no br_netfilter"}) GTEST_SKIP() << "this kernel has no br_netfilter";
     EXPECT_EQ(found,
               (Lines{"available ip arp", "available - -", "available ip -", "available ip arp", "available - -"}));
+}
+
+TEST(BridgeFilterStateTest, ReadsTheBridgesOwnWhateverTheSizeOfItsMessage) {
+    TESSEL_NEED_NAMESPACES();
+    Lines found = InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS, [] {
+        if (ReadFlag("/proc/sys/net/bridge/bridge-nf-call-iptables").empty()) return Lines{"no br_netfilter"};
+        if (!RunQuietly("ip link add br0 type bridge")) return Lines{"cannot make br0"};
+        RunQuietly("sysctl -q -w net.bridge.bridge-nf-call-iptables=0 net.bridge.bridge-nf-call-arptables=0");
+        RunQuietly("ip link set dev br0 type bridge nf_call_iptables 1 nf_call_arptables 1");
+        // 80 alternative names of 104 characters: br0's message grows past 10 KiB.
+        const std::string padding(100, 'x');
+        for (int i = 0; i < 80; ++i) {
+            char name[8];
+            snprintf(name, sizeof name, "b%03d", i);
+            if (!RunQuietly("ip link property add dev br0 altname " + std::string(name) + padding)) {
+                return Lines{"no alternative names"};
+            }
+        }
+        const BRIDGE_FILTER_STATE state = ReadBridgeFilterState("br0");
+        return Lines{std::string(state.m_bIptables ? "ip" : "-") + (state.m_bArptables ? " arp" : " -")};
+    });
+    if (found == Lines{"no br_netfilter"}) GTEST_SKIP() << "this kernel has no br_netfilter";
+    if (found == Lines{"no alternative names"}) GTEST_SKIP() << "this kernel or ip has no alternative names";
+    EXPECT_EQ(found, Lines{"ip arp"});
 }
 
 }  // namespace
