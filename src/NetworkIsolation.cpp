@@ -321,10 +321,10 @@ bool ReadBridgeOwnFlags(const std::string& bridge, bool& iptables, bool& arptabl
                sizeof kernel) < 0) {
         return false;
     }
-    // One link's message: 1,880 bytes for br0 on Linux 6.18, more with many
-    // alternative names, and never over 64 KiB. Mapped for the look alone: a
-    // buffer on the stack would leave its pages resident. MSG_TRUNC gives a
-    // reply's whole length, so one cut short is told apart.
+    // One link's message: 1,880 bytes for br0 on Linux 6.18, 10 KiB with 80
+    // alternative names; 64 KiB leave room for far more, and MSG_TRUNC gives
+    // a reply's whole length, so a longer one is told apart. Mapped for the
+    // look alone: a buffer on the stack would leave its pages resident.
     const Util::UniqueMapping reply(65536);
     if (!reply.IsMapped()) return false;
     ssize_t got = 0;
