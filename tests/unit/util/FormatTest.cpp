@@ -27,6 +27,19 @@ TEST(FormatTest, FourThousandNinetySixCharactersBecomeTruncatedMarkerAlone) {
     EXPECT_EQ(Util::Format("%s%s", std::string(4000, 'a').c_str(), std::string(1000, 'b').c_str()), "(truncated)");
 }
 
+TEST(FormatTest, TextsAroundFiveHundredTwelveCharactersComeBackWhole) {
+    for (int width : {510, 511, 512, 513, 1000}) {
+        const std::string text = Util::Format("%*d|", width, 7);
+        EXPECT_EQ(text, std::string(static_cast<size_t>(width) - 1, ' ') + "7|") << width;
+    }
+    EXPECT_EQ(Util::Format("%s%s", std::string(3000, 'a').c_str(), "end"), std::string(3000, 'a') + "end");
+}
+
+TEST(FormatTest, ZeroCharacterEndsALongTextToo) {
+    const std::string text = Util::Format("%s%cafter", std::string(600, 'a').c_str(), 0);
+    EXPECT_EQ(text, std::string(600, 'a'));
+}
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-zero-length"
 TEST(FormatTest, EmptyFormatGivesEmptyString) { EXPECT_EQ(Util::Format(""), ""); }
