@@ -14,6 +14,8 @@ class UniqueMapping {
 public:
     // Maps `size` bytes, readable and writable; nothing is held when that fails.
     explicit UniqueMapping(size_t size) noexcept {
+        // An anonymous mapping has no file: -1 is the descriptor it is given.
+        // cppcheck-suppress invalidFunctionArg
         void* data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (data != MAP_FAILED) {
             m_data = static_cast<char*>(data);
