@@ -96,6 +96,18 @@ Lines InNewNamespaces(int flags, const std::function<Lines()>& body) {
 
 bool RunQuietly(const std::string& command) { return system((command + " >/dev/null 2>&1").c_str()) == 0; }
 
+bool GiveManyAlternativeNames(const std::string& link) {
+    const std::string padding(100, 'x');
+    for (int i = 0; i < 80; ++i) {
+        char name[8];
+        snprintf(name, sizeof name, "a%03d", i);
+        std::string command = "ip link property add dev ";
+        command.append(link).append(" altname ").append(name).append(padding);
+        if (!RunQuietly(command)) return false;
+    }
+    return true;
+}
+
 bool WaitForOperStateUp(const std::string& name) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     std::string probe = "ip -o link show dev " + name + " 2>/dev/null | grep -q 'state UP'";

@@ -26,6 +26,11 @@ Lines InNewNamespaces(int flags, const std::function<Lines()>& body);
 // In a test's namespaces: runs a shell command quietly; false when it failed.
 bool RunQuietly(const std::string& command);
 
+// In a test's namespaces: gives `link` 80 alternative names of 104 characters,
+// which grow its link message past 10 KiB (10,460 bytes for a veth on Linux
+// 6.18); false where the kernel or ip has no alternative names.
+bool GiveManyAlternativeNames(const std::string& link);
+
 // A fresh veth takes a moment to report carrier: waits for the kernel's own
 // operational state (not the code under test), at most 5 seconds.
 bool WaitForOperStateUp(const std::string& name);
