@@ -120,13 +120,19 @@ int64_t TimedWait(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int milliseco
     return SteadyMs() - startMs;
 }
 
-TEST(AwaitNextPassTest, ThePassesOwnNotificationsBringOneLookAndNoPass) {
-    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
+// The wait after a two-port build: the test's command line, log and commands,
+// the kernel as a script shows it, and recorded notifications as its source.
+class AwaitAfterABuildTest : public ::testing::Test {
+protected:
+    KernelCommandLine cmdline{"console=ttyS0 mac=02:00:00:00:77:01 quiet\n"};
     LogCapture log;
     CommandRecorder commands;
     KernelShapeScript kernel;
     RecordedKernel recorded;
     CYCLE_STATE state = BuiltTwoPortState();
+};
+
+TEST_F(AwaitAfterABuildTest, ThePassesOwnNotificationsBringOneLookAndNoPass) {
     // Queued while the pass ran its commands.
     recorded.Send(ReadKernelEvents("kernel-build-burst.hex"));
     const int64_t tookMs = TimedWait(recorded.m_watch, state, 400);
@@ -136,13 +142,7 @@ TEST(AwaitNextPassTest, ThePassesOwnNotificationsBringOneLookAndNoPass) {
     EXPECT_FALSE(state.m_bBridgeSetupPending);
 }
 
-TEST(AwaitNextPassTest, ABridgeRemovedFromOutsideBringsThePassAtOnce) {
-    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-    LogCapture log;
-    CommandRecorder commands;
-    KernelShapeScript kernel;
-    RecordedKernel recorded;
-    CYCLE_STATE state = BuiltTwoPortState();
+TEST_F(AwaitAfterABuildTest, ABridgeRemovedFromOutsideBringsThePassAtOnce) {
     kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
     std::thread outside = recorded.SendLater(ReadKernelEvents("kernel-br0-removed.hex"), 100);
     const int64_t tookMs = TimedWait(recorded.m_watch, state, 5000);
@@ -158,13 +158,7 @@ TEST(AwaitNextPassTest, ABridgeRemovedFromOutsideBringsThePassAtOnce) {
     EXPECT_TRUE(WorkDue(state.m_bridgeHealth));
 }
 
-TEST(AwaitNextPassTest, ANotificationLongerThanTheBufferStillBringsALook) {
-    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-    LogCapture log;
-    CommandRecorder commands;
-    KernelShapeScript kernel;
-    RecordedKernel recorded;
-    CYCLE_STATE state = BuiltTwoPortState();
+TEST_F(AwaitAfterABuildTest, ANotificationLongerThanTheBufferStillBringsALook) {
     kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
     // The removal of a link with many alternative names: 10,460 bytes, more
     // than the 8 KiB the wait reads a notification into.
@@ -182,13 +176,7 @@ TEST(AwaitNextPassTest, ANotificationLongerThanTheBufferStillBringsALook) {
     EXPECT_TRUE(state.m_bBridgeSetupPending);
 }
 
-TEST(AwaitNextPassTest, AnAddressRemovedFromOutsideSetsTheInterfaceUpAgain) {
-    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-    LogCapture log;
-    CommandRecorder commands;
-    KernelShapeScript kernel;
-    RecordedKernel recorded;
-    CYCLE_STATE state = BuiltTwoPortState();
+TEST_F(AwaitAfterABuildTest, AnAddressRemovedFromOutsideSetsTheInterfaceUpAgain) {
     kernel.m_shape.m_addresses.pop_back();
     recorded.Send(ReadKernelEvents("kernel-veth3-flushed.hex"));
     std::thread outside = recorded.SendLater(ReadKernelEvents("kernel-veth3-flushed.hex"), 50);
@@ -204,13 +192,7 @@ TEST(AwaitNextPassTest, AnAddressRemovedFromOutsideSetsTheInterfaceUpAgain) {
     EXPECT_FALSE(state.m_bBridgeSetupPending);
 }
 
-TEST(AwaitNextPassTest, Eth0OutOfBr0BringsThePassOnlyWhileItsLinkIsUp) {
-    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-    LogCapture log;
-    CommandRecorder commands;
-    KernelShapeScript kernel;
-    RecordedKernel recorded;
-    CYCLE_STATE state = BuiltTwoPortState();
+TEST_F(AwaitAfterABuildTest, Eth0OutOfBr0BringsThePassOnlyWhileItsLinkIsUp) {
     KERNEL_SHAPE detached = WholeTwoPortShape();
     detached.m_links[1].m_nMaster = 0;
     kernel.Show(detached);
@@ -228,13 +210,7 @@ TEST(AwaitNextPassTest, Eth0OutOfBr0BringsThePassOnlyWhileItsLinkIsUp) {
     EXPECT_FALSE(state.m_bBridgeSetupPending);
 }
 
-TEST(AwaitNextPassTest, ABurstDuringTheWaitIsOneLook) {
-    KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-    LogCapture log;
-    CommandRecorder commands;
-    KernelShapeScript kernel;
-    RecordedKernel recorded;
-    CYCLE_STATE state = BuiltTwoPortState();
+TEST_F(AwaitAfterABuildTest, ABurstDuringTheWaitIsOneLook) {
     // 33 notifications over about 33 ms, as a build's commands bring them.
     std::thread burst = recorded.SendLater(ReadKernelEvents("kernel-build-burst.hex"), 100, 1);
     const int64_t tookMs = TimedWait(recorded.m_watch, state, 1500);
