@@ -200,6 +200,11 @@ const Lines kPhyWrite = {
     "$ ip link set dev eth1 up",
 };
 
+// The first pass of a two-port device with both interfaces static.
+Lines FirstTwoPortPass() {
+    return Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite});
+}
+
 TEST(NetworkCycleTest, FirstUsablePassInEachBridgeMode) {
     TESSEL_NEED_NAMESPACES();
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth0Static, ""}}),
@@ -207,8 +212,7 @@ TEST(NetworkCycleTest, FirstUsablePassInEachBridgeMode) {
     // eth0 is not watched, yet the first usable pass writes the registers.
     EXPECT_EQ(RunPasses(Eth0::kUp, {{kEth1Static, ""}}),
               Join({{"pass 1"}, BuildEth1(), RegisterWrites(), kVeth1Static, kPhyWrite}));
-    EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}}),
-              Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite}));
+    EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}}), FirstTwoPortPass());
 }
 
 TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
@@ -243,19 +247,8 @@ TEST(NetworkCycleTest, SteadyPassesFollowEth0sLink) {
 
 TEST(NetworkCycleTest, BridgeModeChangeRebuildsAndStopsServicingVeth3) {
     TESSEL_NEED_NAMESPACES();
-    EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}, {kEth0Static, ""}, {"", ""}}), Join({{"pass 1"},
-                                                                                            BuildBoth(),
-                                                                                            kReattach,
-                                                                                            RegisterWrites(),
-                                                                                            kVeth1Static,
-                                                                                            kVeth3Static,
-                                                                                            kPhyWrite,
-                                                                                            {"pass 2"},
-                                                                                            BuildEth0(),
-                                                                                            kReattach,
-                                                                                            kVeth1Static,
-                                                                                            {"pass 3"},
-                                                                                            kReattach}));
+    EXPECT_EQ(RunPasses(Eth0::kUp, {{kBothStatic, ""}, {kEth0Static, ""}, {"", ""}}),
+              Join({FirstTwoPortPass(), {"pass 2"}, BuildEth0(), kReattach, kVeth1Static, {"pass 3"}, kReattach}));
 }
 
 TEST(NetworkCycleTest, PhyModeChangeWritesItAndBouncesEth1Only) {
@@ -555,8 +548,7 @@ TEST(NetworkCycleTest, StartUpBlocksEth1BeforeRaisingIt) {
 TEST(NetworkCycleTest, TheIsolationIsLookedAtEveryTenSecondsAndNothingElseIsAdded) {
     TESSEL_NEED_NAMESPACES();
     Lines timeline = RunTimedPasses(Eth0::kUp, kBothStatic, 22, [](int, const std::string&) { return std::nullopt; });
-    Lines expected =
-        Join({{"pass 1"}, BuildBoth(), kReattach, RegisterWrites(), kVeth1Static, kVeth3Static, kPhyWrite});
+    Lines expected = FirstTwoPortPass();
     for (int pass = 2; pass <= 22; ++pass) {
         expected.push_back("pass " + std::to_string(pass));
         // Seconds 10 and 20 after the build.
@@ -685,13 +677,7 @@ TEST(NetworkCycleTest, WhatIsUndoneFromOutsideIsPutBackAndAFightWaits) {
                                 kVeth1Static,
                                 kVeth3Static});
     const Lines expected =
-        Join({{"pass 1"},
-              BuildBoth(),
-              kReattach,
-              RegisterWrites(),
-              kVeth1Static,
-              kVeth3Static,
-              kPhyWrite,
+        Join({FirstTwoPortPass(),
               // Each pass's lines begin with what the look before it found.
               {"pass 2", "WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"},
               rebuilt,
@@ -735,13 +721,7 @@ TEST(NetworkCycleTest, Veth1IsHeldToTheMacItsBuildGaveItNotToALaterCommandLine) 
                                 Veth0Lift(),
                                 Eth1Lift(),
                                 {"NOTICE NoteWorkDone: Repaired bridge setup after an outside change"}});
-    const Lines expected = Join({{"pass 1"},
-                                 BuildBoth(),
-                                 kReattach,
-                                 RegisterWrites(),
-                                 kVeth1Static,
-                                 kVeth3Static,
-                                 kPhyWrite,
+    const Lines expected = Join({FirstTwoPortPass(),
                                  {"pass 2"},
                                  kReattach,
                                  {"pass 3"},
@@ -777,13 +757,7 @@ TEST(NetworkCycleTest, AConfigurationBeingWrittenIsNotReadUntilItsWriterIsDone) 
                 state.m_nConfigWritingSinceMs = 0;
             }
         });
-    const Lines expected = Join({{"pass 1"},
-                                 BuildBoth(),
-                                 kReattach,
-                                 RegisterWrites(),
-                                 kVeth1Static,
-                                 kVeth3Static,
-                                 kPhyWrite,
+    const Lines expected = Join({FirstTwoPortPass(),
                                  {"pass 2"},
                                  kReattach,
                                  {"pass 3"},
@@ -839,13 +813,7 @@ TEST(NetworkCycleTest, WhatTheKernelNeverHeldIsNoOutsideChange) {
             }
         });
     const Lines expected =
-        Join({{"pass 1"},
-              BuildBoth(),
-              kReattach,
-              RegisterWrites(),
-              kVeth1Static,
-              kVeth3Static,
-              kPhyWrite,
+        Join({FirstTwoPortPass(),
               {"pass 2"},
               kReattach,
               // What it held goes on counting.
