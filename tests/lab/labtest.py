@@ -20,6 +20,7 @@ import unittest
 
 try:
     from tesselkit import lab
+    from tesselkit.device import VETH3_ADDR
     from tesselkit.frames import Port, settle
     from tesselkit.logs import entries
     from tesselkit.waiting import wait_until
@@ -156,6 +157,14 @@ class Lab(lab.Lab):
 
     def __init__(self, name=LAB_NAME, daemon=DAEMON, ctl=CTL):
         super().__init__(name, daemon, ctl)
+
+    def wait_for_two_port_start(self):
+        """Waits until the two-port example is in force: veth1's lease, the first
+        cycle and veth3's static address; returns the lease."""
+        lease = self.wait_for_lease()
+        self.wait_for_first_cycle()
+        wait_until(lambda: self.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
+        return lease
 
     def logged(self, level, message, since=0):
         """The first entry of this level whose message starts with `message`

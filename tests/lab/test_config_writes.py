@@ -33,9 +33,7 @@ class ConfigWritesTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.lab = MODULE["lab"]
-        cls.lease = cls.lab.wait_for_lease()
-        cls.lab.wait_for_first_cycle()
-        wait_until(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
+        cls.lease = cls.lab.wait_for_two_port_start()
         cls.path = cls.lab.env["CONFIG"]
 
     def setUp(self):
