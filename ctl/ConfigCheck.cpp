@@ -9,8 +9,7 @@
 
 #include "ctl/ConfigCheck.h"
 #include "logging/Logging.h"
-#include "src/Network.h"
-#include "src/NetworkModes.h"
+#include "src/NetworkConfig.h"
 
 namespace {
 
@@ -67,13 +66,13 @@ std::string OptionalText(bool bValid, const IP_CONFIG& read, const IP_CONFIG& pr
 // The mode's word and what it bridges: "eth1: eth1 in br0".
 std::string BridgeText(BRIDGE_MODE mode) {
     const BRIDGE_MODE_TEXT* text = FindBridgeMode(mode);
-    return text != nullptr ? std::string(text->m_szWord) + ": " + text->m_szPorts : "unknown";
+    return text != nullptr ? std::string(text->m_szWord) + ": " + text->m_szMeaning : "unknown";
 }
 
 // The mode's word and the wiring: "frame: RGMII to SGMII".
 std::string PhyText(PHY_MODE mode) {
     const PHY_MODE_TEXT& text = PhyModeText(mode);
-    return std::string(text.m_szWord) + ": " + text.m_szWiring;
+    return std::string(text.m_szWord) + ": " + text.m_szMeaning;
 }
 
 }  // namespace

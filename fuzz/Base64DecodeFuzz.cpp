@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "fuzz/FuzzCheck.h"
-#include "util/Util.h"
+#include "util/Encoding.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include "fuzz/FuzzCheck.h"
 #include "fuzz/FuzzSupport.h"
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
 
 namespace {
 

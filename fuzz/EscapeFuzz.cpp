@@ -9,7 +9,7 @@
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
-#include "util/Util.h"
+#include "util/Encoding.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz/FuzzCheck.h"
-#include "util/Util.h"
+#include "util/Format.h"
 
 namespace {
 

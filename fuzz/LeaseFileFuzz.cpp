@@ -14,7 +14,7 @@
 
 #include "fuzz/FuzzCheck.h"
 #include "fuzz/FuzzSupport.h"
-#include "src/Network.h"
+#include "src/NetworkDhcp.h"
 
 namespace {
 

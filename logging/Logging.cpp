@@ -12,7 +12,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "util/Util.h"
+#include "util/Format.h"
 
 namespace Logging {
 

@@ -1,11 +1,12 @@
+#include "src/NetworkAddress.h"
+
 #include <arpa/inet.h>
 
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
 #include "src/NetworkShell.h"
-#include "util/Util.h"
+#include "util/Format.h"
 
 namespace {
 

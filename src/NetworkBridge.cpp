@@ -1,9 +1,11 @@
+#include "src/NetworkBridge.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkInputText.h"
 #include "src/NetworkShell.h"
 

@@ -1,4 +1,6 @@
 // The configuration file parser: the settings record and its interface lines.
+#include "src/NetworkConfig.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,8 +13,6 @@
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
-#include "src/NetworkModes.h"
 #include "util/UniqueFd.h"
 
 // An ERROR entry about the file, also noted for a caller that collects them; a

@@ -6,12 +6,19 @@
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkBridge.h"
+#include "src/NetworkClock.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkCycleShape.h"
+#include "src/NetworkDhcp.h"
+#include "src/NetworkInterfaces.h"
 #include "src/NetworkIsolation.h"
+#include "src/NetworkLinkPhy.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShape.h"
 #include "src/NetworkShell.h"
-#include "util/Util.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 
 namespace {
 

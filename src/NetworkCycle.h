@@ -5,11 +5,11 @@
 #include <time.h>
 
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkInterfaces.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShape.h"
@@ -90,17 +90,3 @@ void RunStartupCommands(CYCLE_STATE& state);
 // rebuilds, recovers and re-applies what the state says is due or changed. An
 // unusable file leaves everything else in `state` as it was.
 void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state);
-
-// What the passes so far have put in place and expect to find again; nothing
-// before a usable pass has built br0.
-WANTED_SHAPE WantedShape(const CYCLE_STATE& state);
-
-// After work that put `works` in place: what of it the kernel does not show
-// now was never held, and is no outside change later.
-void NoteShapeHeld(CYCLE_STATE& state, std::initializer_list<SHAPE_REPAIR> works);
-
-// Reads the kernel's links, addresses and routes and compares them with
-// WantedShape. What someone else undid gets one WARN per piece of work that
-// puts it back, and that work is made due (NoteWorkUndone). True when anything
-// was found: the next pass is wanted now.
-bool CheckForOutsideChanges(CYCLE_STATE& state);

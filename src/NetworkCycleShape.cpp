@@ -1,7 +1,7 @@
 // The cycle's view of what it built: the shape it wants held, and what the
 // kernel shows of it after someone else's change. Runs only after a build or
 // when the kernel reports a change, never in an idle pass.
-#include "src/NetworkCycle.h"
+#include "src/NetworkCycleShape.h"
 
 #include <algorithm>
 #include <cctype>
@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkBridge.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkInputText.h"
+#include "src/NetworkInterfaces.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShape.h"
 

@@ -15,11 +15,13 @@
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkClock.h"
+#include "src/NetworkDhcp.h"
 #include "src/NetworkShell.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 #include "util/UniqueDir.h"
 #include "util/UniqueFd.h"
-#include "util/Util.h"
 
 namespace {
 
@@ -181,7 +183,7 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
                       " is still there after SIGKILL");
     }
     // A lease the old client left behind must never be taken up by the next check.
-    RunCommand("rm -f /tmp/dhcp_" + interfaceName + ".txt > /dev/null 2>&1");
+    RunCommand("rm -f " + DhcpLeasePath(interfaceName) + " > /dev/null 2>&1");
 }
 
 pid_t FindDhcpClient(const std::string& interfaceName) {

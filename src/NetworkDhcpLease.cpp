@@ -18,12 +18,13 @@
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkAddress.h"
+#include "src/NetworkDhcp.h"
 #include "src/NetworkInputText.h"
 #include "src/NetworkShell.h"
+#include "util/Format.h"
 #include "util/UniqueFd.h"
 #include "util/UniqueFile.h"
-#include "util/Util.h"
 
 namespace {
 
@@ -153,9 +154,11 @@ bool ApplyDhcpLease(const std::string& interfaceName, unsigned int metric, const
     return SetAddrAndRouting(interfaceName, metric, lease.m_ipAddress, lease.m_subnetMask, lease.m_gateway, failure);
 }
 
+std::string DhcpLeasePath(const std::string& interfaceName) { return "/tmp/dhcp_" + interfaceName + ".txt"; }
+
 bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState,
                             WORK_FAILURE* failure) {
-    const std::string path = "/tmp/dhcp_" + interfaceName + ".txt";
+    const std::string path = DhcpLeasePath(interfaceName);
     // Declared first, so the claimed entry goes only after the stream is closed.
     ClaimedEntry claimed;
     int error = claimed.Claim(path);

@@ -18,10 +18,12 @@
 #include <utility>
 
 #include "logging/Logging.h"
+#include "src/NetworkClock.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkCycleShape.h"
 #include "src/NetworkRetry.h"
-#include "src/NetworkShell.h"
-#include "util/Util.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 
 namespace {
 

@@ -19,12 +19,13 @@
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkBridge.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 #include "util/UniqueFd.h"
 #include "util/UniqueMapping.h"
-#include "util/Util.h"
 
 namespace {
 

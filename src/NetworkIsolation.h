@@ -9,7 +9,6 @@
 #include <functional>
 #include <string>
 
-#include "src/Network.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 

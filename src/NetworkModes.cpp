@@ -1,10 +1,8 @@
 // The mode words' lookups, kept out of line: the parser hands in words cut to
 // the longest one it can take, which an inlined comparison would be checked against.
-#include "src/NetworkModes.h"
-
 #include <cstring>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
 
 const BRIDGE_MODE_TEXT* FindBridgeModeByWord(const char* word) {
     for (const BRIDGE_MODE_TEXT& text : kBridgeModeTexts) {

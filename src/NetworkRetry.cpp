@@ -10,8 +10,10 @@
 #include <utility>
 
 #include "logging/Logging.h"
+#include "src/NetworkClock.h"
 #include "src/NetworkShell.h"
-#include "util/Util.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 
 namespace {
 

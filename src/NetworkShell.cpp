@@ -1,4 +1,4 @@
-// The one place the daemon's shell commands and pauses go through.
+// The one place the daemon's shell commands go through.
 #include "src/NetworkShell.h"
 
 #include <errno.h>
@@ -20,26 +20,19 @@
 #include <vector>
 
 #include "logging/Logging.h"
+#include "src/NetworkClock.h"
 #include "src/NetworkNotify.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 #include "util/UniqueFd.h"
-#include "util/Util.h"
 
 namespace {
 
-// After a stop request the daemon may go on this long: a command that ends in
-// that time ends normally, so a stop seldom leaves work half done.
-constexpr int64_t kStopGraceMs = 1000;
 // A command ended because of a stop gets this long after SIGTERM before SIGKILL.
 constexpr int64_t kStopKillGraceMs = 500;
 // How long a process group is waited for after SIGKILL; a process stuck in the
 // kernel may not die at once, and is then reaped later instead of waited for.
 constexpr int64_t kReapWaitMs = 1000;
-
-std::atomic<bool> g_bStopRequested{false};
-// When the daemon first noticed the stop request (monotonic ms); 0 not yet.
-int64_t g_nStopNoticedMs = 0;
-// How many StopDeferred are alive; the daemon's one thread alone counts them.
-int g_nStopDeferrals = 0;
 
 // Shells ended but not yet reaped, waited for without blocking before each command.
 std::vector<pid_t>& Abandoned() {
@@ -51,30 +44,6 @@ CommandRunner& ActiveRunner() {
     static CommandRunner runner;
     return runner;
 }
-
-PauseRunner& ActivePauseRunner() {
-    static PauseRunner runner;
-    return runner;
-}
-
-// The real monotonic clock: deadlines never follow a test's clock.
-int64_t SteadyNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-}  // namespace
-
-int64_t SteadyMs() { return SteadyNs() / 1000000; }
-
-int64_t StopGraceEndMs() {
-    if (!g_bStopRequested.load() || g_nStopDeferrals > 0) return INT64_MAX;
-    if (g_nStopNoticedMs == 0) g_nStopNoticedMs = SteadyMs();
-    return g_nStopNoticedMs + kStopGraceMs;
-}
-
-namespace {
 
 void OnChildEnded(int /*sig*/) {}
 
@@ -304,44 +273,6 @@ COMMAND_OUTCOME RunShellCommand(const std::string& command, std::string* output)
     return outcome;
 }
 
-namespace {
-
-const int kStopSignals[] = {SIGHUP, SIGINT, SIGTERM, SIGQUIT};
-
-}  // namespace
-
-void InstallStopHandler(void (*handler)(int)) {
-    // A second, different stop signal waits for the handler to finish instead of
-    // interrupting its log call; it is taken right after, and its exit code
-    // overwrites the first's.
-    struct sigaction action {};
-    action.sa_handler = handler;
-    sigemptyset(&action.sa_mask);
-    for (int sig : kStopSignals) sigaddset(&action.sa_mask, sig);
-    action.sa_flags = SA_RESTART;
-    for (int sig : kStopSignals) sigaction(sig, &action, nullptr);
-}
-
-void BlockStopSignals() {
-    sigset_t stop;
-    sigemptyset(&stop);
-    for (int sig : kStopSignals) sigaddset(&stop, sig);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-}
-
-void RequestStop() { g_bStopRequested.store(true); }
-bool StopRequested() { return g_bStopRequested.load(); }
-bool StopGraceOver() { return SteadyMs() >= StopGraceEndMs(); }
-void ClearStopRequest() {
-    g_bStopRequested.store(false);
-    g_nStopNoticedMs = 0;
-}
-
-StopDeferred::StopDeferred() { ++g_nStopDeferrals; }
-StopDeferred::~StopDeferred() {
-    if (--g_nStopDeferrals == 0 && g_bStopRequested.load()) g_nStopNoticedMs = SteadyMs();
-}
-
 WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure) {
     static WORK_FAILURE scratch = WORK_FAILURE{};
     return failure != nullptr ? *failure : scratch;
@@ -360,37 +291,4 @@ bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Command failed (" + DescribeOutcome(outcome) + "): " + command);
     }
     return false;
-}
-
-void Pause(unsigned int milliseconds) {
-    const PauseRunner& runner = ActivePauseRunner();
-    if (runner) {
-        runner(milliseconds);
-    } else {
-        SleepLettingSignalsIn(milliseconds);
-    }
-}
-
-PauseRunner SetPauseRunner(PauseRunner runner) { return std::exchange(ActivePauseRunner(), std::move(runner)); }
-
-void SleepLettingSignalsIn(unsigned int milliseconds) {
-    // The whole period even when a signal is taken meanwhile (register pulses
-    // need their full width), unless a stop's grace runs out first. Counted in
-    // nanoseconds: whole milliseconds would let it end up to one early.
-    sigset_t none;
-    sigset_t previous;
-    sigemptyset(&none);
-    pthread_sigmask(SIG_SETMASK, &none, &previous);
-    const int64_t endNs = SteadyNs() + static_cast<int64_t>(milliseconds) * 1000000;
-    for (;;) {
-        const int64_t graceEndMs = StopGraceEndMs();
-        const int64_t untilNs = graceEndMs == INT64_MAX ? endNs : std::min(endNs, graceEndMs * 1000000);
-        const int64_t leftNs = untilNs - SteadyNs();
-        if (leftNs <= 0) break;
-        timespec remaining{};
-        remaining.tv_sec = static_cast<time_t>(leftNs / 1000000000);
-        remaining.tv_nsec = static_cast<long>(leftNs % 1000000000);
-        nanosleep(&remaining, nullptr);
-    }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }

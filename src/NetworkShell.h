@@ -1,10 +1,9 @@
-// The runner every shell command and pause of the daemon goes through: how a
-// command ended, the seams tests put recorders into, the stop request and its
-// grace, and the steps of a piece of work.
+// The runner every shell command of the daemon goes through: how a command
+// ended, the seam tests put a recorder into, and the steps of a piece of work.
+// The stop request it heeds is src/NetworkStop.h, its clock src/NetworkClock.h.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -54,44 +53,6 @@ CommandRunner SetCommandRunner(CommandRunner runner);
 // `output`, standard output is read through a pipe while it runs.
 COMMAND_OUTCOME RunShellCommand(const std::string& command, std::string* output = nullptr);
 
-// Called from the stop signals' handler (async-signal-safe). From then on the
-// daemon has a short grace to finish what it is doing: commands still running
-// after it are ended, none is started, and pauses end, so a stop never waits
-// on a command that hangs.
-void RequestStop();
-bool StopRequested();
-// Whether the grace after a stop request has run out.
-bool StopGraceOver();
-// When it runs out (steady ms); INT64_MAX while no stop was requested, or one waits.
-int64_t StopGraceEndMs();
-// Forgets a stop request (for tests that request one).
-void ClearStopRequest();
-
-// While one is alive, a stop request waits: commands still start and run to
-// their deadline, and pauses last their whole time. For the few steps that
-// must never be cut in half (the register write sequence); when the last one
-// ends, the stop's grace starts again from there.
-class StopDeferred {
-public:
-    StopDeferred();
-    ~StopDeferred();
-    StopDeferred(const StopDeferred&) = delete;
-    StopDeferred& operator=(const StopDeferred&) = delete;
-};
-// Installs `handler` for the stop signals (SIGHUP, SIGINT, SIGTERM, SIGQUIT),
-// with all of them held off while it runs, so it is never re-entered.
-void InstallStopHandler(void (*handler)(int));
-// Blocks the stop signals: the daemon takes them only while it waits (its
-// pauses and running commands), so the handler, which logs, never lands in the
-// middle of a heap or log call.
-void BlockStopSignals();
-
-// Milliseconds of the system's monotonic clock: the one real steady clock of the
-// daemon. The runner's deadlines, the stop's grace and the wait for stopped DHCP
-// clients read it always; it is also what MonotonicMs reads unless a test has
-// set a clock of its own.
-int64_t SteadyMs();
-
 // One step of a piece of work: a command and whether the work needs it to
 // succeed. Steps that only clear what may not exist may fail.
 struct SHELL_STEP {
@@ -114,16 +75,3 @@ WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
 // be started or ran past its deadline. With `output`, the step is one the work
 // reads: its standard output is put there.
 bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure, std::string* output = nullptr);
-
-// Waits `milliseconds`; every pause of the daemon (the loop's second, the register
-// pulses) goes through here, so tests can record pauses beside the commands.
-void Pause(unsigned int milliseconds);
-
-// The function Pause hands its duration to; tests put a recorder here, an empty
-// function puts the real pause back. Returns the one it replaced.
-using PauseRunner = std::function<void(unsigned int milliseconds)>;
-PauseRunner SetPauseRunner(PauseRunner runner);
-
-// The real pause: sleeps the whole period, resuming after a signal is taken, and
-// is, with a running command, where the daemon's stop signals are let in.
-void SleepLettingSignalsIn(unsigned int milliseconds);

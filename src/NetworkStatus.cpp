@@ -12,7 +12,7 @@
 #include "src/NetworkStatusJson.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStatusSnapshot.h"
-#include "util/Util.h"
+#include "util/Format.h"
 
 #ifndef TESSEL_VERSION
 #define TESSEL_VERSION "unknown"

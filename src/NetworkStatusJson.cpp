@@ -10,12 +10,12 @@
 #include <cstdio>
 #include <string>
 
-#include "src/Network.h"
-#include "src/NetworkModes.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStatusSnapshot.h"
-#include "util/Util.h"
+#include "util/Encoding.h"
+#include "util/Format.h"
 
 namespace {
 
@@ -92,14 +92,22 @@ private:
     bool m_bFirst = true;
 };
 
+// An event that may never have happened: null when `at` is zero, otherwise an
+// object opened for the caller to fill and close.
+bool OpenUnlessNever(JsonWriter& json, const char* name, const timespec& at) {
+    if (at == timespec{}) {
+        json.Null(name);
+        return false;
+    }
+    json.Open(name, '{');
+    return true;
+}
+
 void WriteWork(JsonWriter& json, const char* name, const STATUS_WORK& work) {
     json.Open(name, '{');
     json.Bool("failing", work.m_nFailures != 0);
     json.Number("failures", work.m_nFailures);
-    if (work.m_failedAt == timespec{}) {
-        json.Null("last_failure");
-    } else {
-        json.Open("last_failure", '{');
+    if (OpenUnlessNever(json, "last_failure", work.m_failedAt)) {
         json.String("command", work.m_command);
         json.String("outcome", DescribeOutcome(work.m_outcome));
         json.Time("at", work.m_failedAt);
@@ -107,10 +115,7 @@ void WriteWork(JsonWriter& json, const char* name, const STATUS_WORK& work) {
     }
     json.Time("recovered_at", work.m_recoveredAt);
     json.Number("outside_changes", work.m_nUndone);
-    if (work.m_undoneAt == timespec{}) {
-        json.Null("last_outside_change");
-    } else {
-        json.Open("last_outside_change", '{');
+    if (OpenUnlessNever(json, "last_outside_change", work.m_undoneAt)) {
         json.String("found", work.m_undone);
         json.Time("at", work.m_undoneAt);
         json.Bool("repaired", !work.m_bUndonePending);

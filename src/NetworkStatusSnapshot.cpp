@@ -6,8 +6,10 @@
 
 #include <string>
 
-#include "src/Network.h"
+#include "src/NetworkBridge.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkInterfaces.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkCycle.h"
 #include "src/NetworkShell.h"
 

@@ -12,10 +12,10 @@
 #include "src/NetworkCycle.h"
 #include "src/NetworkEvents.h"
 #include "src/NetworkNotify.h"
-#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
 #include "src/NetworkStatusSchema.h"
-#include "util/Util.h"
+#include "src/NetworkStop.h"
+#include "util/Format.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include <cstdint>
+#include "util/Encoding.h"
 
-#include "util/Util.h"
+#include <cstdint>
 
 namespace Util {
 

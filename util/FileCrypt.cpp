@@ -1,9 +1,10 @@
+#include "util/FileCrypt.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
 #include "util/UniqueFile.h"
-#include "util/Util.h"
 
 namespace Util {
 

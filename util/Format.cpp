@@ -1,10 +1,10 @@
+#include "util/Format.h"
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-
-#include "util/Util.h"
 
 namespace Util {
 

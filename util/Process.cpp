@@ -1,7 +1,7 @@
+#include "util/Process.h"
+
 #include <cstdio>
 #include <memory>
-
-#include "util/Util.h"
 
 namespace Util {
 

@@ -1,7 +1,7 @@
+#include "util/Strings.h"
+
 #include <cctype>
 #include <sstream>
-
-#include "util/Util.h"
 
 namespace Util {
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "src/NetworkClock.h"
 #include "src/NetworkShell.h"
 #include "tests/support/LogCapture.h"
 

@@ -13,7 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkDhcp.h"
 #include "src/NetworkShell.h"
 
 template <typename Record>

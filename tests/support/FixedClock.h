@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-#include "util/Util.h"
+#include "util/Format.h"
 
 class FixedClock {
 public:

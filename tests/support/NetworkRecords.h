@@ -8,7 +8,8 @@
 #include <ostream>
 #include <string>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkDhcp.h"
 
 inline in_addr Ip(const char* text) {
     in_addr address{};

@@ -130,7 +130,7 @@ class FirstCycleTest(harness.DaemonTestCase):
                 self.assertEqual(sandbox.commands(), commands)
                 self.assertEqual([(e.level, e.message) for e in daemon.entries()], start_log(sandbox) + log)
                 phy = [e for e in daemon.entries() if e.message.startswith("Unable to open /proc/marvell")]
-                self.assertEqual([(e.file, e.function) for e in phy], [("src/NetworkLink.cpp", "SetEthernetPhyMode")])
+                self.assertEqual([(e.file, e.function) for e in phy], [("src/NetworkLinkPhy.cpp", "SetEthernetPhyMode")])
 
     def test_first_two_port_pass_blocks_eth1_around_the_build_and_leaves_the_isolation_in_the_tables(self):
         self.sandbox.use_config_pipe()

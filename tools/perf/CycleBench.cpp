@@ -33,8 +33,11 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkBridge.h"
+#include "src/NetworkClock.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkDhcp.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"

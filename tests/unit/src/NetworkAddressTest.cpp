@@ -1,7 +1,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include "src/Network.h"
+#include "src/NetworkAddress.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"

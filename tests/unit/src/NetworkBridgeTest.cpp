@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkBridge.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkInputText.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
 #include "tests/support/FieldChanges.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"

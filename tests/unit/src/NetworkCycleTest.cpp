@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkCycleShape.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"

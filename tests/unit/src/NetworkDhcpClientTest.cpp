@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "src/Network.h"
-#include "src/NetworkShell.h"
+#include "src/NetworkDhcp.h"
+#include "src/NetworkStop.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/FakeClient.h"
 #include "tests/support/Files.h"

@@ -15,7 +15,7 @@
 #include <functional>
 #include <string>
 
-#include "src/Network.h"
+#include "src/NetworkDhcp.h"
 #include "src/NetworkShell.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/FieldChanges.h"

@@ -1,7 +1,17 @@
 // What the daemon waits on between passes: recorded kernel notifications and
 // real file notifications, and when they bring the next pass (AwaitNextPass),
 // each compared as the whole timeline of what the wait logged and ran.
+#include "src/NetworkClock.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkCycle.h"
 #include "src/NetworkEvents.h"
+#include "src/NetworkRetry.h"
+#include "src/NetworkStop.h"
+#include "tests/support/CommandRecorder.h"
+#include "tests/support/KernelCommandLine.h"
+#include "tests/support/KernelShapes.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Namespaces.h"
 
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
@@ -19,15 +29,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "src/NetworkCycle.h"
-#include "src/NetworkRetry.h"
-#include "src/NetworkShell.h"
-#include "tests/support/CommandRecorder.h"
-#include "tests/support/KernelCommandLine.h"
-#include "tests/support/KernelShapes.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/Namespaces.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "src/NetworkBridge.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"

@@ -1,7 +1,13 @@
 // The retry schedule of failed work on its own: the waits, the log entries and
 // the record each call leaves. The cycle's tests (NetworkCycleTest) run the
 // same schedule through whole passes.
+#include "src/NetworkClock.h"
+#include "src/NetworkConfig.h"
 #include "src/NetworkRetry.h"
+#include "src/NetworkShell.h"
+#include "src/NetworkStop.h"
+#include "tests/support/FixedClock.h"
+#include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 #include <time.h>
@@ -9,11 +15,6 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "src/Network.h"
-#include "src/NetworkShell.h"
-#include "tests/support/FixedClock.h"
-#include "tests/support/LogCapture.h"
 
 namespace {
 

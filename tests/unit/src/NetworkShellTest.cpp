@@ -10,11 +10,14 @@
 #include <optional>
 #include <sstream>
 
+#include "src/NetworkClock.h"
 #include "src/NetworkShell.h"
+#include "src/NetworkStop.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/FieldChanges.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/StopRequestGuard.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -207,14 +210,6 @@ TEST(DescribeOutcomeTest, NamesAStartThatFailedAndADeadline) {
 
 // --- Stopping -------------------------------------------------------------------
 
-// Forgets the stop request however the test ends.
-struct StopRequestGuard {
-    StopRequestGuard() { ClearStopRequest(); }
-    ~StopRequestGuard() { ClearStopRequest(); }
-    StopRequestGuard(const StopRequestGuard&) = delete;
-    StopRequestGuard& operator=(const StopRequestGuard&) = delete;
-};
-
 TEST(RunShellCommandTest, StopRequestEndsAHangingCommandGroupAfterTheGraceAndStartsNoMore) {
     TempDir dir;
     StopRequestGuard guard;
@@ -251,50 +246,6 @@ TEST(RunShellCommandTest, StopRequestEndsAHangingCommandGroupAfterTheGraceAndSta
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
 }
 
-TEST(SleepLettingSignalsInTest, PauseEndsWhenAStopsGraceRunsOut) {
-    StopRequestGuard guard;
-    auto start = std::chrono::steady_clock::now();
-    SleepLettingSignalsIn(300);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-    RequestStop();
-    start = std::chrono::steady_clock::now();
-    SleepLettingSignalsIn(5000);
-    auto elapsed = std::chrono::steady_clock::now() - start;
-    // The one-second grace, counted from when the stop was first noticed, in
-    // whole milliseconds; well before the 5 s asked and within the 3 s a stop
-    // may take.
-    EXPECT_GE(elapsed, std::chrono::milliseconds(990));
-    EXPECT_LT(elapsed, std::chrono::milliseconds(3000));
-}
-
-TEST(StopDeferredTest, WhileOneLivesAStopWaitsAndItsGraceStartsAgainAfter) {
-    TempDir dir;
-    StopRequestGuard guard;
-    RequestStop();
-    // The grace runs out with nothing deferred: nothing would start now.
-    SleepLettingSignalsIn(1500);
-    ASSERT_TRUE(StopGraceOver());
-    {
-        StopDeferred whole;
-        EXPECT_FALSE(StopGraceOver());
-        // Commands start and run to their end; pauses last their whole time.
-        EXPECT_TRUE(RunShellCommand("sleep 1.2; echo done > " + dir.Path("deferred")).Succeeded());
-        EXPECT_EQ(ReadFile(dir.Path("deferred")), "done\n");
-        auto start = std::chrono::steady_clock::now();
-        SleepLettingSignalsIn(1200);
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1200));
-    }
-    // A fresh grace from the end of the deferral: a short command still runs,
-    // a pause ends with the grace, then nothing is started.
-    EXPECT_FALSE(StopGraceOver());
-    EXPECT_TRUE(RunShellCommand("true").Succeeded());
-    auto start = std::chrono::steady_clock::now();
-    SleepLettingSignalsIn(5000);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3000));
-    EXPECT_TRUE(StopGraceOver());
-    EXPECT_FALSE(RunShellCommand("true").m_bStarted);
-}
-
 // --- Steps ------------------------------------------------------------------------
 
 TEST(RunStepTest, AStepThatMustSucceedStopsTheWorkWithAnErrorNamingIt) {
@@ -327,75 +278,6 @@ TEST(RunStepTest, AStepThatMustSucceedStopsTheWorkWithAnErrorNamingIt) {
                                   "ERROR RunStep: Command failed (not started (Resource temporarily unavailable)): "
                                   "unstartable",
                               }));
-}
-
-// --- Stop signals and exact pauses ----------------------------------------------
-
-// What the handler saw: the signals in the order taken, and how deeply it was
-// nested at most.
-volatile sig_atomic_t g_nHandlerDepth = 0;
-volatile sig_atomic_t g_nHandlerMaxDepth = 0;
-volatile sig_atomic_t g_nTaken[4] = {0, 0, 0, 0};
-volatile sig_atomic_t g_nTakenCount = 0;
-
-void NestingHandler(int sig) {
-    // Read and written apart: C++20 deprecates ++ and -- on volatile objects.
-    g_nHandlerDepth = g_nHandlerDepth + 1;
-    if (g_nHandlerDepth > g_nHandlerMaxDepth) g_nHandlerMaxDepth = g_nHandlerDepth;
-    if (g_nTakenCount < 4) {
-        g_nTaken[g_nTakenCount] = sig;
-        g_nTakenCount = g_nTakenCount + 1;
-    }
-    // A second, different stop signal while the first is handled.
-    if (sig == SIGHUP) kill(getpid(), SIGTERM);
-    if (sig == SIGINT) kill(getpid(), SIGQUIT);
-    g_nHandlerDepth = g_nHandlerDepth - 1;
-}
-
-TEST(InstallStopHandlerTest, ASecondStopSignalWaitsForTheFirstHandlerToFinish) {
-    InstallStopHandler(NestingHandler);
-    kill(getpid(), SIGHUP);
-    kill(getpid(), SIGINT);
-    for (int sig : {SIGHUP, SIGINT, SIGTERM, SIGQUIT}) signal(sig, SIG_DFL);
-    EXPECT_EQ(g_nHandlerMaxDepth, 1);
-    ASSERT_EQ(g_nTakenCount, 4);
-    // Each second signal is taken right after the handler of the first returns.
-    EXPECT_EQ(g_nTaken[0], SIGHUP);
-    EXPECT_EQ(g_nTaken[1], SIGTERM);
-    EXPECT_EQ(g_nTaken[2], SIGINT);
-    EXPECT_EQ(g_nTaken[3], SIGQUIT);
-}
-
-void OnTimerSignal(int /*sig*/) {}
-
-TEST(SleepLettingSignalsInTest, APauseIsNeverShorterThanAsked) {
-    StopRequestGuard guard;
-    // Signals taken meanwhile (a child's end, an emulator's timers) wake the
-    // sleep early many times; the pause goes on to its full length all the same.
-    struct sigaction action {};
-    action.sa_handler = OnTimerSignal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGALRM, &action, nullptr);
-    itimerval every{};
-    every.it_interval.tv_usec = 300;
-    every.it_value.tv_usec = 300;
-    setitimer(ITIMER_REAL, &every, nullptr);
-    std::string shorter;
-    // Short pauses, where a millisecond cut off would show most often.
-    for (unsigned int i = 0; i < 200 && shorter.empty(); ++i) {
-        const unsigned int asked = 1 + i % 3;
-        const auto start = std::chrono::steady_clock::now();
-        SleepLettingSignalsIn(asked);
-        const auto took = std::chrono::steady_clock::now() - start;
-        if (took < std::chrono::milliseconds(asked)) {
-            shorter = "pause " + std::to_string(i) + " of " + std::to_string(asked) + " ms took " +
-                      std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(took).count()) + " us";
-        }
-    }
-    itimerval off{};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    signal(SIGALRM, SIG_DFL);
-    EXPECT_EQ(shorter, "");
 }
 
 }  // namespace

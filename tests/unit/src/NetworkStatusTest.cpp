@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "src/NetworkConfig.h"
 #include "src/NetworkCycle.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "util/Util.h"
+#include "util/Encoding.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "tests/support/TempDir.h"
-#include "util/Util.h"
+#include "util/FileCrypt.h"
 
 namespace {
 

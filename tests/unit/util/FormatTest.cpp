@@ -7,7 +7,7 @@
 #include <string>
 
 #include "tests/support/FixedClock.h"
-#include "util/Util.h"
+#include "util/Format.h"
 
 namespace {
 

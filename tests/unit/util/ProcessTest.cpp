@@ -13,7 +13,7 @@
 
 #include "tests/support/Files.h"
 #include "tests/support/TempDir.h"
-#include "util/Util.h"
+#include "util/Process.h"
 
 namespace {
 

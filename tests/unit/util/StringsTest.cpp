@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "util/Util.h"
+#include "util/Strings.h"
 
 namespace {
 

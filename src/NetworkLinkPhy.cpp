@@ -1,3 +1,5 @@
+#include "src/NetworkLinkPhy.h"
+
 #include <fcntl.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -8,7 +10,7 @@
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
 #include "util/UniqueFd.h"
 
 int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {

@@ -15,7 +15,8 @@
 #include <thread>
 #include <vector>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkLinkPhy.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
@@ -196,7 +197,7 @@ TEST(SetEthernetPhyModeTest, EntriesCarryTheUnit) {
     SetEthernetPhyMode(dir.Path("port"), PHY_MODE_SGMII);
     std::vector<LogEntry> entries = log.Entries();
     ASSERT_EQ(entries.size(), 1U);
-    EXPECT_EQ(entries[0].file, "src/NetworkLink.cpp");
+    EXPECT_EQ(entries[0].file, "src/NetworkLinkPhy.cpp");
 }
 
 }  // namespace

@@ -8,7 +8,9 @@
 #include <fstream>
 #include <string>
 
-#include "src/Network.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkDhcp.h"
+#include "src/NetworkInterfaces.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "tests/support/Files.h"

@@ -1,14 +1,18 @@
 // Keeping one virtual interface in its configured addressing mode, cycle by cycle.
+#include "src/NetworkInterfaces.h"
+
 #include <time.h>
 
 #include <cstdint>
 #include <string>
 
 #include "logging/Logging.h"
-#include "src/Network.h"
+#include "src/NetworkAddress.h"
+#include "src/NetworkConfig.h"
+#include "src/NetworkDhcp.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
-#include "util/Util.h"
+#include "util/Format.h"
 
 bool SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CONFIG config, DHCP_STATE& dhcpState,
                     WORK_FAILURE* failure) {

@@ -1,0 +1,47 @@
+// DHCP: the udhcpc clients serving an interface, and the leases they report
+// through a file per interface.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "src/NetworkConfig.h"
+
+// Why a piece of work stopped short (src/NetworkShell.h).
+struct WORK_FAILURE;
+
+// The DHCP lease in force on one interface. Zero-filled means no lease.
+struct DHCP_STATE {
+    bool m_bLeaseValid;
+    in_addr m_ipAddress;
+    in_addr m_subnetMask;
+    in_addr m_gateway;
+
+    bool operator==(const DHCP_STATE&) const = default;
+};
+
+// The file the DHCP client's script leaves a lease in: /tmp/dhcp_<interface>.txt.
+std::string DhcpLeasePath(const std::string& interfaceName);
+
+// Signals every udhcpc process serving the interface and removes its lease file.
+void StopDhcp(const std::string& interfaceName, unsigned int metric);
+
+// The pid of a udhcpc process serving the interface, 0 when there is none.
+pid_t FindDhcpClient(const std::string& interfaceName);
+
+// Whether `pid` is still a udhcpc process serving the interface (one read of its
+// command line; a process that has ended, zombie or gone, is not).
+bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName);
+
+// Reads /tmp/dhcp_<interface>.txt if present, puts a new lease into effect (or
+// flushes a lost one), records it in `dhcpState` and deletes the file. Returns
+// false when a lease was read but putting it in force failed (it is recorded
+// all the same, for the caller to try again).
+bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState,
+                            WORK_FAILURE* failure = nullptr);
+
+// Puts the lease (or, when not valid, no address) in force: flush, then address
+// and route. False when a step failed.
+bool ApplyDhcpLease(const std::string& interfaceName, unsigned int metric, const DHCP_STATE& lease,
+                    WORK_FAILURE* failure = nullptr);
