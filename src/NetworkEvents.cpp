@@ -157,7 +157,7 @@ void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
 
 EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     EVENT_WATCH watch;
-    watch.m_kernel = OpenRouteNotifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE);
+    watch.m_kernel = OpenRouteSocket(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE, 0);
     if (!watch.m_kernel.IsOpen())
         CannotFollow("the kernel's links, addresses and routes", "looking once a second only");
 

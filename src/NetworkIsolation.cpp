@@ -288,7 +288,7 @@ int ReadBridgeSysctl(const char* name) {
 // before 4.4, which keeps them out of netlink).
 bool ReadBridgeOwnFlags(const std::string& bridge, bool& iptables, bool& arptables) {
     if (bridge.size() >= IFNAMSIZ) return false;
-    const Util::UniqueFd socketFd = OpenRouteSocket(0);
+    const Util::UniqueFd socketFd = OpenRouteSocket(0, 0);
     if (!socketFd.IsOpen() || !SendLinkRequest(socketFd.Get(), bridge, 1)) return false;
     // One link's message: 1,880 bytes for br0 on Linux 6.18, 10 KiB with 80
     // alternative names; 64 KiB leave room for far more, and a longer reply

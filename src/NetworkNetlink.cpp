@@ -19,24 +19,20 @@ bool SendToKernel(int fd, const nlmsghdr& request) {
 
 }  // namespace
 
-Util::UniqueFd OpenRouteSocket(int receiveLimitSeconds) {
-    Util::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (socketFd.IsOpen() && receiveLimitSeconds > 0) {
+Util::UniqueFd OpenRouteSocket(uint32_t groups, int receiveLimitSeconds) {
+    Util::UniqueFd socketFd(
+        socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | (groups != 0 ? SOCK_NONBLOCK : 0), NETLINK_ROUTE));
+    if (!socketFd.IsOpen()) return socketFd;
+    if (groups != 0) {
+        sockaddr_nl joined{};
+        joined.nl_family = AF_NETLINK;
+        joined.nl_groups = groups;
+        // Reset keeps errno: the caller reads why it failed.
+        if (bind(socketFd.Get(), reinterpret_cast<sockaddr*>(&joined), sizeof(joined)) != 0) socketFd.Reset();
+    } else if (receiveLimitSeconds > 0) {
         timeval limit{};
         limit.tv_sec = receiveLimitSeconds;
         setsockopt(socketFd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    }
-    return socketFd;
-}
-
-Util::UniqueFd OpenRouteNotifications(uint32_t groups) {
-    Util::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-    sockaddr_nl joined{};
-    joined.nl_family = AF_NETLINK;
-    joined.nl_groups = groups;
-    // Reset keeps errno: the caller reads why it failed.
-    if (socketFd.IsOpen() && bind(socketFd.Get(), reinterpret_cast<sockaddr*>(&joined), sizeof(joined)) != 0) {
-        socketFd.Reset();
     }
     return socketFd;
 }
@@ -72,26 +68,6 @@ bool SendLinkRequest(int fd, const std::string& name, uint32_t sequence) {
     memcpy(RTA_DATA(attribute), name.c_str(), length + 1);
     request.m_header.nlmsg_len = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_ALIGN(attribute->rta_len);
     return SendToKernel(fd, request.m_header);
-}
-
-ssize_t ReceiveWhole(int fd, char* buffer, size_t size) {
-    // MSG_TRUNC: the datagram's whole length, so one cut short is told apart.
-    const ssize_t got = recv(fd, buffer, size, MSG_TRUNC);
-    if (got > static_cast<ssize_t>(size)) {
-        errno = EMSGSIZE;
-        return -1;
-    }
-    return got;
-}
-
-NETLINK_ATTRIBUTES MessageAttributes(const nlmsghdr* header, size_t fixedLength) {
-    const size_t start = NLMSG_LENGTH(fixedLength);
-    if (header->nlmsg_len < start) return {};
-    return {reinterpret_cast<const char*>(header) + NLMSG_ALIGN(start), header->nlmsg_len - start};
-}
-
-NETLINK_ATTRIBUTES NestedAttributes(const rtattr* attribute) {
-    return {static_cast<const char*>(RTA_DATA(attribute)), RTA_PAYLOAD(attribute)};
 }
 
 const rtattr* FindAttribute(NETLINK_ATTRIBUTES attributes, unsigned short type) {

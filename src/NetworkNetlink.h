@@ -4,8 +4,10 @@
 // datagram or an attribute holds.
 #pragma once
 
+#include <errno.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -15,21 +17,16 @@
 #include "util/UniqueFd.h"
 #include "util/UniqueMapping.h"
 
-// An rtnetlink socket to ask the kernel through; closed when the kernel refused
-// one. `receiveLimitSeconds` > 0 bounds each wait for a reply.
-Util::UniqueFd OpenRouteSocket(int receiveLimitSeconds);
-// A non-blocking rtnetlink socket that receives the notifications of `groups`
-// (RTMGRP_*); closed, with errno saying why, when it cannot be had.
-Util::UniqueFd OpenRouteNotifications(uint32_t groups);
+// An rtnetlink socket; closed, with errno saying why, when it cannot be had.
+// With `groups` (RTMGRP_*) it is non-blocking and receives their
+// notifications; without, it is for asking, and `receiveLimitSeconds` > 0
+// bounds each wait for a reply.
+Util::UniqueFd OpenRouteSocket(uint32_t groups, int receiveLimitSeconds);
 
 // Asks for a dump of `type` (RTM_GETLINK, ...) of the address `family`.
 bool SendDumpRequest(int fd, uint16_t type, unsigned char family, uint32_t sequence);
 // Asks for the one link named `name` (RTM_GETLINK); false for a name too long for a link.
 bool SendLinkRequest(int fd, const std::string& name, uint32_t sequence);
-
-// Receives one datagram whole: its length, or -1 with errno set; EMSGSIZE for
-// one longer than `size` (dropped, never parsed cut short).
-ssize_t ReceiveWhole(int fd, char* buffer, size_t size);
 
 // A run of bytes holding attributes.
 struct NETLINK_ATTRIBUTES {
@@ -38,9 +35,15 @@ struct NETLINK_ATTRIBUTES {
 };
 // A message's attributes after its fixed part of `fixedLength` bytes; none when
 // the message is shorter than that.
-NETLINK_ATTRIBUTES MessageAttributes(const nlmsghdr* header, size_t fixedLength);
+inline NETLINK_ATTRIBUTES MessageAttributes(const nlmsghdr* header, size_t fixedLength) {
+    const size_t start = NLMSG_LENGTH(fixedLength);
+    if (header->nlmsg_len < start) return {};
+    return {reinterpret_cast<const char*>(header) + NLMSG_ALIGN(start), header->nlmsg_len - start};
+}
 // The attributes nested in `attribute`'s payload.
-NETLINK_ATTRIBUTES NestedAttributes(const rtattr* attribute);
+inline NETLINK_ATTRIBUTES NestedAttributes(const rtattr* attribute) {
+    return {static_cast<const char*>(RTA_DATA(attribute)), RTA_PAYLOAD(attribute)};
+}
 
 // Hands each whole message among `length` bytes at `data` to `take`, which
 // returns false to stop; a message that claims more than is left ends the walk.
@@ -75,6 +78,18 @@ void ForEachAttribute(NETLINK_ATTRIBUTES attributes, Take take) {
 
 // The first attribute of `type`, or null.
 const rtattr* FindAttribute(NETLINK_ATTRIBUTES attributes, unsigned short type);
+
+// Receives one datagram whole: its length, or -1 with errno set; EMSGSIZE for
+// one longer than `size` (dropped, never parsed cut short).
+inline ssize_t ReceiveWhole(int fd, char* buffer, size_t size) {
+    // MSG_TRUNC: the datagram's whole length, so one cut short is told apart.
+    const ssize_t got = recv(fd, buffer, size, MSG_TRUNC);
+    if (got > static_cast<ssize_t>(size)) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    return got;
+}
 
 // Reads the reply to the dump request `sequence` into `buffer`, datagram by
 // datagram, and hands each of its messages to `take` until NLMSG_DONE. False

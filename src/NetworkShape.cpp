@@ -140,7 +140,7 @@ const KERNEL_LINK* KERNEL_SHAPE::Link(const std::string& name) const {
 KERNEL_SHAPE ReadKernelShape() {
     KERNEL_SHAPE shape;
     // The kernel answers a dump at once; the limit only keeps a broken one from holding the daemon.
-    const Util::UniqueFd socketFd = OpenRouteSocket(1);
+    const Util::UniqueFd socketFd = OpenRouteSocket(0, 1);
     if (!socketFd.IsOpen()) return shape;
     // The kernel sizes a dump's datagrams to the largest buffer the reader has
     // offered (32 KiB at most), and a link whose message does not fit is left

@@ -265,7 +265,7 @@ TEST(NetlinkWalkTest, NestedAttributesAndTypesWithoutTheirFlags) {
 TEST(NetlinkKernelTest, TheKernelAnswersTheDumpAndTheLinkRequest) {
     TESSEL_NEED_NAMESPACES();
     Lines lines = InNewNamespaces(CLONE_NEWNET, [] {
-        const Util::UniqueFd socketFd = OpenRouteSocket(1);
+        const Util::UniqueFd socketFd = OpenRouteSocket(0, 1);
         const Util::UniqueMapping buffer(32768);
         if (!socketFd.IsOpen() || !buffer.IsMapped()) return Lines{"no socket"};
         Lines seen;
@@ -293,7 +293,7 @@ TEST(NetlinkKernelTest, TheKernelAnswersTheDumpAndTheLinkRequest) {
 TEST(NetlinkKernelTest, NotificationsAreJoinedOnANonBlockingSocket) {
     TESSEL_NEED_NAMESPACES();
     Lines lines = InNewNamespaces(CLONE_NEWNET, [] {
-        const Util::UniqueFd socketFd = OpenRouteNotifications(RTMGRP_LINK);
+        const Util::UniqueFd socketFd = OpenRouteSocket(RTMGRP_LINK, 0);
         if (!socketFd.IsOpen()) return Lines{"not open"};
         char buffer[8192];
         Lines seen;
