@@ -9,7 +9,6 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include "src/NetworkClock.h"
 #include "src/NetworkCycle.h"
 #include "src/NetworkCycleShape.h"
+#include "src/NetworkNetlink.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
@@ -42,27 +42,24 @@ const uint32_t kLeaseMask = IN_CLOSE_WRITE | IN_MOVED_TO;
 void NoteEth0(const nlmsghdr* header, EVENTS& events) {
     if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
     const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
-    auto length = static_cast<unsigned int>(header->nlmsg_len - NLMSG_LENGTH(sizeof(ifinfomsg)));
-    for (const rtattr* attribute = IFLA_RTA(info); RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) {
-        if (attribute->rta_type != IFLA_IFNAME) continue;
-        const auto* name = static_cast<const char*>(RTA_DATA(attribute));
-        if (strncmp(name, "eth0", RTA_PAYLOAD(attribute)) != 0 || RTA_PAYLOAD(attribute) < 5) return;
-        events.m_bEth0Reported = true;
-        const unsigned int running = IFF_UP | IFF_RUNNING;
-        events.m_bEth0Running = header->nlmsg_type == RTM_NEWLINK && (info->ifi_flags & running) == running;
-        return;
-    }
+    const rtattr* attribute = FindAttribute(MessageAttributes(header, sizeof(ifinfomsg)), IFLA_IFNAME);
+    if (attribute == nullptr) return;
+    const auto* name = static_cast<const char*>(RTA_DATA(attribute));
+    if (strncmp(name, "eth0", RTA_PAYLOAD(attribute)) != 0 || RTA_PAYLOAD(attribute) < 5) return;
+    events.m_bEth0Reported = true;
+    const unsigned int running = IFF_UP | IFF_RUNNING;
+    events.m_bEth0Running = header->nlmsg_type == RTM_NEWLINK && (info->ifi_flags & running) == running;
 }
 
 // Reads one source until it is empty (both are non-blocking). A datagram
-// source's are read with MSG_TRUNC: one longer than the buffer (a link with
-// many alternative names) is reported as EMSGSIZE, not parsed cut short.
+// source's are read whole: one longer than the buffer (a link with many
+// alternative names) is reported as EMSGSIZE, not parsed cut short.
 template <typename Note>
 void Drain(int fd, bool datagrams, Note note) {
     alignas(nlmsghdr) alignas(inotify_event) char buffer[8192];
     for (;;) {
-        const ssize_t got = datagrams ? recv(fd, buffer, sizeof(buffer), MSG_TRUNC) : read(fd, buffer, sizeof(buffer));
-        if (got > static_cast<ssize_t>(sizeof(buffer))) {
+        const ssize_t got = datagrams ? ReceiveWhole(fd, buffer, sizeof(buffer)) : read(fd, buffer, sizeof(buffer));
+        if (got < 0 && errno == EMSGSIZE) {
             note(nullptr, 0, EMSGSIZE);
         } else if (got > 0) {
             note(buffer, static_cast<size_t>(got), 0);
@@ -162,15 +159,9 @@ void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
 
 EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     EVENT_WATCH watch;
-    watch.m_kernel.Reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
-    sockaddr_nl groups{};
-    groups.nl_family = AF_NETLINK;
-    groups.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
-    if (!watch.m_kernel.IsOpen() ||
-        bind(watch.m_kernel.Get(), reinterpret_cast<sockaddr*>(&groups), sizeof(groups)) != 0) {
+    watch.m_kernel = OpenRouteSocket(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE, 0);
+    if (!watch.m_kernel.IsOpen())
         CannotFollow("the kernel's links, addresses and routes", "looking once a second only");
-        watch.m_kernel.Reset();
-    }
 
     const size_t slash = configPath.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : configPath.substr(0, slash);
@@ -191,9 +182,7 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath) {
 }
 
 void NoteKernelMessages(const char* data, size_t length, EVENTS& events) {
-    auto remaining = static_cast<unsigned int>(length);
-    for (const auto* header = reinterpret_cast<const nlmsghdr*>(data); NLMSG_OK(header, remaining);
-         header = NLMSG_NEXT(header, remaining)) {
+    ForEachMessage(data, length, [&events](const nlmsghdr* header) {
         switch (header->nlmsg_type) {
             case RTM_NEWLINK:
             case RTM_DELLINK:
@@ -209,7 +198,8 @@ void NoteKernelMessages(const char* data, size_t length, EVENTS& events) {
             default:
                 break;
         }
-    }
+        return true;
+    });
 }
 
 void NoteFileEvents(const EVENT_WATCH& watch, const char* data, size_t length, EVENTS& events) {

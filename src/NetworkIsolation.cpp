@@ -2,14 +2,11 @@
 // link-layer rules, bridge netfilter for br0, and the look that keeps them in force.
 #include "src/NetworkIsolation.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -20,6 +17,7 @@
 
 #include "logging/Logging.h"
 #include "src/NetworkBridge.h"
+#include "src/NetworkNetlink.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStop.h"
@@ -286,65 +284,27 @@ int ReadBridgeSysctl(const char* name) {
     return text[0] == '1' ? 1 : 0;
 }
 
-// The attribute of type `type` among those of `length` bytes at `first`, or null.
-const rtattr* FindAttribute(const rtattr* first, size_t length, unsigned short type) {
-    auto remaining = static_cast<int>(length);
-    for (const rtattr* attribute = first; RTA_OK(attribute, remaining); attribute = RTA_NEXT(attribute, remaining)) {
-        if ((attribute->rta_type & NLA_TYPE_MASK) == type) return attribute;
-    }
-    return nullptr;
-}
-
 // The bridge's own nf_call_iptables and nf_call_arptables, asked of the kernel
 // through rtnetlink; false when it does not say (no such bridge, or a kernel
 // before 4.4, which keeps them out of netlink).
 bool ReadBridgeOwnFlags(const std::string& bridge, bool& iptables, bool& arptables) {
     if (bridge.size() >= IFNAMSIZ) return false;
-    Util::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (!socketFd.IsOpen()) return false;
-    struct {
-        nlmsghdr m_header;
-        ifinfomsg m_info;
-        char m_attributes[RTA_SPACE(IFNAMSIZ)];
-    } request{};
-    request.m_header.nlmsg_type = RTM_GETLINK;
-    request.m_header.nlmsg_flags = NLM_F_REQUEST;
-    request.m_header.nlmsg_seq = 1;
-    request.m_info.ifi_family = AF_UNSPEC;
-    auto* name = reinterpret_cast<rtattr*>(request.m_attributes);
-    name->rta_type = IFLA_IFNAME;
-    name->rta_len = static_cast<unsigned short>(RTA_LENGTH(bridge.size() + 1));
-    memcpy(RTA_DATA(name), bridge.c_str(), bridge.size() + 1);
-    request.m_header.nlmsg_len = NLMSG_LENGTH(sizeof(ifinfomsg)) + RTA_ALIGN(name->rta_len);
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    if (sendto(socketFd.Get(), &request, request.m_header.nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel),
-               sizeof kernel) < 0) {
-        return false;
-    }
+    const Util::UniqueFd socketFd = OpenRouteSocket(0, 0);
+    if (!socketFd.IsOpen() || !SendLinkRequest(socketFd.Get(), bridge, 1)) return false;
     // One link's message: 1,880 bytes for br0 on Linux 6.18, 10 KiB with 80
-    // alternative names; 64 KiB leave room for far more, and MSG_TRUNC gives
-    // a reply's whole length, so a longer one is told apart. Mapped for the
-    // look alone: a buffer on the stack would leave its pages resident.
+    // alternative names; 64 KiB leave room for far more, and a longer reply
+    // is told apart. Mapped for the look alone: a buffer on the stack would
+    // leave its pages resident.
     const Util::UniqueMapping reply(65536);
     if (!reply.IsMapped()) return false;
-    ssize_t got = 0;
-    do {
-        got = recv(socketFd.Get(), reply.Data(), reply.Size(), MSG_TRUNC);
-    } while (got < 0 && errno == EINTR);
-    if (got <= 0 || static_cast<size_t>(got) > reply.Size()) return false;
-    const auto* header = reinterpret_cast<const nlmsghdr*>(reply.Data());
-    if (!NLMSG_OK(header, static_cast<unsigned int>(got)) || header->nlmsg_type != RTM_NEWLINK) return false;
-    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
-    const size_t attributesLength = header->nlmsg_len - NLMSG_LENGTH(sizeof(ifinfomsg));
-    const rtattr* linkInfo = FindAttribute(IFLA_RTA(info), attributesLength, IFLA_LINKINFO);
+    const nlmsghdr* header = ReadReply(socketFd.Get(), reply);
+    if (header == nullptr || header->nlmsg_type != RTM_NEWLINK) return false;
+    const rtattr* linkInfo = FindAttribute(MessageAttributes(header, sizeof(ifinfomsg)), IFLA_LINKINFO);
     if (linkInfo == nullptr) return false;
-    const rtattr* data =
-        FindAttribute(static_cast<const rtattr*>(RTA_DATA(linkInfo)), RTA_PAYLOAD(linkInfo), IFLA_INFO_DATA);
+    const rtattr* data = FindAttribute(NestedAttributes(linkInfo), IFLA_INFO_DATA);
     if (data == nullptr) return false;
-    const auto* first = static_cast<const rtattr*>(RTA_DATA(data));
-    const rtattr* ip = FindAttribute(first, RTA_PAYLOAD(data), IFLA_BR_NF_CALL_IPTABLES);
-    const rtattr* arp = FindAttribute(first, RTA_PAYLOAD(data), IFLA_BR_NF_CALL_ARPTABLES);
+    const rtattr* ip = FindAttribute(NestedAttributes(data), IFLA_BR_NF_CALL_IPTABLES);
+    const rtattr* arp = FindAttribute(NestedAttributes(data), IFLA_BR_NF_CALL_ARPTABLES);
     if (ip == nullptr || arp == nullptr || RTA_PAYLOAD(ip) < 1 || RTA_PAYLOAD(arp) < 1) return false;
     iptables = *static_cast<const uint8_t*>(RTA_DATA(ip)) != 0;
     arptables = *static_cast<const uint8_t*>(RTA_DATA(arp)) != 0;

@@ -7,8 +7,6 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -18,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "src/NetworkNetlink.h"
 #include "util/UniqueFd.h"
 #include "util/UniqueMapping.h"
 
@@ -28,51 +27,6 @@ constexpr size_t kDumpBufferBytes = 32768;
 KernelShapeReader& ActiveReader() {
     static KernelShapeReader reader;
     return reader;
-}
-
-// A dump's messages are handed to `take` one by one; false when the kernel
-// could not be asked or answered with an error.
-template <typename Take>
-bool Dump(int socketFd, const Util::UniqueMapping& buffer, uint16_t type, unsigned char family, uint32_t sequence,
-          Take take) {
-    struct {
-        nlmsghdr m_header;
-        rtgenmsg m_message;
-    } request{};
-    request.m_header.nlmsg_len = NLMSG_LENGTH(sizeof(rtgenmsg));
-    request.m_header.nlmsg_type = type;
-    request.m_header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    request.m_header.nlmsg_seq = sequence;
-    request.m_message.rtgen_family = family;
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    if (sendto(socketFd, &request, request.m_header.nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel),
-               sizeof(kernel)) < 0) {
-        return false;
-    }
-    for (;;) {
-        // MSG_TRUNC: the datagram's whole length, so one cut short is told apart.
-        const ssize_t got = recv(socketFd, buffer.Data(), buffer.Size(), MSG_TRUNC);
-        if (got <= 0 || static_cast<size_t>(got) > buffer.Size()) return false;
-        auto remaining = static_cast<unsigned int>(got);
-        for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.Data()); NLMSG_OK(header, remaining);
-             header = NLMSG_NEXT(header, remaining)) {
-            if (header->nlmsg_seq != sequence) continue;
-            if (header->nlmsg_type == NLMSG_DONE) return true;
-            if (header->nlmsg_type == NLMSG_ERROR) return false;
-            take(header);
-        }
-    }
-}
-
-// Each attribute of a message's payload, after its fixed part, to `take(type, attribute)`.
-template <typename Take>
-void ForEachAttribute(const nlmsghdr* header, size_t fixedLength, Take take) {
-    const size_t start = NLMSG_LENGTH(fixedLength);
-    if (header->nlmsg_len < start) return;
-    auto length = static_cast<unsigned int>(header->nlmsg_len - start);
-    const auto* attribute = reinterpret_cast<const rtattr*>(reinterpret_cast<const char*>(header) + NLMSG_ALIGN(start));
-    for (; RTA_OK(attribute, length); attribute = RTA_NEXT(attribute, length)) take(attribute->rta_type, attribute);
 }
 
 uint32_t U32(const rtattr* attribute) {
@@ -93,7 +47,8 @@ void TakeLink(const nlmsghdr* header, KERNEL_SHAPE& shape) {
     KERNEL_LINK link;
     link.m_nIndex = info->ifi_index;
     link.m_bUp = (info->ifi_flags & IFF_UP) != 0;
-    ForEachAttribute(header, sizeof(ifinfomsg), [&link](unsigned short type, const rtattr* attribute) {
+    const NETLINK_ATTRIBUTES attributes = MessageAttributes(header, sizeof(ifinfomsg));
+    ForEachAttribute(attributes, [&link](unsigned short type, const rtattr* attribute) {
         if (type == IFLA_IFNAME) {
             const auto* text = static_cast<const char*>(RTA_DATA(attribute));
             link.m_name.assign(text, strnlen(text, RTA_PAYLOAD(attribute)));
@@ -117,7 +72,8 @@ void TakeAddress(const nlmsghdr* header, KERNEL_SHAPE& shape) {
     KERNEL_ADDRESS address;
     address.m_nIndex = static_cast<int>(info->ifa_index);
     address.m_nPrefix = info->ifa_prefixlen;
-    ForEachAttribute(header, sizeof(ifaddrmsg), [&address](unsigned short type, const rtattr* attribute) {
+    const NETLINK_ATTRIBUTES attributes = MessageAttributes(header, sizeof(ifaddrmsg));
+    ForEachAttribute(attributes, [&address](unsigned short type, const rtattr* attribute) {
         if (type == IFA_LOCAL) address.m_address = Ipv4(attribute);
     });
     shape.m_addresses.push_back(address);
@@ -129,7 +85,8 @@ void TakeRoute(const nlmsghdr* header, KERNEL_SHAPE& shape) {
     if (info->rtm_family != AF_INET || info->rtm_dst_len != 0) return;
     uint32_t table = info->rtm_table;
     KERNEL_ROUTE route;
-    ForEachAttribute(header, sizeof(rtmsg), [&route, &table](unsigned short type, const rtattr* attribute) {
+    const NETLINK_ATTRIBUTES attributes = MessageAttributes(header, sizeof(rtmsg));
+    ForEachAttribute(attributes, [&route, &table](unsigned short type, const rtattr* attribute) {
         if (type == RTA_OIF) route.m_nIndex = static_cast<int>(U32(attribute));
         if (type == RTA_GATEWAY) route.m_gateway = Ipv4(attribute);
         if (type == RTA_PRIORITY) route.m_nMetric = U32(attribute);
@@ -182,12 +139,9 @@ const KERNEL_LINK* KERNEL_SHAPE::Link(const std::string& name) const {
 
 KERNEL_SHAPE ReadKernelShape() {
     KERNEL_SHAPE shape;
-    Util::UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    if (!socketFd.IsOpen()) return shape;
     // The kernel answers a dump at once; the limit only keeps a broken one from holding the daemon.
-    timeval limit{};
-    limit.tv_sec = 1;
-    setsockopt(socketFd.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    const Util::UniqueFd socketFd = OpenRouteSocket(0, 1);
+    if (!socketFd.IsOpen()) return shape;
     // The kernel sizes a dump's datagrams to the largest buffer the reader has
     // offered (32 KiB at most), and a link whose message does not fit is left
     // out, on Linux 6.18 without an error. 32 KiB are offered, in a mapping of
