@@ -27,11 +27,13 @@ std::string DhcpLeasePath(const std::string& interfaceName);
 // Signals every udhcpc process serving the interface and removes its lease file.
 void StopDhcp(const std::string& interfaceName, unsigned int metric);
 
-// The pid of a udhcpc process serving the interface, 0 when there is none.
+// The pid of a udhcpc process serving the interface and running as root, 0 when
+// there is none. Another user's look-alike is never taken for the client.
 pid_t FindDhcpClient(const std::string& interfaceName);
 
-// Whether `pid` is still a udhcpc process serving the interface (one read of its
-// command line; a process that has ended, zombie or gone, is not).
+// Whether `pid` is still a udhcpc process serving the interface and running as
+// root (one read of its command line and its status; a process that has ended,
+// zombie or gone, is not).
 bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName);
 
 // Reads /tmp/dhcp_<interface>.txt if present, puts a new lease into effect (or

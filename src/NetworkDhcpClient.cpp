@@ -109,6 +109,32 @@ bool Serves(const std::vector<std::string>& arguments, const std::string& interf
     return false;
 }
 
+// Whether the process runs as root: the real and effective user of its status's
+// "Uid:" line both 0. Any user can start a program under the client's name
+// (exec -a udhcpc ...), and no other user's process is the client the daemon
+// started; /proc/PID's owner is no proof, as a process can make it root's.
+bool RunsAsRoot(pid_t pid) {
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%ld/status", static_cast<long>(pid));
+    const Util::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.IsOpen()) return false;
+    // The Uid line comes within the first few hundred bytes, after the name
+    // (at most 64 escaped characters) and seven short lines.
+    char text[1024];
+    size_t count = 0;
+    while (count < sizeof text - 1) {
+        const ssize_t got = read(fd.Get(), text + count, sizeof text - 1 - count);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        count += static_cast<size_t>(got);
+    }
+    text[count] = '\0';
+    const char* line = strstr(text, "\nUid:");
+    long real = -1;
+    long effective = -1;
+    return line != nullptr && sscanf(line, "\nUid: %ld %ld", &real, &effective) == 2 && real == 0 && effective == 0;
+}
+
 // Calls `found` with the pid of each udhcpc process serving the interface; false
 // when /proc cannot be read.
 template <typename Found>
@@ -127,6 +153,15 @@ bool ForEachClient(const std::string& interfaceName, Found found) {
     return true;
 }
 
+// Whether `pid` is still a udhcpc process serving the interface, whoever runs
+// it: a stopped client is waited for as it was found, by its command line.
+bool IsUdhcpcOf(pid_t pid, const std::string& interfaceName) {
+    if (pid <= 0) return false;
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%ld/cmdline", static_cast<long>(pid));
+    return Serves(ReadUdhcpcArguments(AT_FDCWD, path), interfaceName);
+}
+
 // How long clients told to stop get to release their leases (a release packet
 // and the script's "deconfig"), and how long a killed one gets to be gone.
 constexpr unsigned int kClientReleaseWaitMs = 3000;
@@ -140,7 +175,7 @@ std::vector<pid_t> WaitForClientsToGo(std::vector<pid_t> pids, const std::string
     const int64_t endMs = SteadyMs() + waitMs;
     for (;;) {
         pids.erase(std::remove_if(pids.begin(), pids.end(),
-                                  [&interfaceName](pid_t pid) { return !IsDhcpClientOf(pid, interfaceName); }),
+                                  [&interfaceName](pid_t pid) { return !IsUdhcpcOf(pid, interfaceName); }),
                    pids.end());
         if (pids.empty() || SteadyMs() >= endMs || StopGraceOver()) return pids;
         SleepLettingSignalsIn(10);
@@ -188,7 +223,9 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
 
 pid_t FindDhcpClient(const std::string& interfaceName) {
     std::vector<pid_t> clients;
-    ForEachClient(interfaceName, [&clients](pid_t pid) { clients.push_back(pid); });
+    ForEachClient(interfaceName, [&clients](pid_t pid) {
+        if (RunsAsRoot(pid)) clients.push_back(pid);
+    });
     // A client's own child (forked to run its script, and not yet the script)
     // carries the client's command line for a moment: the one whose parent is
     // not among them is the client.
@@ -199,8 +236,5 @@ pid_t FindDhcpClient(const std::string& interfaceName) {
 }
 
 bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName) {
-    if (pid <= 0) return false;
-    char path[32];
-    snprintf(path, sizeof path, "/proc/%ld/cmdline", static_cast<long>(pid));
-    return Serves(ReadUdhcpcArguments(AT_FDCWD, path), interfaceName);
+    return IsUdhcpcOf(pid, interfaceName) && RunsAsRoot(pid);
 }

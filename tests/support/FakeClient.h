@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,13 +14,19 @@
 
 #include "tests/support/Namespaces.h"
 
+// Another user than root, for a look-alike of a client: nobody.
+constexpr uid_t kNobody = 65534;
+
 // A real process with the command line a DHCP client would show: /bin/sh started
 // under the name `argv0`, waiting on a pipe for input that never comes. Its
 // command line is argv0, "-c", `script` (by default "read REPLY", which starts
-// no other process), then `arguments`. Killed and reaped on every path.
+// no other process), then `arguments`. Run as `user` (root by default: the
+// client the daemon starts), for another user's look-alike. Killed and reaped
+// on every path.
 class FakeClient {
 public:
-    FakeClient(const std::string& argv0, const Lines& arguments, const std::string& script = "read REPLY") {
+    FakeClient(const std::string& argv0, const Lines& arguments, const std::string& script = "read REPLY",
+               uid_t user = 0) {
         Lines all = {argv0, "-c", script};
         all.insert(all.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv;
@@ -36,10 +43,15 @@ public:
         }
         m_pid = fork();
         if (m_pid == 0) {
-            // Goes with the test process even if that is killed outright.
+            const bool becameUser = user == 0 || (setgroups(0, nullptr) == 0 && setresgid(user, user, user) == 0 &&
+                                                  setresuid(user, user, user) == 0);
+            // Goes with the test process even if that is killed outright (after
+            // the change of user, which clears it).
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            dup2(input[0], STDIN_FILENO);
-            execv("/bin/sh", argv.data());
+            if (becameUser) {
+                dup2(input[0], STDIN_FILENO);
+                execv("/bin/sh", argv.data());
+            }
             char failed = 1;
             ssize_t ignored = write(started[1], &failed, 1);
             (void)ignored;

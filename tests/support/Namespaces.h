@@ -60,3 +60,14 @@ inline bool NamespacesRequired() {
             GTEST_SKIP() << why_;                                                         \
         }                                                                                 \
     } while (0)
+
+// For tests of what only root may do (run a process as another user) or what
+// only root's processes count for (the DHCP client): skipped, or failed where
+// namespaces are required, when not root.
+#define TESSEL_NEED_ROOT()                                                                  \
+    do {                                                                                    \
+        if (geteuid() != 0) {                                                               \
+            if (NamespacesRequired()) FAIL() << "needs root (TESSEL_REQUIRE_NAMESPACES=1)"; \
+            GTEST_SKIP() << "needs root";                                                   \
+        }                                                                                   \
+    } while (0)

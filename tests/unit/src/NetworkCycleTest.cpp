@@ -4,6 +4,7 @@
 // lists no DHCP client but the test's, and an eth0 made for the case.
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 
 #include <signal.h>
@@ -619,25 +620,59 @@ TEST(NetworkCycleFaultTest, LeaseThatCannotBePutInForceIsKeptAndAppliedOnALaterP
                      "NOTICE NoteWorkDone: Recovered addressing of veth1 after 1 failed attempts"}}));
 }
 
-TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
-    TESSEL_NEED_NAMESPACES();
+// One value the passes' process (in namespaces of its own, a child) hands back.
+template <typename T>
+class SharedWithPasses {
+public:
+    SharedWithPasses()
+        : m_value(
+              static_cast<T*>(mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+    ~SharedWithPasses() {
+        if (m_value != MAP_FAILED) munmap(m_value, sizeof(T));
+    }
+    SharedWithPasses(const SharedWithPasses&) = delete;
+    SharedWithPasses& operator=(const SharedWithPasses&) = delete;
+    T* Get() const { return m_value == MAP_FAILED ? nullptr : m_value; }
+
+private:
+    T* m_value;
+};
+
+// The client the pass starts dies at second 6; with `lookAlike`, another user
+// then runs a program under its name and arguments (its pid, as the passes see
+// it, in `impostorPid`). Returns the passes' timeline.
+Lines DeadClientTimeline(bool lookAlike, pid_t& impostorPid) {
+    SharedWithPasses<pid_t> impostorSeen;
+    if (impostorSeen.Get() == nullptr) return {"cannot map"};
     // What the started client looks like in the process table, once it has
     // gone to the background.
+    const Lines arguments = {"-i", "veth1", "-b", "-R", "-s", "/usr/share/udhcpc/tessel.script"};
     std::vector<std::unique_ptr<FakeClient>> clients;
+    std::unique_ptr<FakeClient> impostor;
     Lines timeline = RunTimedPasses(
         Eth0::kMissing, kEth1Dhcp, 14,
         [&](int /*pass*/, const std::string& command) -> std::optional<COMMAND_OUTCOME> {
-            if (command.rfind("udhcpc -i veth1 ", 0) == 0) {
-                clients.push_back(std::make_unique<FakeClient>(
-                    "udhcpc", Lines{"-i", "veth1", "-b", "-R", "-s", "/usr/share/udhcpc/tessel.script"}));
-            }
+            if (command.rfind("udhcpc -i veth1 ", 0) == 0)
+                clients.push_back(std::make_unique<FakeClient>("udhcpc", arguments));
             return std::nullopt;
         },
         [&](int pass, CYCLE_STATE& /*state*/) {
             // Killed at second 6, after the first check at second 5 found it;
             // a zombie until reaped, and no client either way.
-            if (pass == 7 && !clients.empty()) clients.front()->KillToZombie();
+            if (pass != 7 || clients.empty()) return;
+            clients.front()->KillToZombie();
+            if (!lookAlike) return;
+            impostor = std::make_unique<FakeClient>("udhcpc", arguments, "read REPLY", kNobody);
+            if (impostor->Started()) *impostorSeen.Get() = impostor->Pid();
         });
+    impostorPid = *impostorSeen.Get();
+    return timeline;
+}
+
+TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
+    TESSEL_NEED_NAMESPACES();
+    pid_t impostor = 0;
+    const Lines timeline = DeadClientTimeline(false, impostor);
     const Lines expected =
         Join({{"pass 1"},
               BuildEth1(),
@@ -647,6 +682,28 @@ TEST(NetworkCycleFaultTest, DeadDhcpClientIsReplacedAfterItsNextCheck) {
               // Checked at seconds 5 (running) and 10 (gone); replaced in the next pass.
               {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12"},
               kClientStart});
+    EXPECT_EQ(timeline, expected) << Text(timeline);
+}
+
+TEST(NetworkCycleFaultTest, AnotherUsersLookAlikeNeverStandsInForADeadClient) {
+    TESSEL_NEED_NAMESPACES();
+    pid_t impostor = 0;
+    const Lines timeline = DeadClientTimeline(true, impostor);
+    ASSERT_GT(impostor, 0);
+    const Lines expected =
+        Join({{"pass 1"},
+              BuildEth1(),
+              RegisterWrites(),
+              kClientStart,
+              kPhyWrite,
+              // Not taken for the client at the check at second 10: replaced as if
+              // there were none, and stopped with the clients, as every udhcpc of veth1 is.
+              {"pass 11", "WARN ServiceVethX: DHCP client for veth1 is gone, starting a new one", "pass 12",
+               "INFO SetupInterface: Configuring interface veth1 for DHCP", "$ ip route flush dev veth1",
+               "$ ip addr flush dev veth1",
+               "INFO StopDhcp: Killing udhcpc pid " + std::to_string(impostor) + " for interface veth1",
+               "$ rm -f /tmp/dhcp_veth1.txt > /dev/null 2>&1", "INFO SetupInterface: Starting DHCP for interface veth1",
+               "$ udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script"}});
     EXPECT_EQ(timeline, expected) << Text(timeline);
 }
 

@@ -111,6 +111,19 @@ TEST(StopDhcpTest, OnlyWholeArgumentsAndTheBareProgramNameMatch) {
     EXPECT_EQ(otherProgram.EndingSignal(), 0);
 }
 
+TEST(StopDhcpTest, AnotherUsersLookAlikeIsStoppedLikeEveryClient) {
+    TESSEL_NEED_ROOT();
+    std::string name = UniqueName();
+    FakeClient impostor("udhcpc", ClientArguments(name), "read REPLY", kNobody);
+    ASSERT_TRUE(impostor.Started());
+    EXPECT_EQ(StopDhcpTimeline(name),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(impostor.Pid()) + " for interface " + name,
+                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+              }));
+    EXPECT_EQ(impostor.EndingSignal(), SIGTERM);
+}
+
 TEST(StopDhcpTest, ShorterNameDoesNotMatchTheClientOfALongerOne) {
     std::string name = UniqueName();
     FakeClient longerInterface("udhcpc", ClientArguments(name + "0"));
@@ -339,6 +352,7 @@ TEST(StopDhcpTest, AStopOfTheDaemonCutsTheWaitShortAndStartsNothing) {
 // --- Finding the client again ---------------------------------------------------
 
 TEST(FindDhcpClientTest, FindsTheClientOfTheInterfaceOnly) {
+    TESSEL_NEED_ROOT();
     const std::string name = UniqueName();
     EXPECT_EQ(FindDhcpClient(name), 0);
     FakeClient other("udhcpc", ClientArguments(name + "0"));
@@ -351,6 +365,7 @@ TEST(FindDhcpClientTest, FindsTheClientOfTheInterfaceOnly) {
 }
 
 TEST(FindDhcpClientTest, TheClientAndNotItsChildThatStillShowsItsCommandLine) {
+    TESSEL_NEED_ROOT();
     const std::string name = UniqueName();
     // The subshell is a child with the parent's command line, as a client's
     // child has until it runs the script.
@@ -366,6 +381,20 @@ TEST(FindDhcpClientTest, TheClientAndNotItsChildThatStillShowsItsCommandLine) {
     ASSERT_FALSE(children.empty());
     EXPECT_TRUE(IsDhcpClientOf(std::stoi(children), name));
     EXPECT_EQ(FindDhcpClient(name), client.Pid());
+}
+
+TEST(FindDhcpClientTest, AnotherUsersLookAlikeIsNeverTheClient) {
+    TESSEL_NEED_ROOT();
+    const std::string name = UniqueName();
+    // Started first, so the scan meets it before the client.
+    FakeClient impostor("udhcpc", ClientArguments(name), "read REPLY", kNobody);
+    ASSERT_TRUE(impostor.Started());
+    EXPECT_FALSE(IsDhcpClientOf(impostor.Pid(), name));
+    EXPECT_EQ(FindDhcpClient(name), 0);
+    FakeClient client("udhcpc", ClientArguments(name));
+    ASSERT_TRUE(client.Started());
+    EXPECT_EQ(FindDhcpClient(name), client.Pid());
+    EXPECT_TRUE(IsDhcpClientOf(client.Pid(), name));
 }
 
 TEST(FindDhcpClientTest, AClientThatEndedIsNoClientZombieOrGone) {
