@@ -68,37 +68,42 @@ bool ReplaceIn(int directoryFd, const std::string& text, std::string& error) {
 
 }  // namespace
 
-bool WriteStatusFile(const std::string& directory, const std::string& text, std::string& error) {
+Util::UniqueFd OpenStatusDirectory(const std::string& directory, std::string& error) {
     const bool bCreated = mkdir(directory.c_str(), 0755) == 0;
     if (!bCreated && errno != EEXIST) {
         error = Reason("cannot create " + directory);
-        return false;
+        return {};
     }
     // O_NOFOLLOW: a symbolic link put where the directory should be is refused, not followed.
-    const Util::UniqueFd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    Util::UniqueFd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir.IsOpen()) {
         // ELOOP: a symbolic link; ENOTDIR: anything else that is no directory.
         error =
             errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory" : Reason("cannot open " + directory);
-        return false;
+        return {};
     }
     struct stat status {};
     if (fstat(dir.Get(), &status) != 0) {
         error = Reason("cannot examine " + directory);
-        return false;
+        return {};
     }
     if (status.st_uid != geteuid()) {
         error = directory + " belongs to another user";
-        return false;
+        return {};
     }
     // 0755 whatever the umask; one made by someone else is used only when nobody else can write it.
     if (bCreated && fchmod(dir.Get(), 0755) != 0) {
         error = Reason("cannot set the mode of " + directory);
-        return false;
+        return {};
     }
     if (!bCreated && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         error = directory + " is writable by others";
-        return false;
+        return {};
     }
-    return ReplaceIn(dir.Get(), text, error);
+    return dir;
+}
+
+bool WriteStatusFile(const std::string& directory, const std::string& text, std::string& error) {
+    const Util::UniqueFd dir = OpenStatusDirectory(directory, error);
+    return dir.IsOpen() && ReplaceIn(dir.Get(), text, error);
 }

@@ -11,6 +11,7 @@
 #include "logging/Logging.h"
 #include "src/NetworkCycle.h"
 #include "src/NetworkEvents.h"
+#include "src/NetworkInstance.h"
 #include "src/NetworkNotify.h"
 #include "src/NetworkStatus.h"
 #include "src/NetworkStatusSchema.h"
@@ -71,6 +72,18 @@ int main(int argc, char** argv) {
     }
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using config file: " + cli["01cfg-file"]);
 
+    const std::string statusDirectory = cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"];
+    // Before any command: a second daemon must not touch what the first one keeps.
+    const INSTANCE_LOCK instance = TakeInstanceLock(statusDirectory);
+    if (instance.m_bHeldByOther) {
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, DescribeOtherInstance(instance));
+        return kExitAnotherInstance;
+    }
+    if (!instance.m_problem.empty()) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                  "Cannot take the instance lock (" + instance.m_problem + "); a second daemon would not be refused");
+    }
+
     CYCLE_STATE state;
 
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Bringing up loopback lo");
@@ -80,7 +93,7 @@ int main(int argc, char** argv) {
     const std::string configPath = cli["01cfg-file"];
     // The status document follows each pass; it is written only when what it shows changed.
     STATUS_WRITER status;
-    StartStatus(status, cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"], configPath);
+    StartStatus(status, statusDirectory, configPath);
     UpdateStatus(status, state);
     // Passes come once a second, and sooner when the kernel or the files report a change.
     EVENT_WATCH watch = OpenEventWatch(configPath);

@@ -363,13 +363,13 @@ class FaultTest(harness.DaemonTestCase):
         daemon.wait_for_message("Configuring veth1 for 10.0.0.3/255.255.255.0", timeout=5)
         report("few descriptors: limit raised to configuration in force", time.monotonic() - raised)
         # Nothing was left open by the failed reads: the standard three, and what
-        # the daemon holds for its life, the kernel's and the files' notifications
-        # and the set it waits on.
+        # the daemon holds for its life, its instance lock, the kernel's and the
+        # files' notifications and the set it waits on.
         descriptors = daemon.held_descriptors()
         held = sorted(target for fd, target in descriptors.items() if fd > 2)
-        self.assertEqual(sorted(descriptors), [0, 1, 2, 3, 4, 5])
+        self.assertEqual(sorted(descriptors), [0, 1, 2, 3, 4, 5, 6])
         self.assertEqual([re.sub(r"\[\d+\]$", "", target) for target in held],
-                         ["anon_inode:[eventpoll]", "anon_inode:inotify", "socket:"], held)
+                         ["/run/tessel-networkd/lock", "anon_inode:[eventpoll]", "anon_inode:inotify", "socket:"], held)
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())
     def test_notify_service_hears_ready_after_the_first_cycle_then_the_watchdog(self):

@@ -1,7 +1,9 @@
 """The daemon's start-up, its stop signals and the form of its log lines."""
 
 import datetime
+import os
 import signal
+import subprocess
 
 import harness
 from expected_commands import ETH1_BLOCK, ETH1_BLOCKED, START_UP
@@ -50,6 +52,36 @@ class LifecycleTest(harness.DaemonTestCase):
                     ("SigHandler", "SigHandler: Caught signal: %d, shutting down..." % sig),
                     ("main", "tessel-networkd exiting with code of %d" % code),
                 ])
+
+    def test_a_second_daemon_refuses_to_start_and_runs_nothing(self):
+        first = self.start_running_daemon()
+        commands = self.sandbox.commands()
+        # Started where the first one runs (its mounts, /run included, and its pid
+        # namespace), as a manual run beside the service would be.
+        with open("/proc/%d/status" % first.pid) as status:
+            inner_pid = [line.split()[-1] for line in status if line.startswith("NSpid:")][0]
+        env = dict(os.environ, PATH=self.sandbox.path("bin") + os.pathsep + os.environ.get("PATH", "/usr/bin:/bin"),
+                   TESSEL_WORK=self.sandbox.work)
+        second = subprocess.run(
+            ["nsenter", "--target", str(first.pid), "--mount", "--pid", "--net", "--"] + self.sandbox.run_prefix
+            + [self.sandbox.daemon_path, "--config", self.sandbox.config_path],
+            env=env, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=harness.TIMEOUT)
+        self.assertEqual(second.returncode, 75, second.stdout + second.stderr)
+        entries = [parse_log_line(line) for line in second.stdout.splitlines()]
+        self.assertEqual([(e.level, e.message) for e in entries], [
+            ("INFO", "tessel-networkd starting"),
+            ("INFO", "Using config file: " + self.sandbox.config_path),
+            ("ERROR", "Another tessel-networkd is running (pid %s); not starting" % inner_pid),
+        ])
+        # It ran no command, and the first one goes on undisturbed.
+        self.assertEqual(self.sandbox.commands(), commands)
+        self.assertTrue(first.running())
+        first.send(signal.SIGTERM)
+        self.assertEqual(first.wait_exit(), 0, first.output())
+        # The lock the first one left is no one's: the next start goes ahead.
+        self.sandbox.clear_commands()
+        self.start_running_daemon()
+        self.assertEqual(self.sandbox.commands(), START_UP)
 
     def test_sigpipe_is_ignored(self):
         daemon = self.start_running_daemon()
