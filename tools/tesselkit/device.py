@@ -9,6 +9,7 @@ TOOLS = ("ip", "bridge", "arptables", "iptables", "ebtables", "devmem", "udhcpc"
 
 # The second internal network, which the isolation rules keep off eth1 and veth0:
 # veth3 and the host on eth0's side.
+# (The shell tools name them in tools/twoport-net.)
 VETH3_ADDR = "10.253.254.253"
 VETH3_MAC = "02:23:02:00:00:00"
 INTERNAL_HOST_ADDR = "10.253.254.254"
