@@ -23,6 +23,7 @@ try:
     from tesselkit.device import VETH3_ADDR
     from tesselkit.frames import Port, settle
     from tesselkit.logs import entries
+    from tesselkit.timelines import isolation_rule_counts
     from tesselkit.waiting import wait_until
 except ModuleNotFoundError as missing:
     sys.exit("labtest: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
@@ -43,7 +44,7 @@ PEER1_ADDR = _LAYOUT["PEER1_ADDR"]  # DHCP server and router on eth1's side
 DEVICE_MAC = _LAYOUT["DEVICE_MAC"]  # veth1, from the lab's kernel command line
 DHCP_RANGE = (_LAYOUT["DHCP_FIRST"], _LAYOUT["DHCP_LAST"])
 # The rules of the two-port isolation, as many as the daemon puts in force.
-ISOLATION_RULES = {"ARP": 38, "IP": 12, "link layer": 22}
+ISOLATION_RULES = isolation_rule_counts()
 
 
 def unavailable_reason():

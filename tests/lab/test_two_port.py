@@ -10,7 +10,7 @@ reaches the ARP or IP rule meant for it too, so either counts
 import re
 import unittest
 
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, Ports, lab_module, main
+from labtest import DEVICE_MAC, ISOLATION_RULES, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, Ports, lab_module, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
 from tesselkit.frames import arp_frame, arp_match, icmp_echo_frame, marker_match
 from tesselkit.lab import run
@@ -74,8 +74,8 @@ class TwoPortTest(unittest.TestCase):
         self.assertEqual(DEVICE_MAC, self.lab.link("veth1")["address"])
 
     def test_38_arp_and_12_ip_rules_in_force(self):
-        self.assertEqual(38, len(self.lab.arp_rules()))
-        self.assertEqual(12, len(self.lab.ip_rules()))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(self.lab.arp_rules()))
+        self.assertEqual(ISOLATION_RULES["IP"], len(self.lab.ip_rules()))
 
     def learnt_on_eth1(self):
         fdb = run(["bridge", "-n", self.lab.dev, "fdb", "show", "br", "br0", "brport", "eth1"]).stdout

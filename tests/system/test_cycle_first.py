@@ -5,6 +5,7 @@ import harness
 from expected_commands import (BRIDGE_ETH0ETH1, BUILD_ETH0, BUILD_ETH0ETH1, BUILD_ETH1, ETH1_BLOCK, ETH1_LIFT,
                                ISOLATION_IN_FORCE, ISOLATION_TABLES, REGISTER_WRITES, START_UP, VETH0_BLOCK,
                                VETH0_LIFT)
+from tesselkit.timelines import isolation_rule_counts
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -151,7 +152,9 @@ class FirstCycleTest(harness.DaemonTestCase):
         self.assertLess(build.index("ip link set eth1 up"), len(build) - len(lifts))
         self.assertEqual(commands[len(START_UP) + len(BUILD_ETH0ETH1)], "ip link set eth0 master br0")
         # What the stand-ins' tables hold: the isolation's rules, all DROP, the block gone.
-        for tool, count in (("arptables", 38), ("iptables", 12), ("ebtables", 22)):
+        counts = isolation_rule_counts()
+        for tool, count in (("arptables", counts["ARP"]), ("iptables", counts["IP"]),
+                            ("ebtables", counts["link layer"])):
             with self.subTest(tool=tool):
                 rules = self.sandbox.rules(tool)
                 self.assertEqual(len(rules), count, rules)
