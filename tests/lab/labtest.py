@@ -29,7 +29,7 @@ except ModuleNotFoundError as missing:
     sys.exit("labtest: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
 
 __all__ = ["CTL", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "ISOLATION_RULES", "LAB_NAME", "Lab", "LabTestCase",
-           "LinkEvents", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Ports", "figures", "lab_module", "main",
+           "LinkEvents", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Ports", "TwoPortTestCase", "figures", "lab_module", "main",
            "seconds_until", "unavailable_reason"]
 
 # Tests use a lab of their own name, so a demo left running (tools/demo --keep) stays untouched.
@@ -211,6 +211,23 @@ class LabTestCase(unittest.TestCase):
         self.lab = Lab()
         self.addCleanup(self.lab.down)
         self.lab.up(iptables=self.IPTABLES)
+
+
+class TwoPortTestCase(unittest.TestCase):
+    """Tests on their module's lab (MODULE, from lab_module with the two-port
+    configuration), each class once the two-port start is over (self.lease is
+    veth1's); self.ports opens raw-socket ports, closed after each test."""
+
+    MODULE = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.lab = cls.MODULE["lab"]
+        cls.lease = cls.lab.wait_for_two_port_start()
+
+    def setUp(self):
+        self.ports = Ports(self.lab)
+        self.addCleanup(self.ports.close)
 
 
 def lab_module(test_module_globals, start_config=None):
