@@ -6,23 +6,16 @@ import re
 import time
 
 from labtest import ISOLATION_RULES, LabTestCase, main
-from tesselkit.device import TWO_PORT_CONFIG
+from tesselkit.device import TWO_PORT_CONFIG, config_text
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
 # eth0 only: veth1 static on the eth0 side's network, reached through eth0.
-ETH0_CONFIG = """bridge eth0
-phy copper
-veth1 static 10.253.254.10 255.255.255.0 0.0.0.0
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+ETH0_CONFIG = config_text("eth0", "copper", "static 10.253.254.10 255.255.255.0 0.0.0.0",
+                          "static 10.253.254.253 255.255.255.0 0.0.0.0")
 
 # eth1 only: veth1 by DHCP from the server on eth1's side.
-ETH1_CONFIG = """bridge eth1
-phy frame
-veth1 dhcp
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+ETH1_CONFIG = config_text("eth1", "frame", "dhcp", "static 10.253.254.253 255.255.255.0 0.0.0.0")
 
 
 class BridgeModesTest(LabTestCase):

@@ -20,7 +20,7 @@ import unittest
 
 from labtest import ISOLATION_RULES, LAB_NAME, PEER1_ADDR, Lab, main
 from tesselkit import isolation
-from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR, config_text
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
@@ -30,11 +30,8 @@ SAMPLE_EVERY = 30
 RSS_SLACK_KB = 64
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.60 255.255.255.0 192.168.77.1")
-ETH0_CONFIG = """bridge eth0
-phy frame
-veth1 static 10.253.254.10 255.255.255.0 0.0.0.0
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+ETH0_CONFIG = config_text("eth0", "frame", "static 10.253.254.10 255.255.255.0 0.0.0.0",
+                          "static 10.253.254.253 255.255.255.0 0.0.0.0")
 BOTH_PORTS = ["eth0", "eth1", "veth0", "veth2"]
 CLIENT_ARGS = ["-i", "veth1"] + DHCP_CLIENT_ARGS.split()
 

@@ -6,6 +6,7 @@ from expected_commands import (BRIDGE_ETH0ETH1, BUILD_ETH0, BUILD_ETH0ETH1, BUIL
                                ISOLATION_IN_FORCE, ISOLATION_TABLES, REGISTER_WRITES, START_UP, VETH0_BLOCK,
                                VETH0_LIFT)
 from tesselkit.timelines import isolation_rule_counts
+from tesselkit.device import config_text
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -18,11 +19,7 @@ veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
 """
 
 # veth3 is not serviced in this mode, whatever its line says.
-CONFIG_ETH1 = """bridge eth1
-phy frame
-veth1 static 10.0.0.2 255.255.255.0 0.0.0.0
-veth3 dhcp
-"""
+CONFIG_ETH1 = config_text("eth1", "frame", "static 10.0.0.2 255.255.255.0 0.0.0.0", "dhcp")
 
 # No phy line: the mode stays copper.
 CONFIG_ETH0ETH1 = """bridge eth0eth1
