@@ -23,12 +23,13 @@ try:
     from tesselkit.device import VETH3_ADDR
     from tesselkit.frames import Port, settle
     from tesselkit.logs import entries
+    from tesselkit.timelines import isolation_rule_counts
     from tesselkit.waiting import wait_until
 except ModuleNotFoundError as missing:
     sys.exit("labtest: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
 
 __all__ = ["CTL", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "ISOLATION_RULES", "LAB_NAME", "Lab", "LabTestCase",
-           "LinkEvents", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Ports", "figures", "lab_module", "main",
+           "LinkEvents", "PEER0_ADDR", "PEER0_MAC", "PEER1_ADDR", "Ports", "TwoPortTestCase", "figures", "lab_module", "main",
            "seconds_until", "unavailable_reason"]
 
 # Tests use a lab of their own name, so a demo left running (tools/demo --keep) stays untouched.
@@ -43,7 +44,7 @@ PEER1_ADDR = _LAYOUT["PEER1_ADDR"]  # DHCP server and router on eth1's side
 DEVICE_MAC = _LAYOUT["DEVICE_MAC"]  # veth1, from the lab's kernel command line
 DHCP_RANGE = (_LAYOUT["DHCP_FIRST"], _LAYOUT["DHCP_LAST"])
 # The rules of the two-port isolation, as many as the daemon puts in force.
-ISOLATION_RULES = {"ARP": 38, "IP": 12, "link layer": 22}
+ISOLATION_RULES = isolation_rule_counts()
 
 
 def unavailable_reason():
@@ -210,6 +211,23 @@ class LabTestCase(unittest.TestCase):
         self.lab = Lab()
         self.addCleanup(self.lab.down)
         self.lab.up(iptables=self.IPTABLES)
+
+
+class TwoPortTestCase(unittest.TestCase):
+    """Tests on their module's lab (MODULE, from lab_module with the two-port
+    configuration), each class once the two-port start is over (self.lease is
+    veth1's); self.ports opens raw-socket ports, closed after each test."""
+
+    MODULE = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.lab = cls.MODULE["lab"]
+        cls.lease = cls.lab.wait_for_two_port_start()
+
+    def setUp(self):
+        self.ports = Ports(self.lab)
+        self.addCleanup(self.ports.close)
 
 
 def lab_module(test_module_globals, start_config=None):

@@ -5,24 +5,17 @@ restarts the DHCP client, whose lease comes back."""
 import re
 import time
 
-from labtest import LabTestCase, main
-from tesselkit.device import TWO_PORT_CONFIG
+from labtest import ISOLATION_RULES, LabTestCase, main
+from tesselkit.device import TWO_PORT_CONFIG, config_text
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
 # eth0 only: veth1 static on the eth0 side's network, reached through eth0.
-ETH0_CONFIG = """bridge eth0
-phy copper
-veth1 static 10.253.254.10 255.255.255.0 0.0.0.0
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+ETH0_CONFIG = config_text("eth0", "copper", "static 10.253.254.10 255.255.255.0 0.0.0.0",
+                          "static 10.253.254.253 255.255.255.0 0.0.0.0")
 
 # eth1 only: veth1 by DHCP from the server on eth1's side.
-ETH1_CONFIG = """bridge eth1
-phy frame
-veth1 dhcp
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+ETH1_CONFIG = config_text("eth1", "frame", "dhcp", "static 10.253.254.253 255.255.255.0 0.0.0.0")
 
 
 class BridgeModesTest(LabTestCase):
@@ -76,7 +69,7 @@ class BridgeModesTest(LabTestCase):
         wait_until(lambda: self.lab.bridge_ports() == ["eth0", "eth1", "veth0", "veth2"], "br0 with both ports", 10)
         wait_until(lambda: "New DHCP lease for veth1" in self.lab.daemon_log_since(mark), "a new lease", 20)
         self.assertEqual(lease, self.lab.wait_for_lease())
-        self.assertEqual(38, len(self.lab.arp_rules()))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(self.lab.arp_rules()))
         self.assertEqual(1, len(re.findall(r"Setting up bridge for control network", self.lab.daemon_log_since(mark))))
 
 

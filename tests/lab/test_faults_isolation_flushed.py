@@ -9,11 +9,10 @@ again, br0's setting, and frames between eth1's side and the internal network
 dropped again. The time from the change to the isolation back in force is
 printed; it is held only to a generous bound."""
 import time
-import unittest
 
-from labtest import DEVICE_MAC, ISOLATION_RULES, PEER0_MAC, Ports, lab_module, main
+from labtest import DEVICE_MAC, ISOLATION_RULES, PEER0_MAC, Ports, TwoPortTestCase, lab_module, main
 from tesselkit import isolation
-from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_MAC
 from tesselkit.frames import ethertype_match, raw_frame
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
@@ -24,13 +23,8 @@ RESTORED_WITHIN_S = 15  # a look every 10 s, and the repair after it
 SENT = 5
 
 
-class IsolationTakenAwayTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.lab = MODULE["lab"]
-        cls.lease = cls.lab.wait_for_lease()
-        wait_until(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
-        cls.lab.wait_for_first_cycle()
+class IsolationTakenAwayTest(TwoPortTestCase):
+    MODULE = MODULE
 
     def rules(self):
         return {"ARP": sorted(rule for rule, _ in self.lab.arp_rules()),

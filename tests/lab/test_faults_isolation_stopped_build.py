@@ -11,7 +11,7 @@ import signal
 import time
 
 from isolation_flood import FROM_ETH1_SIDE, FROM_INTERNAL_HOST, IsolationFlood, assert_nothing_crossed
-from labtest import PEER1_ADDR, LabTestCase, main
+from labtest import ISOLATION_RULES, PEER1_ADDR, LabTestCase, main
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.waiting import wait_until
@@ -28,7 +28,7 @@ class StoppedBuildTest(LabTestCase):
         return {chain: [rule for rule, _ in self.lab.ebtables_rules("nat", chain)] for chain in BLOCKS}
 
     def counts(self):
-        return (len(self.lab.arp_rules()), len(self.lab.ip_rules()), len(self.lab.ebtables_rules()))
+        return self.lab.rule_counts()
 
     def test_a_build_cut_short_by_a_stop_lets_nothing_cross(self):
         with self.lab.stalled_tool("iptables", "-A") as stall:
@@ -65,7 +65,7 @@ class StoppedBuildTest(LabTestCase):
         self.lab.start(TWO_PORT_CONFIG)
         mark = self.lab.start_mark
         self.lab.wait_for_log("INFO", "Done with bridge setup", mark, 20)
-        wait_until(lambda: self.counts() == (38, 12, 22), lambda: "the rules in force (%s)" % (self.counts(),), 15)
+        wait_until(lambda: self.counts() == ISOLATION_RULES, lambda: "the rules in force (%s)" % (self.counts(),), 15)
         wait_until(lambda: self.blocks() == {chain: [] for chain in BLOCKS},
                    lambda: "the blocks lifted (%s)" % self.blocks(), 15)
         lifted = time.monotonic()

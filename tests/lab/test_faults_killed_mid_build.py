@@ -8,7 +8,7 @@ import os
 import signal
 import time
 
-from labtest import PEER1_ADDR, LabTestCase, main
+from labtest import ISOLATION_RULES, PEER1_ADDR, LabTestCase, main
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.waiting import wait_until
@@ -52,10 +52,10 @@ class KilledMidBuildTest(LabTestCase):
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
         self.assertEqual([lease + "/24"], self.lab.addresses("veth1"))
         arp, ip = self.lab.arp_rules(), self.lab.ip_rules()
-        self.assertEqual(38, len(arp))
-        self.assertEqual(38, len(set(rule for rule, _ in arp)))
-        self.assertEqual(12, len(ip))
-        self.assertEqual(12, len(set(rule for rule, _ in ip)))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(arp))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(set(rule for rule, _ in arp)))
+        self.assertEqual(ISOLATION_RULES["IP"], len(ip))
+        self.assertEqual(ISOLATION_RULES["IP"], len(set(rule for rule, _ in ip)))
         self.assertEqual(1, len(self.lab.udhcpc_clients()))
         # No command failed (the lab has no PHY driver file, which the first cycle reports).
         self.assertEqual([], [e for e in self.lab.log_entries_since(mark)

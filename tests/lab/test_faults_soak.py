@@ -18,9 +18,9 @@ import signal
 import time
 import unittest
 
-from labtest import LAB_NAME, PEER1_ADDR, Lab, main
+from labtest import ISOLATION_RULES, LAB_NAME, PEER1_ADDR, Lab, main
 from tesselkit import isolation
-from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR
+from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR, config_text
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
@@ -30,11 +30,8 @@ SAMPLE_EVERY = 30
 RSS_SLACK_KB = 64
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.60 255.255.255.0 192.168.77.1")
-ETH0_CONFIG = """bridge eth0
-phy frame
-veth1 static 10.253.254.10 255.255.255.0 0.0.0.0
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+ETH0_CONFIG = config_text("eth0", "frame", "static 10.253.254.10 255.255.255.0 0.0.0.0",
+                          "static 10.253.254.253 255.255.255.0 0.0.0.0")
 BOTH_PORTS = ["eth0", "eth1", "veth0", "veth2"]
 CLIENT_ARGS = ["-i", "veth1"] + DHCP_CLIENT_ARGS.split()
 
@@ -81,7 +78,7 @@ class SoakTest(unittest.TestCase):
         return (lab.bridge_ports() == BOTH_PORTS and lab.lease_address() is not None
                 and len(lab.addresses("veth1")) == 1 and lab.addresses("veth3") == [VETH3_ADDR + "/24"]
                 and lab.default_routes() == [(PEER1_ADDR, "veth1", 10)]
-                and len(lab.arp_rules()) == 38 and len(lab.ip_rules()) == 12 and len(lab.ebtables_rules()) == 22)
+                and lab.rule_counts() == ISOLATION_RULES)
 
     def describe(self):
         lab = self.lab
@@ -212,7 +209,7 @@ class SoakTest(unittest.TestCase):
         steady = [s for s in self.samples if s["t"] >= 60]
         self.assertTrue(steady, "the soak ended before its first minute was over")
         for s in self.samples:
-            self.assertEqual((first["fds"], 0, 0, 38, 12, 1), (s["fds"], s["children"], s["zombies"], s["arp"],
+            self.assertEqual((first["fds"], 0, 0, ISOLATION_RULES["ARP"], ISOLATION_RULES["IP"], 1), (s["fds"], s["children"], s["zombies"], s["arp"],
                                                                  s["ip"], s["clients"]), s)
         for s in steady:
             self.assertLessEqual(s["rss"] - steady[0]["rss"], RSS_SLACK_KB, s)

@@ -11,7 +11,7 @@ at all, while the legacy one waits for /run/xtables.lock (by default, with no
 -w, since iptables 1.8.9), which any other program changing the rules holds."""
 import time
 
-from labtest import PEER1_ADDR, LabTestCase, main
+from labtest import ISOLATION_RULES, PEER1_ADDR, LabTestCase, main
 from tesselkit import isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.waiting import wait_until
@@ -55,7 +55,7 @@ class XtablesLockTest(LabTestCase):
             self.assertEqual(["-o eth1 -j DROP", "-o veth0 -j DROP"],
                              [rule for rule, _ in self.lab.ebtables_rules("nat", "POSTROUTING")])
             # Nothing before the refused step needed the lock.
-            self.assertEqual(38, len(self.lab.arp_rules()))
+            self.assertEqual(ISOLATION_RULES["ARP"], len(self.lab.arp_rules()))
             # The interfaces were served after the failed build all the same
             # (veth1's client waits for eth1).
             self.assertEqual([VETH3_ADDR + "/24"], self.lab.addresses("veth3"))
@@ -73,10 +73,10 @@ class XtablesLockTest(LabTestCase):
 
         # The whole build ran again: each rule once, and all of them.
         arp, ip = self.lab.arp_rules(), self.lab.ip_rules()
-        self.assertEqual(38, len(arp))
-        self.assertEqual(38, len(set(rule for rule, _ in arp)))
-        self.assertEqual(12, len(ip))
-        self.assertEqual(12, len(set(rule for rule, _ in ip)))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(arp))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(set(rule for rule, _ in arp)))
+        self.assertEqual(ISOLATION_RULES["IP"], len(ip))
+        self.assertEqual(ISOLATION_RULES["IP"], len(set(rule for rule, _ in ip)))
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
         self.assertEqual("UP", self.lab.link("eth1")["operstate"])
         self.lab.wait_for_lease()

@@ -7,9 +7,8 @@ IP rules working, so eth1's side still reaches neither internal address, and
 the rules' counters show it was those rules that dropped the frames that the
 link-layer rules let through."""
 import time
-import unittest
 
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER1_ADDR, Ports, lab_module, main
+from labtest import DEVICE_MAC, PEER0_ADDR, PEER1_ADDR, Ports, TwoPortTestCase, lab_module, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.frames import arp_frame, arp_match, icmp_echo_frame, marker_match
 from tesselkit.lab import run
@@ -22,13 +21,8 @@ INTERNAL = (VETH3_ADDR, PEER0_ADDR)
 SWITCHES = ("iptables", "arptables")
 
 
-class BridgeNetfilterTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.lab = MODULE["lab"]
-        cls.lease = cls.lab.wait_for_lease()
-        wait_until(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
-        cls.lab.wait_for_first_cycle()
+class BridgeNetfilterTest(TwoPortTestCase):
+    MODULE = MODULE
 
     def set_switches(self, value):
         for switch in SWITCHES:

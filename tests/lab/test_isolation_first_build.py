@@ -8,7 +8,7 @@ that what may cross does once the build is done."""
 import time
 
 from isolation_flood import CONTROLS, FROM_ETH1_SIDE, FROM_INTERNAL_HOST, IsolationFlood, assert_nothing_crossed
-from labtest import DEVICE_MAC, PEER0_MAC, LabTestCase, main
+from labtest import DEVICE_MAC, ISOLATION_RULES, PEER0_MAC, LabTestCase, main
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_MAC
 from tesselkit.frames import Port, ethertype_match, raw_frame
 from tesselkit.waiting import wait_until
@@ -19,14 +19,14 @@ SENT = 5
 
 class FirstBuildTest(LabTestCase):
     def counts(self):
-        return (len(self.lab.arp_rules()), len(self.lab.ip_rules()), len(self.lab.ebtables_rules()))
+        return self.lab.rule_counts()
 
     def eth1_block(self):
         return ([rule for rule, _ in self.lab.ebtables_rules("nat", "PREROUTING")] +
                 [rule for rule, _ in self.lab.ebtables_rules("nat", "POSTROUTING")])
 
     def test_nothing_crosses_during_the_first_build(self):
-        self.assertEqual((0, 0, 0), self.counts(), "a fresh device has no rules")
+        self.assertEqual({"ARP": 0, "IP": 0, "link layer": 0}, self.counts(), "a fresh device has no rules")
         self.assertIsNone(self.lab.bridge_ports())
         with IsolationFlood(self.lab) as flood:
             started = time.monotonic()
@@ -35,7 +35,7 @@ class FirstBuildTest(LabTestCase):
             done = self.lab.wait_for_log("INFO", "Done with bridge setup", mark, 30)
             built = time.monotonic()
             self.lab.wait_for_first_cycle()
-            wait_until(lambda: self.counts() == (38, 12, 22) and not self.eth1_block(),
+            wait_until(lambda: self.counts() == ISOLATION_RULES and not self.eth1_block(),
                        lambda: "the rules in force and eth1's block lifted (%s, %s)" % (self.counts(),
                                                                                        self.eth1_block()), 15)
             in_force = time.monotonic()

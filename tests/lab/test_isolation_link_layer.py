@@ -5,10 +5,9 @@ never cross between eth1's side and the second internal network, the internal
 host's broadcasts stay on its own side, and the link-layer rules' counters
 show which of them dropped each frame. Every test sends the same kind of frame
 where it must arrive too, so a capture that sees nothing cannot pass it."""
-import unittest
 
-from labtest import DEVICE_MAC, PEER0_MAC, Ports, lab_module, main
-from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
+from labtest import DEVICE_MAC, PEER0_MAC, TwoPortTestCase, lab_module, main
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_MAC
 from tesselkit.frames import (broadcast_frame, ethertype_match, icmpv6_echo_frame, icmpv6_echo_match, link_local,
                               raw_frame, vlan_frame, vlan_match)
 from tesselkit.lab import run
@@ -40,17 +39,8 @@ def from_eth1(mac):
     return ["-d %s -i eth1 -j DROP" % mac, "-i eth1 -o veth2 -j DROP"]
 
 
-class LinkLayerIsolationTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.lab = MODULE["lab"]
-        cls.lease = cls.lab.wait_for_lease()
-        wait_until(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
-        cls.lab.wait_for_first_cycle()
-
-    def setUp(self):
-        self.ports = Ports(self.lab)
-        self.addCleanup(self.ports.close)
+class LinkLayerIsolationTest(TwoPortTestCase):
+    MODULE = MODULE
 
     def open_ports(self):
         return self.ports.open("veth1", "veth3", "peer0", "peer1")

@@ -10,15 +10,13 @@ from labtest import LabTestCase, main
 from tesselkit import timelines
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
+from tesselkit.device import config_text
 
 # The register writes, in order, as devmem is called.
 REGISTER_SEQUENCE = timelines.commands(timelines.fixture("register-writes.timeline"))
 
-CONFIG = """bridge eth0eth1
-phy frame
-veth1 static 192.168.77.60 255.255.255.0 192.168.77.1
-veth3 static 10.253.254.253 255.255.255.0 0.0.0.0
-"""
+CONFIG = config_text("eth0eth1", "frame", "static 192.168.77.60 255.255.255.0 192.168.77.1",
+                     "static 10.253.254.253 255.255.255.0 0.0.0.0")
 
 
 class LinkRecoveryTest(LabTestCase):

@@ -8,9 +8,9 @@ link-layer rules (ebtables) come first in the bridge: a frame they drop never
 reaches the ARP or IP rule meant for it too, so either counts
 (test_isolation_link_layer has the frames only they can stop)."""
 import re
-import unittest
 
-from labtest import DEVICE_MAC, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, Ports, lab_module, main
+from labtest import (DEVICE_MAC, ISOLATION_RULES, PEER0_ADDR, PEER0_MAC, PEER1_ADDR, TwoPortTestCase, lab_module,
+                     main)
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, VETH3_MAC
 from tesselkit.frames import arp_frame, arp_match, icmp_echo_frame, marker_match
 from tesselkit.lab import run
@@ -32,17 +32,8 @@ IN_FRONT = {
 }
 
 
-class TwoPortTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.lab = MODULE["lab"]
-        cls.lease = cls.lab.wait_for_lease()
-        wait_until(lambda: cls.lab.addresses("veth3") == [VETH3_ADDR + "/24"], "veth3's static address", 10)
-        cls.lab.wait_for_first_cycle()
-
-    def setUp(self):
-        self.ports = Ports(self.lab)
-        self.addCleanup(self.ports.close)
+class TwoPortTest(TwoPortTestCase):
+    MODULE = MODULE
 
     def counters(self):
         """Packet counts of the ARP, IP and link-layer rules (their texts never clash)."""
@@ -74,8 +65,8 @@ class TwoPortTest(unittest.TestCase):
         self.assertEqual(DEVICE_MAC, self.lab.link("veth1")["address"])
 
     def test_38_arp_and_12_ip_rules_in_force(self):
-        self.assertEqual(38, len(self.lab.arp_rules()))
-        self.assertEqual(12, len(self.lab.ip_rules()))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(self.lab.arp_rules()))
+        self.assertEqual(ISOLATION_RULES["IP"], len(self.lab.ip_rules()))
 
     def learnt_on_eth1(self):
         fdb = run(["bridge", "-n", self.lab.dev, "fdb", "show", "br", "br0", "brport", "eth1"]).stdout

@@ -7,7 +7,7 @@ entry, iptables exits 4 ("can't open lock file /run/xtables.lock: Read-only
 file system") and the build stops at "iptables -F" for good."""
 import os
 
-from labtest import PEER1_ADDR, LabTestCase, main
+from labtest import ISOLATION_RULES, PEER1_ADDR, LabTestCase, main
 from tesselkit import ROOT, isolation
 from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR
 from tesselkit.waiting import wait_until
@@ -38,8 +38,8 @@ class ReadOnlyRunTest(LabTestCase):
         self.assertNotIn("Command failed", log)
         self.assertNotIn("Keeping eth1 down", log)
         arp, ip = self.lab.arp_rules(), self.lab.ip_rules()
-        self.assertEqual(38, len(arp))
-        self.assertEqual(12, len(ip))
+        self.assertEqual(ISOLATION_RULES["ARP"], len(arp))
+        self.assertEqual(ISOLATION_RULES["IP"], len(ip))
         self.assertEqual(["eth0", "eth1", "veth0", "veth2"], self.lab.bridge_ports())
         wait_until(lambda: self.lab.link("eth1")["operstate"] == "UP", "eth1 to be up", 10)
         self.lab.wait_for_lease()

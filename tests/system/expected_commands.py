@@ -75,8 +75,8 @@ def _appended_after_last_flush(commands, tool):
     return rules
 
 
-# What the stand-ins' filter tables hold after a whole two-port build (38 ARP, 12 IP
-# and 22 link-layer rules); ebtables' nat table is empty then, the blocks lifted.
+# What the stand-ins' filter tables hold after a whole two-port build (the rules of
+# tesselkit.timelines.isolation_rules); ebtables' nat table is empty then, the blocks lifted.
 ISOLATION_TABLES = {tool: _appended_after_last_flush(BUILD_ETH0ETH1, tool)
                     for tool in ("arptables", "iptables", "ebtables")}
 

@@ -8,44 +8,24 @@ compared from just before an edit until two cycles after the one that applied it
 import harness
 from expected_commands import (BRIDGE_ETH1, BUILD_ETH0, BUILD_ETH1, ETH1_BLOCK, ETH1_LIFT, ISOLATION_TABLES,
                                REMOVE_LINK_LAYER_RULES)
+from tesselkit.device import config_text
 
 REATTACH = "ip link set eth0 master br0"
 
-STATIC_ETH0 = """bridge eth0
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
-"""
+STATIC_ETH0 = config_text("eth0", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                          "static 10.1.0.2 255.255.255.0 10.1.0.1")
 
-NEW_GATEWAY = """bridge eth0
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.254
-veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
-"""
+NEW_GATEWAY = config_text("eth0", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.254",
+                          "static 10.1.0.2 255.255.255.0 10.1.0.1")
 
-NEW_PHY_MODE = """bridge eth0
-phy frame
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.254
-veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
-"""
+NEW_PHY_MODE = config_text("eth0", "frame", "static 10.0.0.2 255.255.255.0 10.0.0.254",
+                           "static 10.1.0.2 255.255.255.0 10.1.0.1")
 
-BOTH_PORTS = """bridge eth0eth1
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 dhcp
-"""
+BOTH_PORTS = config_text("eth0eth1", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1", "dhcp")
 
-ETH0_ONLY = """bridge eth0
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 dhcp
-"""
+ETH0_ONLY = config_text("eth0", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1", "dhcp")
 
-ETH1_ONLY = """bridge eth1
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 dhcp
-"""
+ETH1_ONLY = config_text("eth1", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1", "dhcp")
 
 
 def around_reattach(commands):

@@ -5,12 +5,10 @@ down, up without carrier, and gone."""
 import harness
 from expected_commands import BUILD_ETH0, REGISTER_WRITES, START_UP
 from tesselkit.namespaces import real_tool
+from tesselkit.device import config_text
 
-CONFIG = """bridge eth0
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+CONFIG = config_text("eth0", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                     "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
 REATTACH = ["ip link set eth0 master br0"]
 

@@ -5,6 +5,8 @@ import harness
 from expected_commands import (BRIDGE_ETH0ETH1, BUILD_ETH0, BUILD_ETH0ETH1, BUILD_ETH1, ETH1_BLOCK, ETH1_LIFT,
                                ISOLATION_IN_FORCE, ISOLATION_TABLES, REGISTER_WRITES, START_UP, VETH0_BLOCK,
                                VETH0_LIFT)
+from tesselkit.timelines import isolation_rule_counts
+from tesselkit.device import config_text
 
 # eth0 is watched in modes 0 and 2; it is a real interface, up with a carrier.
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
@@ -17,11 +19,7 @@ veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
 """
 
 # veth3 is not serviced in this mode, whatever its line says.
-CONFIG_ETH1 = """bridge eth1
-phy frame
-veth1 static 10.0.0.2 255.255.255.0 0.0.0.0
-veth3 dhcp
-"""
+CONFIG_ETH1 = config_text("eth1", "frame", "static 10.0.0.2 255.255.255.0 0.0.0.0", "dhcp")
 
 # No phy line: the mode stays copper.
 CONFIG_ETH0ETH1 = """bridge eth0eth1
@@ -151,7 +149,9 @@ class FirstCycleTest(harness.DaemonTestCase):
         self.assertLess(build.index("ip link set eth1 up"), len(build) - len(lifts))
         self.assertEqual(commands[len(START_UP) + len(BUILD_ETH0ETH1)], "ip link set eth0 master br0")
         # What the stand-ins' tables hold: the isolation's rules, all DROP, the block gone.
-        for tool, count in (("arptables", 38), ("iptables", 12), ("ebtables", 22)):
+        counts = isolation_rule_counts()
+        for tool, count in (("arptables", counts["ARP"]), ("iptables", counts["IP"]),
+                            ("ebtables", counts["link layer"])):
             with self.subTest(tool=tool):
                 rules = self.sandbox.rules(tool)
                 self.assertEqual(len(rules), count, rules)

@@ -6,21 +6,16 @@ import datetime
 
 import harness
 from expected_commands import BUILD_ETH0, REGISTER_WRITES, START_UP
+from tesselkit.device import config_text
 
 REATTACH = "ip link set eth0 master br0"
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 
-VALID = """bridge eth0
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
-"""
+VALID = config_text("eth0", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                    "static 10.1.0.2 255.255.255.0 10.1.0.1")
 
-INVALID = """bridge eth2
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 10.1.0.1
-"""
+INVALID = config_text("eth2", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                      "static 10.1.0.2 255.255.255.0 10.1.0.1")
 
 MISSING_REPORT = "Unable to read configuration file"
 INVALID_REPORT = "Invalid bridge mode entry, expected eth0|eth1|eth0eth1"

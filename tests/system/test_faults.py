@@ -16,24 +16,15 @@ import harness
 from expected_commands import (BRIDGE_ETH1, BUILD_ETH0ETH1, BUILD_ETH1, ETH1_BLOCK, ETH1_BLOCKED, REGISTER_WRITES,
                                START_UP, VETH0_BLOCK, VETH0_BLOCKED)
 from tesselkit import namespaces
+from tesselkit.device import config_text
 
-ETH1_STATIC = """bridge eth1
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+ETH1_STATIC = config_text("eth1", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                          "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
-BOTH_STATIC = """bridge eth0eth1
-phy copper
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+BOTH_STATIC = config_text("eth0eth1", "copper", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                          "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
-ETH1_DHCP = """bridge eth1
-phy copper
-veth1 dhcp
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+ETH1_DHCP = config_text("eth1", "copper", "dhcp", "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
 CLIENT_VETH1 = "udhcpc -i veth1 -b -R -s /usr/share/udhcpc/tessel.script"
 DEADLINE = "Command still running after 20 s, ending it: "

@@ -18,35 +18,22 @@ from expected_commands import (BRIDGE_ETH0ETH1, ETH1_BLOCK, ETH1_BLOCKED, ETH1_L
                                VETH0_BLOCKED, VETH0_LIFT)
 from tesselkit import namespaces
 from tesselkit.namespaces import real_tool
+from tesselkit.device import config_text
 
-TWO_PORT_STATIC = """bridge eth0eth1
-phy frame
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+TWO_PORT_STATIC = config_text("eth0eth1", "frame", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                              "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
-TWO_PORT_DHCP = """bridge eth0eth1
-phy frame
-veth1 dhcp
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+TWO_PORT_DHCP = config_text("eth0eth1", "frame", "dhcp", "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
-BAD_MASK = """bridge eth0eth1
-phy frame
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 banana 0.0.0.0
-"""
+BAD_MASK = config_text("eth0eth1", "frame", "static 10.0.0.2 255.255.255.0 10.0.0.1", "static 10.1.0.2 banana 0.0.0.0")
 
 NO_VETH3 = """bridge eth0eth1
 phy frame
 veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
 """
 
-ONE_PORT_STATIC = """bridge eth1
-phy frame
-veth1 static 10.0.0.2 255.255.255.0 10.0.0.1
-veth3 static 10.1.0.2 255.255.255.0 0.0.0.0
-"""
+ONE_PORT_STATIC = config_text("eth1", "frame", "static 10.0.0.2 255.255.255.0 10.0.0.1",
+                              "static 10.1.0.2 255.255.255.0 0.0.0.0")
 
 ISO_TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d$")
 HEALTHY_WORK = {"failing": False, "failures": 0, "last_failure": None, "recovered_at": None, "outside_changes": 0,

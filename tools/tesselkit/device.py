@@ -9,6 +9,7 @@ TOOLS = ("ip", "bridge", "arptables", "iptables", "ebtables", "devmem", "udhcpc"
 
 # The second internal network, which the isolation rules keep off eth1 and veth0:
 # veth3 and the host on eth0's side.
+# (The shell tools name them in tools/twoport-net.)
 VETH3_ADDR = "10.253.254.253"
 VETH3_MAC = "02:23:02:00:00:00"
 INTERNAL_HOST_ADDR = "10.253.254.254"
@@ -16,6 +17,12 @@ INTERNAL_HOST_MAC = "02:23:02:00:00:01"
 
 # How the daemon starts a DHCP client, after "udhcpc -i INTERFACE".
 DHCP_CLIENT_ARGS = "-b -R -s /usr/share/udhcpc/tessel.script"
+
+def config_text(bridge, phy, veth1, veth3):
+    """The text of a configuration of the four settings, one line each in the
+    device's order: config_text("eth0", "copper", "dhcp", "static A MASK GW")."""
+    return "bridge %s\nphy %s\nveth1 %s\nveth3 %s\n" % (bridge, phy, veth1, veth3)
+
 
 EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "examples")
 

@@ -1,7 +1,8 @@
 """Timelines written out by hand once, as files in tests/fixtures/, for the tests
 of both languages: "$ command" lines, log entries ("LEVEL Function: message") and
 pauses ("pause N ms"); "#" starts a comment line. CTest names the folder in
-TESSEL_FIXTURES."""
+TESSEL_FIXTURES. The isolation's rules and their counts are named here, from
+the fixtures, for the tests of every kind."""
 import os
 
 
@@ -24,3 +25,23 @@ def fixture(name, **values):
 def commands(timeline):
     """The commands of a timeline, as a recording stand-in sees them."""
     return [line[2:] for line in timeline if line.startswith("$ ")]
+
+
+# The kinds of the two-port isolation's filter rules, each with its tool and the
+# fixture whose commands add them in a two-port build.
+RULE_KINDS = (("ARP", "arptables", "isolation-rules.timeline"), ("IP", "iptables", "isolation-rules.timeline"),
+              ("link layer", "ebtables", "isolation-complete.timeline"))
+
+
+def isolation_rules():
+    """The two-port isolation's filter rules by kind ("ARP", "IP", "link
+    layer"), in the order the build appends them: the fixtures' "TOOL -A ..."
+    commands."""
+    return {kind: [command for command in commands(fixture(name)) if command.startswith(tool + " -A ")]
+            for kind, tool, name in RULE_KINDS}
+
+
+def isolation_rule_counts():
+    """How many rules of each kind the two-port isolation puts in force:
+    {"ARP": ..., "IP": ..., "link layer": ...}."""
+    return {kind: len(rules) for kind, rules in isolation_rules().items()}
