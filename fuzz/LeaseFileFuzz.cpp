@@ -10,20 +10,41 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fuzz/FuzzCheck.h"
 #include "fuzz/FuzzSupport.h"
 #include "src/NetworkDhcp.h"
+#include "src/NetworkShell.h"
 
 namespace {
+
+// Collects the commands the code would run; nothing is run.
+class RecordingRunner {
+public:
+    RecordingRunner()
+        : m_previous(SetCommandRunner([this](const std::string& command, std::string* /*output*/) {
+              m_commands.push_back(command);
+              return COMMAND_OUTCOME{};
+          })) {}
+    ~RecordingRunner() { SetCommandRunner(std::move(m_previous)); }
+    RecordingRunner(const RecordingRunner&) = delete;
+    RecordingRunner& operator=(const RecordingRunner&) = delete;
+
+    const std::vector<std::string>& Commands() const { return m_commands; }
+
+private:
+    std::vector<std::string> m_commands;
+    CommandRunner m_previous;
+};
 
 std::string& Interface() {
     static std::string name;
     return name;
 }
 
-std::string LeasePath() { return "/tmp/dhcp_" + Interface() + ".txt"; }
+std::string LeasePath() { return DhcpLeasePath(Interface()); }
 
 void RemoveLeaseFile() { unlink(LeasePath().c_str()); }
 
