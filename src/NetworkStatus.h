@@ -8,10 +8,11 @@
 
 #include <string>
 
-#include "src/NetworkCycle.h"
 #include "src/NetworkStatusJson.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStatusSnapshot.h"
+
+struct CYCLE_STATE;
 
 // The writer's state, owned by main for the whole run.
 struct STATUS_WRITER {

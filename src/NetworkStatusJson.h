@@ -7,7 +7,8 @@
 
 #include <string>
 
-#include "src/NetworkStatusSnapshot.h"
+
+struct STATUS_SNAPSHOT;
 
 // What the document says of the daemon itself; fixed for its run.
 struct STATUS_DAEMON {

@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "src/NetworkConfig.h"
-#include "src/NetworkCycle.h"
 #include "src/NetworkShell.h"
+
+// Read from, never held: the snapshot is taken from it in NetworkStatusSnapshot.cpp.
+struct CYCLE_STATE;
 
 // One kind of work's health as the document shows it.
 struct STATUS_WORK {
