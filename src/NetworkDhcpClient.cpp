@@ -67,23 +67,31 @@ std::vector<std::string> ReadUdhcpcArguments(int directory, const char* path) {
     return UdhcpcArguments(bytes, static_cast<size_t>(count));
 }
 
-// The parent and the process group of a process from its stat line ("pid (comm)
-// state ppid pgrp ..."); false when it cannot be read. The name may hold
-// anything, so the fields are counted from its last ')'.
-bool ReadParentAndGroup(pid_t pid, pid_t& parent, pid_t& group) {
-    const std::string path = "/proc/" + Util::Format("%ld", static_cast<long>(pid)) + "/stat";
-    const Util::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+// As much of /proc/PID/NAME as fits in `text` (`size` bytes, the last for the
+// NUL that ends it), read to its end as fread would; false when it cannot be
+// opened (the process is gone).
+bool ReadProcessFile(pid_t pid, const char* name, char* text, size_t size) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%ld/%s", static_cast<long>(pid), name);
+    const Util::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) return false;
-    // As much of the line as fits, read to its end as fread would.
-    char line[512];
     size_t count = 0;
-    while (count < sizeof line - 1) {
-        const ssize_t got = read(file.Get(), line + count, sizeof line - 1 - count);
+    while (count < size - 1) {
+        const ssize_t got = read(file.Get(), text + count, size - 1 - count);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
         count += static_cast<size_t>(got);
     }
-    line[count] = '\0';
+    text[count] = '\0';
+    return true;
+}
+
+// The parent and the process group of a process from its stat line ("pid (comm)
+// state ppid pgrp ..."); false when it cannot be read. The name may hold
+// anything, so the fields are counted from its last ')'.
+bool ReadParentAndGroup(pid_t pid, pid_t& parent, pid_t& group) {
+    char line[512];
+    if (!ReadProcessFile(pid, "stat", line, sizeof line)) return false;
     const char* end = strrchr(line, ')');
     long parentField = 0;
     long groupField = 0;
@@ -114,21 +122,10 @@ bool Serves(const std::vector<std::string>& arguments, const std::string& interf
 // (exec -a udhcpc ...), and no other user's process is the client the daemon
 // started; /proc/PID's owner is no proof, as a process can make it root's.
 bool RunsAsRoot(pid_t pid) {
-    char path[32];
-    snprintf(path, sizeof path, "/proc/%ld/status", static_cast<long>(pid));
-    const Util::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (!fd.IsOpen()) return false;
     // The Uid line comes within the first few hundred bytes, after the name
     // (at most 64 escaped characters) and seven short lines.
     char text[1024];
-    size_t count = 0;
-    while (count < sizeof text - 1) {
-        const ssize_t got = read(fd.Get(), text + count, sizeof text - 1 - count);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        count += static_cast<size_t>(got);
-    }
-    text[count] = '\0';
+    if (!ReadProcessFile(pid, "status", text, sizeof text)) return false;
     const char* line = strstr(text, "\nUid:");
     long real = -1;
     long effective = -1;
