@@ -72,15 +72,6 @@ const SHELL_STEP kPhyModeSteps[] = {
     {"ip link set dev eth1 up", false},
 };
 
-// Runs the steps in order, stopping at the first the work cannot go on after.
-template <size_t N>
-bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
-    for (const SHELL_STEP& step : steps) {
-        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
-    }
-    return true;
-}
-
 // False, with the failure, when a write could not be run (started, and ended
 // before its deadline); a write that fails is not run again. Not begun once a
 // stop's grace is over; once begun, run to its end whatever stop comes (each
