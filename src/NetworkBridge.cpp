@@ -29,42 +29,36 @@ const SHELL_STEP kCommonCommands[] = {
 };
 // clang-format on
 
-// eth0 becomes a port of br0.
-const SHELL_STEP kEth0PortCommands[] = {
-    {"ip link set eth0 master br0", true},
-    {"ip link set eth0 up", true},
+// A physical port becomes a port of br0.
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kPortCommands[] = {
+    {kJoined<"ip link set ", Port, " master br0">, true},
+    {kJoined<"ip link set ", Port, " up">, true},
 };
 
-// eth1 becomes a port of br0.
-const SHELL_STEP kEth1PortCommands[] = {
-    {"ip link set eth1 master br0", true},
-    {"ip link set eth1 up", true},
+// A veth pair: the kernel names the peer of `Link` `Port`, which joins br0.
+// Adding the pair fails harmlessly when it already exists.
+template <FIXED_TEXT Link, FIXED_TEXT Port>
+constexpr SHELL_STEP kPairCommands[] = {
+    {kJoined<"ip link add name ", Link, " type veth">, false},
+    {kJoined<"ip link set ", Port, " master br0">, true},
+    {kJoined<"ip link set ", Port, " up">, true},
+    {kJoined<"ip link set ", Link, " up">, true},
 };
 
-// The device's own stack reaches br0 through veth1/veth0: the kernel names the
-// peer veth0, which joins the bridge; veth1 then takes the MAC from the kernel's
-// "mac=" parameter (see SetupBridge). Adding the pair fails harmlessly when it
-// already exists.
-const SHELL_STEP kFirstPairCommands[] = {
-    {"ip link add name veth1 type veth", false},
-    {"ip link set veth0 master br0", true},
-    {"ip link set veth0 up", true},
-    {"ip link set veth1 up", true},
-};
-
-// After veth1 has its address.
+// The device's own stack reaches br0 through veth1/veth0; veth1 then takes the
+// MAC from the kernel's "mac=" parameter (see SetupBridge), and br0 is made
+// ARP-silent again once it has.
+const auto& kFirstPairCommands = kPairCommands<"veth1", "veth0">;
 const SHELL_STEP kFirstPairQuietCommands[] = {
     {"ip addr flush dev br0", false},
     {"ip link set br0 arp off", true},
 };
 
 // With both ports bridged, a second internal network reaches br0 through
-// veth3/veth2.
-const SHELL_STEP kSecondPairCommands[] = {
-    {"ip link add name veth3 type veth", false},
-    {"ip link set veth2 master br0", true},
-    {"ip link set veth2 up", true},
-    {"ip link set veth3 up", true},
+// veth3/veth2; veth3 has the internal network's fixed MAC.
+const auto& kSecondPairCommands = kPairCommands<"veth3", "veth2">;
+const SHELL_STEP kSecondPairMacCommands[] = {
     {kJoined<"ip link set dev veth3 address ", kInternalMacLow>, true},
 };
 
@@ -113,10 +107,10 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     };
     bool built = RunSteps(kCommonCommands, noted);
     if (built && layout.m_bEth0Port) {
-        built = RunSteps(kEth0PortCommands, noted) && (macs[0].empty() || setMac("eth0", macs[0]));
+        built = RunSteps(kPortCommands<"eth0">, noted) && (macs[0].empty() || setMac("eth0", macs[0]));
     }
     if (built && layout.m_bEth1Port) {
-        built = RunSteps(kEth1PortCommands, noted) && (macs[1].empty() || setMac("eth1", macs[1]));
+        built = RunSteps(kPortCommands<"eth1">, noted) && (macs[1].empty() || setMac("eth1", macs[1]));
     }
     if (built) built = RunSteps(kFirstPairCommands, noted);
     if (built) {
@@ -134,8 +128,8 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     // Only the mode with the second pair flushes and installs the rules; leaving
     // it keeps them, and veth2/veth3, as they were.
     if (built && layout.m_bSecondPair) {
-        built =
-            RunSteps(kSecondPairCommands, noted) && SetupIsolationRules(noted) && RunSteps(kLearningCommands, noted);
+        built = RunSteps(kSecondPairCommands, noted) && RunSteps(kSecondPairMacCommands, noted) &&
+                SetupIsolationRules(noted) && RunSteps(kLearningCommands, noted);
     }
     if (!built) return false;
 

@@ -33,34 +33,25 @@
 
 namespace {
 
-// Every frame in and out of eth1 dropped where it enters or leaves the bridge,
-// in a table of its own so that the filter table's flushes leave it. Each
-// block is deleted first, so that setting it again leaves one.
-// clang-format off
-const SHELL_STEP kBlockEth1Steps[] = {
-    {"ebtables -t nat -D PREROUTING -i eth1 -j DROP",  false},
-    {"ebtables -t nat -A PREROUTING -i eth1 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o eth1 -j DROP", false},
-    {"ebtables -t nat -A POSTROUTING -o eth1 -j DROP", true},
+// Every frame in and out of a port dropped where it enters or leaves the
+// bridge, in a table of its own so that the filter table's flushes leave it.
+// Each block is deleted first, so that setting it again leaves one. eth1 is
+// blocked so from a build's first command to its last; the device's own
+// stack, through veth0, the same way while a two-port build or a repair runs:
+// until the link-layer rules are looked at, nothing of the internal network
+// reaches it.
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kBlockSteps[] = {
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -A PREROUTING -i ", Port, " -j DROP">, true},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -A POSTROUTING -o ", Port, " -j DROP">, true},
 };
-const SHELL_STEP kLiftEth1BlockSteps[] = {
-    {"ebtables -t nat -D PREROUTING -i eth1 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o eth1 -j DROP", true},
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kLiftBlockSteps[] = {
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP">, true},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP">, true},
 };
-// The device's own stack, through veth0, the same way while a two-port build or
-// a repair runs: until the link-layer rules are looked at, nothing of the
-// internal network reaches it.
-const SHELL_STEP kBlockVeth0Steps[] = {
-    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP",  false},
-    {"ebtables -t nat -A PREROUTING -i veth0 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP", false},
-    {"ebtables -t nat -A POSTROUTING -o veth0 -j DROP", true},
-};
-const SHELL_STEP kLiftVeth0BlockSteps[] = {
-    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP", true},
-};
-// clang-format on
 
 // br0's own switch for handing bridged IPv4 and ARP to the filters, whatever
 // the system-wide one says; through netlink, so a read-only /sys and /proc/sys
@@ -188,7 +179,8 @@ const SHELL_STEP kRemoveLinkLayerRuleSteps[] = {
 };
 // clang-format on
 
-// After a failed repair eth1 is kept down, and raised again once it worked.
+// While the isolation is not in force after a two-port build or a repair that
+// stopped short, eth1 is kept down, and raised again once a repair worked.
 const SHELL_STEP kHoldEth1DownSteps[] = {
     {"ip link set eth1 down", false},
 };
@@ -217,16 +209,10 @@ const char* const kBridge = "br0";
 
 // The lines of a listing that are rules.
 std::vector<std::string> RuleLines(const std::string& listing) {
-    std::vector<std::string> rules;
-    size_t start = 0;
-    while (start < listing.size()) {
-        size_t end = listing.find('\n', start);
-        if (end == std::string::npos) end = listing.size();
-        std::string line = listing.substr(start, end - start);
-        if (line.find("-j ") != std::string::npos) rules.push_back(std::move(line));
-        start = end + 1;
-    }
-    return rules;
+    std::vector<std::string> lines;
+    Util::Split(lines, listing, '\n');
+    std::erase_if(lines, [](const std::string& line) { return line.find("-j ") == std::string::npos; });
+    return lines;
 }
 
 void AddProblem(std::string& problems, const std::string& problem) {
@@ -336,7 +322,7 @@ void RepairIsolation(ISOLATION_STATE& state) {
         NoteWorkFailed(state.m_health, "isolation", failure);
         LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
         WORK_FAILURE ignored;
-        RunSteps(kHoldEth1DownSteps, ignored);
+        HoldEth1Down(ignored);
         state.m_bEth1HeldDown = true;
         return;
     }
@@ -450,15 +436,17 @@ BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader) {
     return std::exchange(ActiveBridgeFilterReader(), std::move(reader));
 }
 
+bool HoldEth1Down(WORK_FAILURE& failure) { return RunSteps(kHoldEth1DownSteps, failure); }
+
 bool SetupIsolationRules(WORK_FAILURE& failure) { return RunSteps(kIsolationRuleSteps, failure); }
 
-bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockEth1Steps, failure); }
+bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"eth1">, failure); }
 
-bool LiftEth1Block(WORK_FAILURE& failure) { return RunSteps(kLiftEth1BlockSteps, failure); }
+bool LiftEth1Block(WORK_FAILURE& failure) { return RunSteps(kLiftBlockSteps<"eth1">, failure); }
 
-bool BlockVeth0(WORK_FAILURE& failure) { return RunSteps(kBlockVeth0Steps, failure); }
+bool BlockVeth0(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"veth0">, failure); }
 
-bool LiftVeth0Block(WORK_FAILURE& failure) { return RunSteps(kLiftVeth0BlockSteps, failure); }
+bool LiftVeth0Block(WORK_FAILURE& failure) { return RunSteps(kLiftBlockSteps<"veth0">, failure); }
 
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
     if (!RunSteps(kBridgeFilterSteps, failure) || !RunSteps(kLinkLayerRuleSteps, failure)) {

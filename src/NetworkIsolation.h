@@ -85,6 +85,11 @@ bool LiftEth1Block(WORK_FAILURE& failure);
 bool BlockVeth0(WORK_FAILURE& failure);
 bool LiftVeth0Block(WORK_FAILURE& failure);
 
+// eth1 taken down while a two-port build or a repair that stopped short left
+// the isolation incomplete: the internal network never reaches it unfiltered.
+// Failing to is no failure of the work.
+bool HoldEth1Down(WORK_FAILURE& failure);
+
 // After a two-port build: br0's bridge netfilter on, the link-layer rules in,
 // then all of it looked at (ARP, IP and link-layer rules, bridge netfilter).
 // Fills `state`; false, with the failure, when a step failed or the look found
