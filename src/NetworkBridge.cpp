@@ -36,8 +36,8 @@ constexpr SHELL_STEP kPortCommands[] = {
     {kJoined<"ip link set ", Port, " up">, true},
 };
 
-// A veth pair: the kernel names the peer of `Link` `Port`, which joins br0.
-// Adding the pair fails harmlessly when it already exists.
+// A veth pair made as `Link`, whose peer the kernel names `Port`; the peer
+// joins br0. Adding the pair fails harmlessly when it already exists.
 template <FIXED_TEXT Link, FIXED_TEXT Port>
 constexpr SHELL_STEP kPairCommands[] = {
     {kJoined<"ip link add name ", Link, " type veth">, false},
@@ -56,11 +56,8 @@ const SHELL_STEP kFirstPairQuietCommands[] = {
 };
 
 // With both ports bridged, a second internal network reaches br0 through
-// veth3/veth2; veth3 has the internal network's fixed MAC.
+// veth3/veth2; veth3 then takes the internal network's fixed MAC.
 const auto& kSecondPairCommands = kPairCommands<"veth3", "veth2">;
-const SHELL_STEP kSecondPairMacCommands[] = {
-    {kJoined<"ip link set dev veth3 address ", kInternalMacLow>, true},
-};
 
 // eth1 learns no addresses.
 const SHELL_STEP kLearningCommands[] = {
@@ -128,8 +125,8 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     // Only the mode with the second pair flushes and installs the rules; leaving
     // it keeps them, and veth2/veth3, as they were.
     if (built && layout.m_bSecondPair) {
-        built = RunSteps(kSecondPairCommands, noted) && RunSteps(kSecondPairMacCommands, noted) &&
-                SetupIsolationRules(noted) && RunSteps(kLearningCommands, noted);
+        built = RunSteps(kSecondPairCommands, noted) && setMac("veth3", kVeth3Mac) && SetupIsolationRules(noted) &&
+                RunSteps(kLearningCommands, noted);
     }
     if (!built) return false;
 
