@@ -11,7 +11,6 @@
 template <size_t N>
 struct FIXED_TEXT {
     // Implicit, so that a string literal stands as a piece of its own.
-    // NOLINTNEXTLINE(google-explicit-constructor,hicpp-explicit-conversions)
     constexpr FIXED_TEXT(const char (&text)[N]) { std::copy_n(text, N, m_text); }
 
     constexpr const char* Text() const { return m_text; }
