@@ -1,12 +1,14 @@
 #include "src/NetworkBridge.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 
 #include "logging/Logging.h"
+#include "src/NetworkBridgeLayout.h"
 #include "src/NetworkConfig.h"
 #include "src/NetworkInputText.h"
+#include "src/NetworkInternalNames.h"
+#include "src/NetworkIsolation.h"
 #include "src/NetworkShell.h"
 
 namespace {
@@ -29,108 +31,35 @@ const SHELL_STEP kCommonCommands[] = {
 };
 // clang-format on
 
-// eth0 becomes a port of br0.
-const SHELL_STEP kEth0PortCommands[] = {
-    {"ip link set eth0 master br0", true},
-    {"ip link set eth0 up", true},
+// A physical port becomes a port of br0.
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kPortCommands[] = {
+    {kJoined<"ip link set ", Port, " master br0">, true},
+    {kJoined<"ip link set ", Port, " up">, true},
 };
 
-// eth1 becomes a port of br0.
-const SHELL_STEP kEth1PortCommands[] = {
-    {"ip link set eth1 master br0", true},
-    {"ip link set eth1 up", true},
+// A veth pair made as `Link`, whose peer the kernel names `Port`; the peer
+// joins br0. Adding the pair fails harmlessly when it already exists.
+template <FIXED_TEXT Link, FIXED_TEXT Port>
+constexpr SHELL_STEP kPairCommands[] = {
+    {kJoined<"ip link add name ", Link, " type veth">, false},
+    {kJoined<"ip link set ", Port, " master br0">, true},
+    {kJoined<"ip link set ", Port, " up">, true},
+    {kJoined<"ip link set ", Link, " up">, true},
 };
 
-// The device's own stack reaches br0 through veth1/veth0: the kernel names the
-// peer veth0, which joins the bridge; veth1 then takes the MAC from the kernel's
-// "mac=" parameter (see SetupBridge). Adding the pair fails harmlessly when it
-// already exists.
-const SHELL_STEP kFirstPairCommands[] = {
-    {"ip link add name veth1 type veth", false},
-    {"ip link set veth0 master br0", true},
-    {"ip link set veth0 up", true},
-    {"ip link set veth1 up", true},
-};
-
-// After veth1 has its address.
+// The device's own stack reaches br0 through veth1/veth0; veth1 then takes the
+// MAC from the kernel's "mac=" parameter (see SetupBridge), and br0 is made
+// ARP-silent again once it has.
+const auto& kFirstPairCommands = kPairCommands<"veth1", "veth0">;
 const SHELL_STEP kFirstPairQuietCommands[] = {
     {"ip addr flush dev br0", false},
     {"ip link set br0 arp off", true},
 };
 
 // With both ports bridged, a second internal network reaches br0 through
-// veth3/veth2.
-const SHELL_STEP kSecondPairCommands[] = {
-    {"ip link add name veth3 type veth", false},
-    {"ip link set veth2 master br0", true},
-    {"ip link set veth2 up", true},
-    {"ip link set veth3 up", true},
-    {"ip link set dev veth3 address 02:23:02:00:00:00", true},
-};
-
-// ARP never crosses between veth0 and veth2; veth0 talks ARP only with eth1 and
-// veth2 only with eth0. The internal addresses 10.253.254.253/.254 and MACs
-// 02:23:02:00:00:00/01 stay invisible on eth1 and veth0 (ARP), and on eth1 also
-// at IP level. Also put back on their own when found missing.
-const SHELL_STEP kIsolationRuleCommands[] = {
-    {"arptables -F", true},
-    // Port pairs that must not exchange ARP.
-    {"arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP", true},
-    {"arptables -A FORWARD --in-interface veth2 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --in-interface eth1 --out-interface veth2 -j DROP", true},
-    {"arptables -A FORWARD --in-interface veth0 --out-interface eth0 -j DROP", true},
-    {"arptables -A FORWARD --in-interface eth0 --out-interface veth0 -j DROP", true},
-    // The internal IP addresses, in and out of eth1, then of veth0.
-    {"arptables -A FORWARD --source-ip 10.253.254.253 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.253 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.254 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.254 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.253 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.253 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.254 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.254 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.253 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.253 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.254 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.254 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.253 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.253 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --source-ip 10.253.254.254 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-ip 10.253.254.254 --out-interface veth0 -j DROP", true},
-    // The internal MACs, in the same order.
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:00 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:01 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --in-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:00 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:01 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --out-interface eth1 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:00 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:01 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --in-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:00 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:00 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --source-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP", true},
-    {"arptables -A FORWARD --destination-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP", true},
-    // The internal IP addresses arriving on eth1 (to the device, through the
-    // bridge) and leaving on it. The address order differs from the ARP rules'.
-    {"iptables -F", true},
-    {"iptables -A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A INPUT --source 10.253.254.253 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A INPUT --destination 10.253.254.254 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A INPUT --destination 10.253.254.253 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A FORWARD --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-in eth1 -j DROP", true},
-    {"iptables -A FORWARD --source 10.253.254.254 -m physdev --physdev-out eth1 -j DROP", true},
-    {"iptables -A FORWARD --source 10.253.254.253 -m physdev --physdev-out eth1 -j DROP", true},
-    {"iptables -A FORWARD --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP", true},
-    {"iptables -A FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP", true},
-};
+// veth3/veth2; veth3 then takes the internal network's fixed MAC.
+const auto& kSecondPairCommands = kPairCommands<"veth3", "veth2">;
 
 // eth1 learns no addresses.
 const SHELL_STEP kLearningCommands[] = {
@@ -138,15 +67,6 @@ const SHELL_STEP kLearningCommands[] = {
     {"bridge link set dev eth1 learning off", true},
     {"ip -s -s neigh flush all", false},
 };
-
-// Runs the steps in order; stops at the first one the work cannot go on after.
-template <size_t N>
-bool RunAll(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
-    for (const SHELL_STEP& step : steps) {
-        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
-    }
-    return true;
-}
 
 // A MAC address goes into a shell command only when it is one; anything else
 // (which could hold shell syntax) becomes the empty text, with a warning.
@@ -158,13 +78,8 @@ std::string MalformedMac(const std::string& mac, const std::string& source) {
 
 }  // namespace
 
-// The mode is tested arithmetically, so values beyond the enum select neither
-// port: clearing bit 1 leaves 0 only for ETH0 and ETH0ETH1, and value - 1 wraps
-// to a large number for 0, leaving only ETH1 and ETH0ETH1 at most 1.
-bool BridgesEth0(BRIDGE_MODE mode) { return (static_cast<uint32_t>(mode) & ~2U) == 0; }
-bool BridgesEth1(BRIDGE_MODE mode) { return static_cast<uint32_t>(mode) - 1U <= 1U; }
-
-bool SetupIsolationRules(WORK_FAILURE& failure) { return RunAll(kIsolationRuleCommands, failure); }
+bool BridgesEth0(BRIDGE_MODE mode) { return BridgeLayout(mode).m_bEth0Port; }
+bool BridgesEth1(BRIDGE_MODE mode) { return BridgeLayout(mode).m_bEth1Port; }
 
 bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
                  WORK_FAILURE* failure) {
@@ -183,19 +98,20 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
     // which ip rejects and which leaves veth1's address as it is.
     const std::string& cmdlinePath = KernelCommandLinePath();
 
+    const BRIDGE_LAYOUT layout = BridgeLayout(bridgeMode);
     WORK_FAILURE& noted = FailureOrScratch(failure);
     // A given MAC is part of the build; an empty one is a command that fails by design.
     auto setMac = [&noted](const std::string& interfaceName, const std::string& mac) {
         return RunStep("ip link set dev " + interfaceName + " address " + mac, !mac.empty(), noted);
     };
-    bool built = RunAll(kCommonCommands, noted);
-    if (built && BridgesEth0(bridgeMode)) {
-        built = RunAll(kEth0PortCommands, noted) && (macs[0].empty() || setMac("eth0", macs[0]));
+    bool built = RunSteps(kCommonCommands, noted);
+    if (built && layout.m_bEth0Port) {
+        built = RunSteps(kPortCommands<"eth0">, noted) && (macs[0].empty() || setMac("eth0", macs[0]));
     }
-    if (built && BridgesEth1(bridgeMode)) {
-        built = RunAll(kEth1PortCommands, noted) && (macs[1].empty() || setMac("eth1", macs[1]));
+    if (built && layout.m_bEth1Port) {
+        built = RunSteps(kPortCommands<"eth1">, noted) && (macs[1].empty() || setMac("eth1", macs[1]));
     }
-    if (built) built = RunAll(kFirstPairCommands, noted);
+    if (built) built = RunSteps(kFirstPairCommands, noted);
     if (built) {
         std::string cmdlineMac = KernelCommandLineMac(cmdlinePath);
         if (cmdlineMac.empty()) {
@@ -204,14 +120,15 @@ bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::
             LOG_ENTRY(LOGGING_SEVERITY_WARN, false, MalformedMac(cmdlineMac, cmdlinePath));
             cmdlineMac.clear();
         }
-        built = setMac("veth1", cmdlineMac) && RunAll(kFirstPairQuietCommands, noted);
+        built = setMac("veth1", cmdlineMac) && RunSteps(kFirstPairQuietCommands, noted);
     }
-    if (built && BridgesEth0(bridgeMode)) built = RunStep("ip link set eth0 arp off", true, noted);
-    if (built && BridgesEth1(bridgeMode)) built = RunStep("ip link set eth1 arp off", true, noted);
-    // Only this mode flushes and installs the rules; leaving it keeps them, and
-    // veth2/veth3, as they were.
-    if (built && bridgeMode == BRIDGE_MODE_ETH0ETH1) {
-        built = RunAll(kSecondPairCommands, noted) && SetupIsolationRules(noted) && RunAll(kLearningCommands, noted);
+    if (built && layout.m_bEth0Port) built = RunStep("ip link set eth0 arp off", true, noted);
+    if (built && layout.m_bEth1Port) built = RunStep("ip link set eth1 arp off", true, noted);
+    // Only the mode with the second pair flushes and installs the rules; leaving
+    // it keeps them, and veth2/veth3, as they were.
+    if (built && layout.m_bSecondPair) {
+        built = RunSteps(kSecondPairCommands, noted) && setMac("veth3", kVeth3Mac) && SetupIsolationRules(noted) &&
+                RunSteps(kLearningCommands, noted);
     }
     if (!built) return false;
 

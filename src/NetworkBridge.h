@@ -15,13 +15,6 @@ struct WORK_FAILURE;
 bool SetupBridge(BRIDGE_MODE bridgeMode, const std::string& eth0Mac, const std::string& eth1Mac,
                  WORK_FAILURE* failure = nullptr);
 
-// The MAC address the two-port build gives veth3 (its command table spells it out).
-constexpr const char* kVeth3Mac = "02:23:02:00:00:00";
-
-// The two-port build's ARP and IP rules alone, anew (each table flushed first),
-// as the build runs them; false at the first that failed.
-bool SetupIsolationRules(WORK_FAILURE& failure);
-
 // Whether the mode makes eth0 (modes 0 and 2) or eth1 (modes 1 and 2) a port of br0.
 bool BridgesEth0(BRIDGE_MODE mode);
 bool BridgesEth1(BRIDGE_MODE mode);

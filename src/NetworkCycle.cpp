@@ -51,7 +51,8 @@ const REGISTER_WRITE kRegisterWriteSequence[] = {
 const SHELL_STEP kLoopbackSteps[] = {
     {"ip link set dev lo up", true},
 };
-const SHELL_STEP kStartupEth1Steps[] = {
+// eth1 bounced, at start-up and after its PHY mode is written, to take it up.
+const SHELL_STEP kBounceEth1Steps[] = {
     {"ip link set dev eth1 down", false},
     {"ip link set dev eth1 up", false},
 };
@@ -66,28 +67,6 @@ const SHELL_STEP kEth0DownSteps[] = {
 const SHELL_STEP kEth0UpSteps[] = {
     {"ip link set eth0 master br0 > /dev/null 2>&1", false},
 };
-// A two-port build that stopped short may have bridged eth1 without all the
-// isolation rules: eth1 is taken down, and the next builds raise it only after
-// the rules, so the internal network never reaches it unfiltered.
-const SHELL_STEP kIsolationIncompleteSteps[] = {
-    {"ip link set eth1 down", false},
-};
-
-// After the PHY mode is written, eth1 is bounced to take it up.
-const SHELL_STEP kPhyModeSteps[] = {
-    {"ip link set dev eth1 down", false},
-    {"ip link set dev eth1 up", false},
-};
-
-// Runs the steps in order, stopping at the first the work cannot go on after.
-template <size_t N>
-bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
-    for (const SHELL_STEP& step : steps) {
-        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
-    }
-    return true;
-}
-
 // False, with the failure, when a write could not be run (started, and ended
 // before its deadline); a write that fails is not run again. Not begun once a
 // stop's grace is over; once begun, run to its end whatever stop comes (each
@@ -147,7 +126,7 @@ void ServiceServed(const std::string& name, unsigned int metric, const IP_CONFIG
 
 void RunStartupCommands(CYCLE_STATE& state) {
     WORK_FAILURE failure;
-    if (RunSteps(kLoopbackSteps, failure) && BlockEth1(failure) && RunSteps(kStartupEth1Steps, failure)) {
+    if (RunSteps(kLoopbackSteps, failure) && BlockEth1(failure) && RunSteps(kBounceEth1Steps, failure)) {
         state.m_bStartupPending = false;
         NoteWorkDone(state.m_startupHealth, "start-up commands");
     } else {
@@ -198,7 +177,9 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
             NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
             if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !StopRequested()) {
                 LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
-                RunSteps(kIsolationIncompleteSteps, failure);
+                // A build that stopped short may have bridged eth1 without all
+                // the rules: the next builds raise it only after them.
+                HoldEth1Down(failure);
             }
         }
     }
@@ -245,7 +226,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         state.m_eLastPhyMode = settings.m_ePhyMode;
         SetEthernetPhyMode(kPhyModeFile, state.m_eLastPhyMode);
         WORK_FAILURE failure;
-        state.m_bPhyModePending = !RunSteps(kPhyModeSteps, failure);
+        state.m_bPhyModePending = !RunSteps(kBounceEth1Steps, failure);
         if (state.m_bPhyModePending) {
             NoteWorkFailed(state.m_phyHealth, "PHY mode", failure);
         } else {
@@ -255,7 +236,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         // daemon keeps it down all the same.
         const bool eth1HeldDown =
             bridgeMode == BRIDGE_MODE_ETH0ETH1 && (state.m_bBridgeSetupPending || state.m_isolation.m_bEth1HeldDown);
-        if (eth1HeldDown && !StopRequested()) RunSteps(kIsolationIncompleteSteps, failure);
+        if (eth1HeldDown && !StopRequested()) HoldEth1Down(failure);
     }
     state.m_bFirstCycle = false;
 }

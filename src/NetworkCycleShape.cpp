@@ -12,9 +12,11 @@
 
 #include "logging/Logging.h"
 #include "src/NetworkBridge.h"
+#include "src/NetworkBridgeLayout.h"
 #include "src/NetworkConfig.h"
 #include "src/NetworkInputText.h"
 #include "src/NetworkInterfaces.h"
+#include "src/NetworkInternalNames.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShape.h"
 
@@ -82,18 +84,17 @@ WANTED_SHAPE WantedShape(const CYCLE_STATE& state) {
     // Nothing is expected before a build, nor while one is pending (it is
     // redone anyway) or the configuration is unusable (nothing is serviced).
     if (!state.m_bConfigUsable || state.m_bBridgeSetupPending) return wanted;
-    const BRIDGE_MODE mode = state.m_eLastBridgeMode;
-    const bool twoPorts = mode == BRIDGE_MODE_ETH0ETH1;
+    const BRIDGE_LAYOUT layout = BridgeLayout(state.m_eLastBridgeMode);
     // eth0's link is the recovery's concern: only its place in br0 is looked at.
-    if (BridgesEth0(mode)) {
+    if (layout.m_bEth0Port) {
         wanted.m_ports.emplace_back("eth0");
         wanted.m_mayBeDown.emplace_back("eth0");
     }
-    if (BridgesEth1(mode)) {
+    if (layout.m_bEth1Port) {
         wanted.m_ports.emplace_back("eth1");
         // The daemon itself keeps eth1 down while the isolation is not in force,
         // and bounces it for the PHY mode.
-        if (twoPorts && (state.m_isolation.m_bEth1HeldDown || state.m_isolation.m_bRepairPending)) {
+        if (layout.m_bSecondPair && (state.m_isolation.m_bEth1HeldDown || state.m_isolation.m_bRepairPending)) {
             wanted.m_mayBeDown.emplace_back("eth1");
         }
         if (state.m_bPhyModePending) wanted.m_mayBeDown.emplace_back("eth1");
@@ -102,7 +103,7 @@ WANTED_SHAPE WantedShape(const CYCLE_STATE& state) {
     wanted.m_links.emplace_back("veth1");
     if (!state.m_veth1Mac.empty()) wanted.m_macs.emplace_back("veth1", state.m_veth1Mac);
     AddWantedAddress("veth1", kVeth1Metric, state.m_veth1, wanted);
-    if (twoPorts) {
+    if (layout.m_bSecondPair) {
         wanted.m_ports.emplace_back("veth2");
         wanted.m_links.emplace_back("veth3");
         wanted.m_macs.emplace_back("veth3", kVeth3Mac);

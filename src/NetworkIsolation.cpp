@@ -1,5 +1,7 @@
-// The two-port mode's isolation past the bridge build: eth1's block, the
-// link-layer rules, bridge netfilter for br0, and the look that keeps them in force.
+// The two-port mode's isolation: the ARP and IP rules the bridge build puts in,
+// eth1's block, the link-layer rules, bridge netfilter for br0, and the look
+// that keeps them in force. Every rule table of the isolation is here, and the
+// counts a look checks against come from them.
 #include "src/NetworkIsolation.h"
 
 #include <fcntl.h>
@@ -11,50 +13,45 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "logging/Logging.h"
 #include "src/NetworkBridge.h"
+#include "src/NetworkInternalNames.h"
 #include "src/NetworkNetlink.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
+#include "util/Strings.h"
 #include "util/UniqueFd.h"
 #include "util/UniqueMapping.h"
 
 namespace {
 
-// Every frame in and out of eth1 dropped where it enters or leaves the bridge,
-// in a table of its own so that the filter table's flushes leave it. Each
-// block is deleted first, so that setting it again leaves one.
-// clang-format off
-const SHELL_STEP kBlockEth1Steps[] = {
-    {"ebtables -t nat -D PREROUTING -i eth1 -j DROP",  false},
-    {"ebtables -t nat -A PREROUTING -i eth1 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o eth1 -j DROP", false},
-    {"ebtables -t nat -A POSTROUTING -o eth1 -j DROP", true},
+// Every frame in and out of a port dropped where it enters or leaves the
+// bridge, in a table of its own so that the filter table's flushes leave it.
+// Each block is deleted first, so that setting it again leaves one. eth1 is
+// blocked so from a build's first command to its last; the device's own
+// stack, through veth0, the same way while a two-port build or a repair runs:
+// until the link-layer rules are looked at, nothing of the internal network
+// reaches it.
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kBlockSteps[] = {
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -A PREROUTING -i ", Port, " -j DROP">, true},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -A POSTROUTING -o ", Port, " -j DROP">, true},
 };
-const SHELL_STEP kLiftEth1BlockSteps[] = {
-    {"ebtables -t nat -D PREROUTING -i eth1 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o eth1 -j DROP", true},
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kLiftBlockSteps[] = {
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP">, true},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP">, true},
 };
-// The device's own stack, through veth0, the same way while a two-port build or
-// a repair runs: until the link-layer rules are looked at, nothing of the
-// internal network reaches it.
-const SHELL_STEP kBlockVeth0Steps[] = {
-    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP",  false},
-    {"ebtables -t nat -A PREROUTING -i veth0 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP", false},
-    {"ebtables -t nat -A POSTROUTING -o veth0 -j DROP", true},
-};
-const SHELL_STEP kLiftVeth0BlockSteps[] = {
-    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP",  true},
-    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP", true},
-};
-// clang-format on
 
 // br0's own switch for handing bridged IPv4 and ARP to the filters, whatever
 // the system-wide one says; through netlink, so a read-only /sys and /proc/sys
@@ -64,10 +61,74 @@ const SHELL_STEP kBridgeFilterSteps[] = {
     {"ip link set dev br0 type bridge nf_call_iptables 1 nf_call_arptables 1", false},
 };
 
+// ARP never crosses between veth0 and veth2; veth0 talks ARP only with eth1 and
+// veth2 only with eth0. The internal addresses and MACs stay invisible on eth1
+// and veth0 (ARP), and on eth1 also at IP level. Part of the two-port build,
+// and put back on their own when found missing.
+constexpr SHELL_STEP kIsolationRuleSteps[] = {
+    {"arptables -F", true},
+    // Port pairs that must not exchange ARP.
+    {"arptables -A FORWARD --in-interface veth2 --out-interface veth0 -j DROP", true},
+    {"arptables -A FORWARD --in-interface veth0 --out-interface veth2 -j DROP", true},
+    {"arptables -A FORWARD --in-interface veth2 --out-interface eth1 -j DROP", true},
+    {"arptables -A FORWARD --in-interface eth1 --out-interface veth2 -j DROP", true},
+    {"arptables -A FORWARD --in-interface veth0 --out-interface eth0 -j DROP", true},
+    {"arptables -A FORWARD --in-interface eth0 --out-interface veth0 -j DROP", true},
+    // The internal IP addresses, in and out of eth1, then of veth0.
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpLow, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpLow, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpHigh, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpHigh, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpLow, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpLow, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpHigh, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpHigh, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpLow, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpLow, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpHigh, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpHigh, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpLow, " --out-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpLow, " --out-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-ip ", kInternalIpHigh, " --out-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-ip ", kInternalIpHigh, " --out-interface veth0 -j DROP">, true},
+    // The internal MACs, in the same order.
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacLow, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacLow, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacHigh, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacHigh, " --in-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacLow, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacLow, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacHigh, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacHigh, " --out-interface eth1 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacLow, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacLow, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacHigh, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacHigh, " --in-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacLow, " --out-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacLow, " --out-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --source-mac ", kInternalMacHigh, " --out-interface veth0 -j DROP">, true},
+    {kJoined<"arptables -A FORWARD --destination-mac ", kInternalMacHigh, " --out-interface veth0 -j DROP">, true},
+    // The internal IP addresses arriving on eth1 (to the device, through the
+    // bridge) and leaving on it. The address order differs from the ARP rules'.
+    {"iptables -F", true},
+    {kJoined<"iptables -A INPUT --source ", kInternalIpHigh, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A INPUT --source ", kInternalIpLow, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A INPUT --destination ", kInternalIpHigh, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A INPUT --destination ", kInternalIpLow, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --source ", kInternalIpHigh, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --source ", kInternalIpLow, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --destination ", kInternalIpHigh, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --destination ", kInternalIpLow, " -m physdev --physdev-in eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --source ", kInternalIpHigh, " -m physdev --physdev-out eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --source ", kInternalIpLow, " -m physdev --physdev-out eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --destination ", kInternalIpHigh, " -m physdev --physdev-out eth1 -j DROP">, true},
+    {kJoined<"iptables -A FORWARD --destination ", kInternalIpLow, " -m physdev --physdev-out eth1 -j DROP">, true},
+};
+
 // Frames of every protocol: the port pairs that the ARP rules keep apart
 // exchange nothing, and no frame to or from an internal MAC enters or leaves
 // through eth1 or veth0.
-const SHELL_STEP kLinkLayerRuleSteps[] = {
+constexpr SHELL_STEP kLinkLayerRuleSteps[] = {
     {"ebtables -F", true},
     {"ebtables -A FORWARD -i veth2 -o veth0 -j DROP", true},
     {"ebtables -A FORWARD -i veth0 -o veth2 -j DROP", true},
@@ -75,23 +136,38 @@ const SHELL_STEP kLinkLayerRuleSteps[] = {
     {"ebtables -A FORWARD -i eth1 -o veth2 -j DROP", true},
     {"ebtables -A FORWARD -i veth0 -o eth0 -j DROP", true},
     {"ebtables -A FORWARD -i eth0 -o veth0 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -i eth1 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -i eth1 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -i eth1 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -i eth1 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -o eth1 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -o eth1 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -o eth1 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -o eth1 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -i veth0 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -i veth0 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -i veth0 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -i veth0 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:00 -o veth0 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:00 -o veth0 -j DROP", true},
-    {"ebtables -A FORWARD -s 02:23:02:00:00:01 -o veth0 -j DROP", true},
-    {"ebtables -A FORWARD -d 02:23:02:00:00:01 -o veth0 -j DROP", true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacLow, " -i eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacLow, " -i eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacHigh, " -i eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacHigh, " -i eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacLow, " -o eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacLow, " -o eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacHigh, " -o eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacHigh, " -o eth1 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacLow, " -i veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacLow, " -i veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacHigh, " -i veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacHigh, " -i veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacLow, " -o veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacLow, " -o veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -s ", kInternalMacHigh, " -o veth0 -j DROP">, true},
+    {kJoined<"ebtables -A FORWARD -d ", kInternalMacHigh, " -o veth0 -j DROP">, true},
 };
+
+// How many rules of a tool the steps append.
+constexpr unsigned int CountAppended(std::span<const SHELL_STEP> steps, std::string_view append) {
+    unsigned int rules = 0;
+    for (const SHELL_STEP& step : steps) rules += std::string_view(step.m_szCommand).starts_with(append) ? 1 : 0;
+    return rules;
+}
+
+}  // namespace
+
+constexpr unsigned int kArpIsolationRules = CountAppended(kIsolationRuleSteps, "arptables -A ");
+constexpr unsigned int kIpIsolationRules = CountAppended(kIsolationRuleSteps, "iptables -A ");
+constexpr unsigned int kLinkLayerIsolationRules = CountAppended(kLinkLayerRuleSteps, "ebtables -A ");
+
+namespace {
 
 // Outside the two-port mode there are no link-layer rules, and no block on
 // veth0 (one a two-port build cut short left; usually there is none).
@@ -103,7 +179,8 @@ const SHELL_STEP kRemoveLinkLayerRuleSteps[] = {
 };
 // clang-format on
 
-// After a failed repair eth1 is kept down, and raised again once it worked.
+// While the isolation is not in force after a two-port build or a repair that
+// stopped short, eth1 is kept down, and raised again once a repair worked.
 const SHELL_STEP kHoldEth1DownSteps[] = {
     {"ip link set eth1 down", false},
 };
@@ -130,26 +207,12 @@ const RULE_LISTING kRuleListings[] = {
 
 const char* const kBridge = "br0";
 
-template <size_t N>
-bool RunSteps(const SHELL_STEP (&steps)[N], WORK_FAILURE& failure) {
-    for (const SHELL_STEP& step : steps) {
-        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
-    }
-    return true;
-}
-
 // The lines of a listing that are rules.
 std::vector<std::string> RuleLines(const std::string& listing) {
-    std::vector<std::string> rules;
-    size_t start = 0;
-    while (start < listing.size()) {
-        size_t end = listing.find('\n', start);
-        if (end == std::string::npos) end = listing.size();
-        std::string line = listing.substr(start, end - start);
-        if (line.find("-j ") != std::string::npos) rules.push_back(std::move(line));
-        start = end + 1;
-    }
-    return rules;
+    std::vector<std::string> lines;
+    Util::Split(lines, listing, '\n');
+    std::erase_if(lines, [](const std::string& line) { return line.find("-j ") == std::string::npos; });
+    return lines;
 }
 
 void AddProblem(std::string& problems, const std::string& problem) {
@@ -259,7 +322,7 @@ void RepairIsolation(ISOLATION_STATE& state) {
         NoteWorkFailed(state.m_health, "isolation", failure);
         LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
         WORK_FAILURE ignored;
-        RunSteps(kHoldEth1DownSteps, ignored);
+        HoldEth1Down(ignored);
         state.m_bEth1HeldDown = true;
         return;
     }
@@ -335,13 +398,17 @@ BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader) {
     return std::exchange(ActiveBridgeFilterReader(), std::move(reader));
 }
 
-bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockEth1Steps, failure); }
+bool HoldEth1Down(WORK_FAILURE& failure) { return RunSteps(kHoldEth1DownSteps, failure); }
 
-bool LiftEth1Block(WORK_FAILURE& failure) { return RunSteps(kLiftEth1BlockSteps, failure); }
+bool SetupIsolationRules(WORK_FAILURE& failure) { return RunSteps(kIsolationRuleSteps, failure); }
 
-bool BlockVeth0(WORK_FAILURE& failure) { return RunSteps(kBlockVeth0Steps, failure); }
+bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"eth1">, failure); }
 
-bool LiftVeth0Block(WORK_FAILURE& failure) { return RunSteps(kLiftVeth0BlockSteps, failure); }
+bool LiftEth1Block(WORK_FAILURE& failure) { return RunSteps(kLiftBlockSteps<"eth1">, failure); }
+
+bool BlockVeth0(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"veth0">, failure); }
+
+bool LiftVeth0Block(WORK_FAILURE& failure) { return RunSteps(kLiftBlockSteps<"veth0">, failure); }
 
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
     if (!RunSteps(kBridgeFilterSteps, failure) || !RunSteps(kLinkLayerRuleSteps, failure)) {

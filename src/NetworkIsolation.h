@@ -1,4 +1,4 @@
-// The isolation of the two-port mode beyond the bridge build's ARP and IP rules:
+// The isolation of the two-port mode: the ARP and IP rules the bridge build puts in,
 // eth1 blocked while a build runs, link-layer rules for every protocol, bridge
 // netfilter made sure of for br0, and all of it checked in force and repaired.
 #pragma once
@@ -15,10 +15,11 @@
 // How often the isolation in force is looked at when nothing else happens.
 constexpr unsigned int kIsolationCheckIntervalMs = 10000;
 
-// The rules the isolation puts in, per table; a listing is checked against these.
-constexpr unsigned int kArpIsolationRules = 38;
-constexpr unsigned int kIpIsolationRules = 12;
-constexpr unsigned int kLinkLayerIsolationRules = 22;
+// The rules the isolation puts in, per table, as its rule tables count them;
+// a listing is checked against these.
+extern const unsigned int kArpIsolationRules;
+extern const unsigned int kIpIsolationRules;
+extern const unsigned int kLinkLayerIsolationRules;
 
 // What the listing commands printed when the isolation was last found whole:
 // a later listing that differs means someone changed the rules.
@@ -69,6 +70,10 @@ BRIDGE_FILTER_STATE ReadBridgeFilterState(const std::string& bridge);
 using BridgeFilterReader = std::function<BRIDGE_FILTER_STATE(const std::string& bridge)>;
 BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader);
 
+// The two-port build's ARP and IP rules alone, anew (each table flushed first),
+// as the build runs them; false at the first that failed.
+bool SetupIsolationRules(WORK_FAILURE& failure);
+
 // Blocks every frame in and out of eth1 at the bridge, before anything of a build
 // runs; lasts until LiftEth1Block. Setting it twice leaves one block.
 bool BlockEth1(WORK_FAILURE& failure);
@@ -78,6 +83,11 @@ bool LiftEth1Block(WORK_FAILURE& failure);
 // the link-layer rules are looked at.
 bool BlockVeth0(WORK_FAILURE& failure);
 bool LiftVeth0Block(WORK_FAILURE& failure);
+
+// eth1 taken down while a two-port build or a repair that stopped short left
+// the isolation incomplete: the internal network never reaches it unfiltered.
+// Failing to is no failure of the work.
+bool HoldEth1Down(WORK_FAILURE& failure);
 
 // After a two-port build: br0's bridge netfilter on, the link-layer rules in,
 // then all of it looked at (ARP, IP and link-layer rules, bridge netfilter).

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -291,4 +292,11 @@ bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Command failed (" + DescribeOutcome(outcome) + "): " + command);
     }
     return false;
+}
+
+bool RunSteps(std::span<const SHELL_STEP> steps, WORK_FAILURE& failure) {
+    for (const SHELL_STEP& step : steps) {
+        if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
+    }
+    return true;
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <span>
 #include <string>
 
 // How one command ended. A default record is a command that ran and exited 0.
@@ -75,3 +76,7 @@ WORK_FAILURE& FailureOrScratch(WORK_FAILURE* failure);
 // be started or ran past its deadline. With `output`, the step is one the work
 // reads: its standard output is put there.
 bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure, std::string* output = nullptr);
+
+// Runs the steps in order; false, with `failure`, at the first one the work
+// cannot go on after (as RunStep judges it), and the rest not run.
+bool RunSteps(std::span<const SHELL_STEP> steps, WORK_FAILURE& failure);

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "src/NetworkInternalNames.h"
 #include "src/NetworkShape.h"
 #include "tests/support/ExpectedTimelines.h"
 #include "tests/support/Files.h"
@@ -28,10 +29,10 @@ inline KERNEL_SHAPE WholeTwoPortShape() {
     KERNEL_SHAPE shape;
     shape.m_bRead = true;
     shape.m_links = {
-        {"br0", 1, 0, true, "ee:00:00:00:00:01"},   {"eth0", 2, 1, true, "ee:00:00:00:00:02"},
-        {"eth1", 3, 1, true, "ee:00:00:00:00:03"},  {"veth0", 4, 1, true, "ee:00:00:00:00:04"},
-        {"veth1", 5, 0, true, kTestVeth1Mac},       {"veth2", 6, 1, true, "ee:00:00:00:00:06"},
-        {"veth3", 7, 0, true, "02:23:02:00:00:00"},
+        {"br0", 1, 0, true, "ee:00:00:00:00:01"},  {"eth0", 2, 1, true, "ee:00:00:00:00:02"},
+        {"eth1", 3, 1, true, "ee:00:00:00:00:03"}, {"veth0", 4, 1, true, "ee:00:00:00:00:04"},
+        {"veth1", 5, 0, true, kTestVeth1Mac},      {"veth2", 6, 1, true, "ee:00:00:00:00:06"},
+        {"veth3", 7, 0, true, kVeth3Mac},
     };
     shape.m_addresses = {{5, Address("192.168.1.2"), 24}, {7, Address("192.168.100.1"), 24}};
     shape.m_routes = {{5, Address("192.168.1.1"), 10}};

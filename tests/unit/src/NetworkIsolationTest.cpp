@@ -92,9 +92,9 @@ TEST_F(IsolationTest, CompletionPutsTheLinkLayerRulesInAndFindsEverythingInForce
     EXPECT_TRUE(m_state.m_bInForce);
     EXPECT_EQ(m_state.m_problem, "");
     EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
-    EXPECT_EQ(m_tables.Rules("arptables").size(), 38U);
-    EXPECT_EQ(m_tables.Rules("iptables").size(), 12U);
-    EXPECT_EQ(m_tables.Rules("ebtables").size(), 22U);
+    EXPECT_EQ(m_tables.Rules("arptables").size(), kArpIsolationRules);
+    EXPECT_EQ(m_tables.Rules("iptables").size(), kIpIsolationRules);
+    EXPECT_EQ(m_tables.Rules("ebtables").size(), kLinkLayerIsolationRules);
     EXPECT_EQ(m_bridgeFilter.Asked(), (Lines{"br0"}));
 }
 
@@ -122,7 +122,7 @@ TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1AndVeth0B
                                Eth1Lift(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_TRUE(m_state.m_bInForce);
-    EXPECT_EQ(m_tables.Rules("arptables").size(), 38U);
+    EXPECT_EQ(m_tables.Rules("arptables").size(), kArpIsolationRules);
     EXPECT_EQ(m_tables.Rules("ebtables", "nat").size(), 0U);
     // Whole again: the next look finds nothing to do.
     EXPECT_EQ(After(10), IsolationLook());
@@ -140,7 +140,7 @@ TEST_F(IsolationTest, OneRuleRemovedOrOneAddedIsNamed) {
     ASSERT_GE(timeline.size(), 4U);
     EXPECT_EQ(timeline[3],
               "WARN SuperviseIsolation: Isolation not in force (the IP rules were changed); putting it back");
-    EXPECT_EQ(m_tables.Rules("iptables").size(), 12U);
+    EXPECT_EQ(m_tables.Rules("iptables").size(), kIpIsolationRules);
     EXPECT_EQ(m_tables.Rules("iptables").front(),
               "-A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP");
 }
@@ -229,7 +229,7 @@ TEST_F(IsolationTest, OtherModesRemoveTheLinkLayerRules) {
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
     EXPECT_EQ(m_tables.Rules("ebtables").size(), 0U);
     // The design's own ARP and IP rules stay.
-    EXPECT_EQ(m_tables.Rules("arptables").size(), 38U);
+    EXPECT_EQ(m_tables.Rules("arptables").size(), kArpIsolationRules);
 }
 
 // The kernel's side, for real, in namespaces of the test's own.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "src/NetworkInternalNames.h"
 #include "tests/support/KernelShapes.h"
 #include "tests/support/Namespaces.h"
 
@@ -20,7 +21,7 @@ WANTED_SHAPE TwoPortWanted() {
     wanted.m_ports = {"eth0", "eth1", "veth0", "veth2"};
     wanted.m_mayBeDown = {"eth0"};
     wanted.m_links = {"veth1", "veth3"};
-    wanted.m_macs = {{"veth1", kTestVeth1Mac}, {"veth3", "02:23:02:00:00:00"}};
+    wanted.m_macs = {{"veth1", kTestVeth1Mac}, {"veth3", kVeth3Mac}};
     WANTED_ADDRESS veth1{Address("192.168.1.2"), 24, Address("192.168.1.1"), 10};
     WANTED_ADDRESS veth3{Address("192.168.100.1"), 24, Address("0.0.0.0"), 100};
     wanted.m_addresses = {{"veth1", veth1}, {"veth3", veth3}};
