@@ -7,7 +7,6 @@
 
 #include <string>
 
-
 struct STATUS_SNAPSHOT;
 
 // What the document says of the daemon itself; fixed for its run.
