@@ -186,13 +186,15 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // and each piece is classified as a line of its own.
     char line[256];
     bool bStarted = false;  // the first read worked and the outputs were reset
-    bool bBridgeSeen = false;
-    bool bVeth1Valid = false;
-    bool bVeth3Valid = false;
-    // Whether any line of the kind came at all, good or bad: a bad one has its message.
-    bool bBridgeLine = false;
-    bool bVeth1Line = false;
-    bool bVeth3Line = false;
+    // Per kind of line that a usable file needs: whether one came at all, good
+    // or bad (a bad one has its message), and whether it counts as good.
+    struct LINES_SEEN {
+        bool m_bAny = false;
+        bool m_bGood = false;
+    };
+    LINES_SEEN bridge;
+    LINES_SEEN veth1;
+    LINES_SEEN veth3;
     // Lines go into a copy that replaces the settings only once the whole file
     // was read, so a read that breaks off part-way leaves the last whole read.
     USER_SETTINGS read = settings;
@@ -217,7 +219,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
         // The value is always the second word; the first is skipped unread.
         switch (FindLineKind(line)) {
             case LINE_BRIDGE: {
-                bBridgeLine = true;
+                bridge.m_bAny = true;
                 // As long as the longest word ("eth0eth1"): a longer one is cut, and then no word.
                 char word[9];
                 const bool bWord = sscanf(line, "%*s %8s", word) == 1;
@@ -228,7 +230,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
                     CONFIG_ERROR("Invalid bridge mode entry, expected " + BridgeModeChoices());
                 } else {
                     read.m_eBridgeMode = mode->m_eMode;
-                    bBridgeSeen = true;  // only ever set: a later bad line does not undo a good one
+                    bridge.m_bGood = true;  // only ever set: a later bad line does not undo a good one
                 }
                 break;
             }
@@ -245,12 +247,12 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             }
             // The last line of each interface decides its flag.
             case LINE_VETH1:
-                bVeth1Line = true;
-                bVeth1Valid = ParseInterfaceLine("veth1", line, read.m_veth1Config) == 0;
+                veth1.m_bAny = true;
+                veth1.m_bGood = ParseInterfaceLine("veth1", line, read.m_veth1Config) == 0;
                 break;
             case LINE_VETH3:
-                bVeth3Line = true;
-                bVeth3Valid = ParseInterfaceLine("veth3", line, read.m_veth3Config) == 0;
+                veth3.m_bAny = true;
+                veth3.m_bGood = ParseInterfaceLine("veth3", line, read.m_veth3Config) == 0;
                 break;
             case LINE_VRX0:
                 bVrx0Valid = ParseInterfaceLine("vrx0", line, read.m_vrx0Config) == 0;
@@ -263,10 +265,10 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
         }
     }
     settings = read;
-    bSettingsValid = bBridgeSeen && bVeth1Valid && bVeth3Valid;
+    bSettingsValid = bridge.m_bGood && veth1.m_bGood && veth3.m_bGood;
     // Not logged (the daemon never has), but the reason the file is not used.
-    if (!bBridgeLine) NoteProblem("No bridge line in config file");
-    if (!bVeth1Line) NoteProblem("No veth1 line in config file");
-    if (!bVeth3Line) NoteProblem("No veth3 line in config file");
+    if (!bridge.m_bAny) NoteProblem("No bridge line in config file");
+    if (!veth1.m_bAny) NoteProblem("No veth1 line in config file");
+    if (!veth3.m_bAny) NoteProblem("No veth3 line in config file");
     return 0;
 }

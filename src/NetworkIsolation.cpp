@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "logging/Logging.h"
-#include "src/NetworkBridge.h"
 #include "src/NetworkInternalNames.h"
 #include "src/NetworkNetlink.h"
 #include "src/NetworkRetry.h"
