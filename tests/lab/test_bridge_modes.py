@@ -6,16 +6,16 @@ import re
 import time
 
 from labtest import ISOLATION_RULES, LabTestCase, main
-from tesselkit.device import TWO_PORT_CONFIG, config_text
+from tesselkit.device import TWO_PORT_CONFIG, VETH3_ADDR, config_text
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
 
 # eth0 only: veth1 static on the eth0 side's network, reached through eth0.
 ETH0_CONFIG = config_text("eth0", "copper", "static 10.253.254.10 255.255.255.0 0.0.0.0",
-                          "static 10.253.254.253 255.255.255.0 0.0.0.0")
+                          "static %s 255.255.255.0 0.0.0.0" % VETH3_ADDR)
 
 # eth1 only: veth1 by DHCP from the server on eth1's side.
-ETH1_CONFIG = config_text("eth1", "frame", "dhcp", "static 10.253.254.253 255.255.255.0 0.0.0.0")
+ETH1_CONFIG = config_text("eth1", "frame", "dhcp", "static %s 255.255.255.0 0.0.0.0" % VETH3_ADDR)
 
 
 class BridgeModesTest(LabTestCase):

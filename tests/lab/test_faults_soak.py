@@ -31,7 +31,7 @@ RSS_SLACK_KB = 64
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.60 255.255.255.0 192.168.77.1")
 ETH0_CONFIG = config_text("eth0", "frame", "static 10.253.254.10 255.255.255.0 0.0.0.0",
-                          "static 10.253.254.253 255.255.255.0 0.0.0.0")
+                          "static %s 255.255.255.0 0.0.0.0" % VETH3_ADDR)
 BOTH_PORTS = ["eth0", "eth1", "veth0", "veth2"]
 CLIENT_ARGS = ["-i", "veth1"] + DHCP_CLIENT_ARGS.split()
 

@@ -10,13 +10,13 @@ from labtest import LabTestCase, main
 from tesselkit import timelines
 from tesselkit.lab import run
 from tesselkit.waiting import wait_until
-from tesselkit.device import config_text
+from tesselkit.device import VETH3_ADDR, config_text
 
 # The register writes, in order, as devmem is called.
 REGISTER_SEQUENCE = timelines.commands(timelines.fixture("register-writes.timeline"))
 
 CONFIG = config_text("eth0eth1", "frame", "static 192.168.77.60 255.255.255.0 192.168.77.1",
-                     "static 10.253.254.253 255.255.255.0 0.0.0.0")
+                     "static %s 255.255.255.0 0.0.0.0" % VETH3_ADDR)
 
 
 class LinkRecoveryTest(LabTestCase):
