@@ -20,7 +20,7 @@ VLAN = 5
 INTERNAL = {"peer0": PEER0_MAC, "veth3": VETH3_MAC}
 
 
-# The 22 link-layer rules, as ebtables lists them: the port pairs that exchange
+# The 28 link-layer rules, as ebtables lists them: the port pairs that exchange
 # nothing, and the internal MACs kept off eth1 and veth0 both ways.
 LINK_LAYER_RULES = sorted(
     ["-i %s -o %s -j DROP" % pair for a, b in (("veth0", "veth2"), ("veth2", "eth1"), ("veth0", "eth0"))
