@@ -108,8 +108,6 @@ class TaggedIsolationTest(TwoPortTestCase):
     MODULE = MODULE
 
     def test_tagged_frames_matrix(self):
-        switch = self.lab.device("cat", "/proc/sys/net/bridge/bridge-nf-filter-vlan-tagged").stdout.strip()
-        self.assertEqual("1", switch, "the daemon turns tagged filtering on")
         ports = dict(zip(PORTS, self.ports.open(*(CAPTURED_ON[name] for name in PORTS))))
         sources = {"eth0": (ETH0_SIDE_MAC, ETH0_SIDE_ADDR), "eth1": (ports["eth1"].mac, PEER1_ADDR),
                    "veth3": (VETH3_MAC, VETH3_ADDR), "veth1": (DEVICE_MAC, "192.0.2.1")}
@@ -157,6 +155,8 @@ class TaggedIsolationTest(TwoPortTestCase):
         for (pair, want), (count, got) in sorted(classes.items()):
             print("figures: %-16s %-10s %4d cells, seen in %4d" % (pair, want, count, got))
         self.assertEqual([], wrong, "%d cells against the table" % len(wrong))
+        switch = self.lab.device("cat", "/proc/sys/net/bridge/bridge-nf-filter-vlan-tagged").stdout.strip()
+        self.assertEqual("1", switch, "the daemon turns tagged filtering on")
 
     def neighbour(self, address):
         out = run(["ip", "-n", self.lab.net0, "neigh", "show", address, "dev", "peer0"]).stdout.split()
