@@ -151,6 +151,15 @@ constexpr SHELL_STEP kLinkLayerRuleSteps[] = {
     {kJoined<"ebtables -A FORWARD -d ", kInternalMacLow, " -o veth0 -j DROP">, true},
     {kJoined<"ebtables -A FORWARD -s ", kInternalMacHigh, " -o veth0 -j DROP">, true},
     {kJoined<"ebtables -A FORWARD -d ", kInternalMacHigh, " -o veth0 -j DROP">, true},
+    // Under one 802.1Q tag the ARP and IP rules see what a frame carries
+    // (bridge-nf-filter-vlan-tagged); under two tags, or an 802.1ad one, no
+    // filter does: no such frame to a group address crosses eth1 either way.
+    {"ebtables -A FORWARD -i eth1 -d Multicast -p 802_1Q --vlan-encap 802_1Q -j DROP", true},
+    {"ebtables -A FORWARD -i eth1 -d Multicast -p 802_1Q --vlan-encap 0x88a8 -j DROP", true},
+    {"ebtables -A FORWARD -i eth1 -d Multicast -p 0x88a8 -j DROP", true},
+    {"ebtables -A FORWARD -o eth1 -d Multicast -p 802_1Q --vlan-encap 802_1Q -j DROP", true},
+    {"ebtables -A FORWARD -o eth1 -d Multicast -p 802_1Q --vlan-encap 0x88a8 -j DROP", true},
+    {"ebtables -A FORWARD -o eth1 -d Multicast -p 0x88a8 -j DROP", true},
 };
 
 // How many rules of a tool the steps append.
@@ -258,11 +267,28 @@ void JudgeBridgeFilter(const BRIDGE_FILTER_STATE& filter, std::string& problems)
     }
     if (!filter.m_bIptables) AddProblem(problems, "br0 hands no bridged IPv4 to iptables");
     if (!filter.m_bArptables) AddProblem(problems, "br0 hands no bridged ARP to arptables");
+    if (!filter.m_bVlanTagged) {
+        AddProblem(problems, "tagged IPv4 and ARP reach no filter (net.bridge.bridge-nf-filter-vlan-tagged is 0)");
+    }
 }
 
 BridgeFilterReader& ActiveBridgeFilterReader() {
     static BridgeFilterReader reader;
     return reader;
+}
+
+TaggedFilterSwitch& ActiveTaggedFilterSwitch() {
+    static TaggedFilterSwitch tagSwitch;
+    return tagSwitch;
+}
+
+void MakeSureOfTaggedFiltering() {
+    const TaggedFilterSwitch& tagSwitch = ActiveTaggedFilterSwitch();
+    if (tagSwitch) {
+        tagSwitch();
+    } else {
+        SwitchOnTaggedFiltering();
+    }
 }
 
 BRIDGE_FILTER_STATE BridgeFilterState() {
@@ -335,6 +361,10 @@ void RepairIsolation(ISOLATION_STATE& state) {
     LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Isolation back in force");
 }
 
+// Hands IPv4 and ARP under one 802.1Q tag to the filters; system-wide only
+// (no bridge has its own).
+const char* const kTaggedFilterSwitch = "bridge-nf-filter-vlan-tagged";
+
 // A flag of /proc/sys/net/bridge: 1 or 0, -1 when it cannot be read (no br_netfilter).
 int ReadBridgeSysctl(const char* name) {
     const std::string path = std::string("/proc/sys/net/bridge/") + name;
@@ -383,6 +413,7 @@ BRIDGE_FILTER_STATE ReadBridgeFilterState(const std::string& bridge) {
     if (!state.m_bAvailable) return state;
     state.m_bIptables = iptables == 1;
     state.m_bArptables = arptables == 1;
+    state.m_bVlanTagged = ReadBridgeSysctl(kTaggedFilterSwitch) == 1;
     // The system-wide switch covers every bridge; the bridge's own is asked only without it.
     bool ownIptables = false;
     bool ownArptables = false;
@@ -395,6 +426,20 @@ BRIDGE_FILTER_STATE ReadBridgeFilterState(const std::string& bridge) {
 
 BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader) {
     return std::exchange(ActiveBridgeFilterReader(), std::move(reader));
+}
+
+bool SwitchOnTaggedFiltering() {
+    if (ReadBridgeSysctl(kTaggedFilterSwitch) == 1) return true;
+    // Read-only under the service's sandbox, where the packaged sysctl.d file
+    // has set it at boot; the look says so when neither did.
+    const std::string path = std::string("/proc/sys/net/bridge/") + kTaggedFilterSwitch;
+    const Util::UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!file.IsOpen()) return false;
+    return write(file.Get(), "1\n", 2) == 2;
+}
+
+TaggedFilterSwitch SetTaggedFilterSwitch(TaggedFilterSwitch tagSwitch) {
+    return std::exchange(ActiveTaggedFilterSwitch(), std::move(tagSwitch));
 }
 
 bool HoldEth1Down(WORK_FAILURE& failure) { return RunSteps(kHoldEth1DownSteps, failure); }
@@ -410,7 +455,14 @@ bool BlockVeth0(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"veth0">, f
 bool LiftVeth0Block(WORK_FAILURE& failure) { return RunSteps(kLiftBlockSteps<"veth0">, failure); }
 
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
-    if (!RunSteps(kBridgeFilterSteps, failure) || !RunSteps(kLinkLayerRuleSteps, failure)) {
+    if (!RunSteps(kBridgeFilterSteps, failure)) {
+        state.m_bInForce = false;
+        state.m_problem = "setting it up failed: " + failure.m_command;
+        return false;
+    }
+    // No command: a file write, checked by the look like br0's own switches.
+    MakeSureOfTaggedFiltering();
+    if (!RunSteps(kLinkLayerRuleSteps, failure)) {
         state.m_bInForce = false;
         state.m_problem = "setting it up failed: " + failure.m_command;
         return false;

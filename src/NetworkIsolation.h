@@ -58,6 +58,9 @@ struct BRIDGE_FILTER_STATE {
     bool m_bAvailable = false;
     bool m_bIptables = false;
     bool m_bArptables = false;
+    // Whether it hands IPv4 and ARP under one 802.1Q tag to them too
+    // (bridge-nf-filter-vlan-tagged, system-wide only).
+    bool m_bVlanTagged = false;
 
     bool operator==(const BRIDGE_FILTER_STATE&) const = default;
 };
@@ -69,6 +72,16 @@ BRIDGE_FILTER_STATE ReadBridgeFilterState(const std::string& bridge);
 // empty one puts ReadBridgeFilterState back. Returns the one it replaced.
 using BridgeFilterReader = std::function<BRIDGE_FILTER_STATE(const std::string& bridge)>;
 BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader);
+
+// Turns bridge-nf-filter-vlan-tagged on where /proc/sys may be written (not
+// under the service's sandbox: a sysctl.d file sets it at boot there); true
+// when it is on afterwards. A two-port build's completion and a repair run
+// it through the switch below, and the look judges the setting.
+bool SwitchOnTaggedFiltering();
+// The function that completion turns it on through; tests put their own
+// here, an empty one puts SwitchOnTaggedFiltering back. Returns the one it replaced.
+using TaggedFilterSwitch = std::function<void()>;
+TaggedFilterSwitch SetTaggedFilterSwitch(TaggedFilterSwitch tagSwitch);
 
 // The two-port build's ARP and IP rules alone, anew (each table flushed first),
 // as the build runs them; false at the first that failed.

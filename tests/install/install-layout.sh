@@ -25,6 +25,7 @@ expected="-rwxr-xr-x etc/init.d/tessel-networkd
 -rwxr-xr-x usr/bin/tessel-netcheck
 -rwxr-xr-x usr/bin/tessel-networkctl
 -rw-r--r-- usr/lib/modules-load.d/tessel-networkd.conf
+-rw-r--r-- usr/lib/sysctl.d/tessel-networkd.conf
 -rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
 -rw-r--r-- usr/lib/tmpfiles.d/tessel-networkd.conf
 -rwxr-xr-x usr/sbin/tessel-networkd
@@ -116,8 +117,13 @@ fi
 # load them), one name a line as systemd-modules-load reads them.
 modules=$stage/usr/lib/modules-load.d/tessel-networkd.conf
 listed=$(grep -v '^#' "$modules" | tr '\n' ' ')
-[ "$listed" = "bridge veth br_netfilter arp_tables arptable_filter ip_tables iptable_filter xt_physdev ebtables ebtable_filter ebtable_nat " ] ||
+[ "$listed" = "bridge veth br_netfilter arp_tables arptable_filter ip_tables iptable_filter xt_physdev ebtables ebtable_filter ebtable_nat ebt_vlan " ] ||
     fail "modules-load.d list: $listed"
+
+# Tagged IPv4 and ARP reach the filters: set at boot, where the unit may not.
+sysctls=$stage/usr/lib/sysctl.d/tessel-networkd.conf
+listed=$(grep -v '^#' "$sysctls")
+[ "$listed" = "net.bridge.bridge-nf-filter-vlan-tagged = 1" ] || fail "sysctl.d settings: $listed"
 
 # The init script names the installed paths and parses under every shell at hand.
 init=$stage/etc/init.d/tessel-networkd

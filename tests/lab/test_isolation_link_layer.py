@@ -20,13 +20,16 @@ VLAN = 5
 INTERNAL = {"peer0": PEER0_MAC, "veth3": VETH3_MAC}
 
 
-# The 22 link-layer rules, as ebtables lists them: the port pairs that exchange
-# nothing, and the internal MACs kept off eth1 and veth0 both ways.
+# The 28 link-layer rules, as ebtables lists them: the port pairs that exchange
+# nothing, the internal MACs kept off eth1 and veth0 both ways, and frames under
+# two tags (or an 802.1ad one) to group addresses kept off eth1 both ways.
 LINK_LAYER_RULES = sorted(
     ["-i %s -o %s -j DROP" % pair for a, b in (("veth0", "veth2"), ("veth2", "eth1"), ("veth0", "eth0"))
      for pair in ((a, b), (b, a))] +
     ["-%s %s -%s %s -j DROP" % (address, mac, way, port) for port in ("eth1", "veth0") for way in ("i", "o")
-     for mac in INTERNAL.values() for address in ("s", "d")])
+     for mac in INTERNAL.values() for address in ("s", "d")] +
+    ["-p %s -d Multicast -%s eth1 %s-j DROP" % (protocol, way, encap) for way in ("i", "o")
+     for protocol, encap in (("802_1Q", "--vlan-encap 8100 "), ("802_1Q", "--vlan-encap 88A8 "), ("S-TAG", ""))])
 
 
 def to_eth1(mac):
@@ -65,7 +68,7 @@ class LinkLayerIsolationTest(TwoPortTestCase):
         for port in ports:
             self.assertEqual([], port.arrived(match), "%s reached %s" % (what, port.ifname))
 
-    def test_22_link_layer_rules_in_force_and_eth1_not_blocked(self):
+    def test_28_link_layer_rules_in_force_and_eth1_not_blocked(self):
         self.assertEqual(LINK_LAYER_RULES, sorted(rule for rule, _ in self.lab.ebtables_rules()))
         for chain in ("PREROUTING", "POSTROUTING"):
             self.assertEqual([], self.lab.ebtables_rules("nat", chain), "eth1's block is lifted after the build")

@@ -73,24 +73,41 @@ private:
 };
 
 // Puts a bridge netfilter state of the test's own where the isolation reads the
-// kernel's, and the real reader back when it goes out of scope.
+// kernel's, and a switch for tagged filtering that turns it on in that state
+// (unless refused, as a read-only /proc/sys does); the real ones back when it
+// goes out of scope.
 class BridgeFilterScript {
 public:
-    explicit BridgeFilterScript(BRIDGE_FILTER_STATE state = {true, true, true})
-        : m_state(state), m_previous(SetBridgeFilterReader([this](const std::string& bridge) {
+    explicit BridgeFilterScript(BRIDGE_FILTER_STATE state = {true, true, true, true})
+        : m_state(state),
+          m_previous(SetBridgeFilterReader([this](const std::string& bridge) {
               m_bridges.push_back(bridge);
               return m_state;
+          })),
+          m_previousSwitch(SetTaggedFilterSwitch([this] {
+              ++m_nSwitched;
+              if (!m_bRefuseSwitch) m_state.m_bVlanTagged = true;
           })) {}
-    ~BridgeFilterScript() { SetBridgeFilterReader(std::move(m_previous)); }
+    ~BridgeFilterScript() {
+        SetBridgeFilterReader(std::move(m_previous));
+        SetTaggedFilterSwitch(std::move(m_previousSwitch));
+    }
     BridgeFilterScript(const BridgeFilterScript&) = delete;
     BridgeFilterScript& operator=(const BridgeFilterScript&) = delete;
 
     void Set(BRIDGE_FILTER_STATE state) { m_state = state; }
+    // Tagged filtering cannot be turned on from now on.
+    void RefuseSwitch() { m_bRefuseSwitch = true; }
     // The bridges asked about, in order.
     const std::vector<std::string>& Asked() const { return m_bridges; }
+    // How often tagged filtering was turned on.
+    int Switched() const { return m_nSwitched; }
 
 private:
     BRIDGE_FILTER_STATE m_state;
     std::vector<std::string> m_bridges;
     BridgeFilterReader m_previous;
+    TaggedFilterSwitch m_previousSwitch;
+    bool m_bRefuseSwitch = false;
+    int m_nSwitched = 0;
 };

@@ -81,4 +81,4 @@ ISOLATION_TABLES = {tool: _appended_after_last_flush(BUILD_ETH0ETH1, tool)
                     for tool in ("arptables", "iptables", "ebtables")}
 
 # What the daemon logs once the look after a two-port build found everything.
-ISOLATION_IN_FORCE = "Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge netfilter for br0"
+ISOLATION_IN_FORCE = "Isolation in force: 38 ARP, 12 IP and 28 link-layer rules, bridge netfilter for br0"

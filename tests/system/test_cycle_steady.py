@@ -70,7 +70,7 @@ class IsolationLookTest(harness.DaemonTestCase):
         self.sandbox.set_rules("iptables", [])
         self.sandbox.set_rules("ebtables", [])
         flushed = time.monotonic()
-        warning = ("Isolation not in force (0 of 12 IP rules in place; 0 of 22 link-layer rules in place); "
+        warning = ("Isolation not in force (0 of 12 IP rules in place; 0 of 28 link-layer rules in place); "
                    "putting it back")
         daemon.wait_for_message(warning, timeout=15)
         self.assertLess(time.monotonic() - flushed, 15)

@@ -259,7 +259,8 @@ int main(int argc, char** argv) {
             if (output != nullptr) *output = listing(command);
             return outcome;
         });
-        SetBridgeFilterReader([](const std::string&) { return BRIDGE_FILTER_STATE{true, true, true}; });
+        SetBridgeFilterReader([](const std::string&) { return BRIDGE_FILTER_STATE{true, true, true, true}; });
+        SetTaggedFilterSwitch([] {});
         auto build = [] {
             WORK_FAILURE failure;
             ISOLATION_STATE isolation;
@@ -283,6 +284,7 @@ int main(int argc, char** argv) {
         // The look every 10 s in the two-port mode: three listings read, and
         // bridge netfilter read from the kernel, against the listings alone.
         SetBridgeFilterReader(nullptr);
+        SetTaggedFilterSwitch(nullptr);
         ISOLATION_STATE isolation;
         WORK_FAILURE failure;
         if (!CompleteIsolation(isolation, failure)) fprintf(stderr, "the isolation was not found whole\n");

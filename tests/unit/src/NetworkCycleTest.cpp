@@ -520,7 +520,7 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
                "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
                "$ ip link set eth1 master br0", "$ ip link set eth1 up", "$ ip link set eth1 arp off", "$ iptables -F",
                "INFO SetupBridge: Done with bridge setup",
-               "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 22 link-layer rules, bridge "
+               "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 28 link-layer rules, bridge "
                "netfilter for br0",
                "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP", "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
                "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP", "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",

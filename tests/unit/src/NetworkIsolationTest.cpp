@@ -113,7 +113,7 @@ TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1AndVeth0B
     m_tables.Rules("ebtables").clear();
     EXPECT_EQ(After(10), Join({IsolationLook(),
                                {"WARN SuperviseIsolation: Isolation not in force (0 of 38 ARP rules in place; 0 of 12 "
-                                "IP rules in place; 0 of 22 link-layer rules in place); putting it back"},
+                                "IP rules in place; 0 of 28 link-layer rules in place); putting it back"},
                                Eth1Block(),
                                Veth0Block(),
                                IsolationRules(),
@@ -133,7 +133,7 @@ TEST_F(IsolationTest, OneRuleRemovedOrOneAddedIsNamed) {
     Lines timeline = After(10);
     ASSERT_GE(timeline.size(), 4U);
     EXPECT_EQ(timeline[3],
-              "WARN SuperviseIsolation: Isolation not in force (21 of 22 link-layer rules in place); putting it back");
+              "WARN SuperviseIsolation: Isolation not in force (27 of 28 link-layer rules in place); putting it back");
     // A rule put before the isolation's lets everything through: a change too.
     m_tables.Rules("iptables").insert(m_tables.Rules("iptables").begin(), "-A FORWARD -j ACCEPT");
     timeline = After(10);
@@ -146,7 +146,7 @@ TEST_F(IsolationTest, OneRuleRemovedOrOneAddedIsNamed) {
 }
 
 TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
-    m_bridgeFilter.Set({true, false, false});
+    m_bridgeFilter.Set({true, false, false, true});
     Lines timeline = After(10);
     ASSERT_GE(timeline.size(), 4U);
     EXPECT_EQ(timeline[3],
@@ -166,7 +166,7 @@ TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
               (Lines{"-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP",
                      "-A PREROUTING -i veth0 -j DROP", "-A POSTROUTING -o veth0 -j DROP"}));
     // Someone turns it on again: the next attempt completes, lifts the blocks and raises eth1.
-    m_bridgeFilter.Set({true, true, true});
+    m_bridgeFilter.Set({true, true, true, true});
     EXPECT_EQ(After(1),
               Join({Eth1Block(),
                     Veth0Block(),
@@ -178,6 +178,42 @@ TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
                      "NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_TRUE(m_state.m_bInForce);
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
+}
+
+TEST_F(IsolationTest, TaggedFilteringIsTurnedOnByTheCompletionAndALookFindsItOff) {
+    // The completion after the build turned it on, without a command.
+    EXPECT_EQ(m_bridgeFilter.Switched(), 1);
+    m_bridgeFilter.Set({true, true, true, false});
+    EXPECT_EQ(After(10), Join({IsolationLook(),
+                               {"WARN SuperviseIsolation: Isolation not in force (tagged IPv4 and ARP reach no filter "
+                                "(net.bridge.bridge-nf-filter-vlan-tagged is 0)); putting it back"},
+                               Eth1Block(),
+                               Veth0Block(),
+                               IsolationRules(),
+                               IsolationComplete(),
+                               Veth0Lift(),
+                               Eth1Lift(),
+                               {"NOTICE RepairIsolation: Isolation back in force"}}));
+    EXPECT_EQ(m_bridgeFilter.Switched(), 2);
+    EXPECT_TRUE(m_state.m_bInForce);
+}
+
+TEST_F(IsolationTest, TaggedFilteringThatCannotBeTurnedOnKeepsTheIsolationOutOfForce) {
+    m_bridgeFilter.RefuseSwitch();
+    m_bridgeFilter.Set({true, true, true, false});
+    Lines timeline = After(10);
+    ASSERT_GE(timeline.size(), 4U);
+    EXPECT_EQ(timeline[3],
+              "WARN SuperviseIsolation: Isolation not in force (tagged IPv4 and ARP reach no filter "
+              "(net.bridge.bridge-nf-filter-vlan-tagged is 0)); putting it back");
+    EXPECT_EQ(Lines(timeline.end() - 4, timeline.end()),
+              (Lines{"ERROR CompleteIsolation: Isolation not in force after setting it up: tagged IPv4 and ARP reach "
+                     "no filter (net.bridge.bridge-nf-filter-vlan-tagged is 0)",
+                     "WARN NoteWorkFailed: Retrying isolation in 1 s (failed attempts: 1)",
+                     "WARN RepairIsolation: Keeping eth1 down until the isolation rules are in place",
+                     "$ ip link set eth1 down"}));
+    EXPECT_FALSE(m_state.m_bInForce);
+    EXPECT_EQ(m_state.m_problem, "tagged IPv4 and ARP reach no filter (net.bridge.bridge-nf-filter-vlan-tagged is 0)");
 }
 
 TEST_F(IsolationTest, NoBridgeNetfilterInTheKernelIsNamed) {
@@ -265,6 +301,28 @@ TEST(BridgeFilterStateTest, ReadsTheSystemWideSwitchAndTheBridgesOwn) {
     if (found == Lines{"no br_netfilter"}) GTEST_SKIP() << "this kernel has no br_netfilter";
     EXPECT_EQ(found,
               (Lines{"available ip arp", "available - -", "available ip -", "available ip arp", "available - -"}));
+}
+
+TEST(BridgeFilterStateTest, TaggedFilteringIsReadAndTurnedOn) {
+    TESSEL_NEED_NAMESPACES();
+    Lines found = InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS, [] {
+        if (ReadFlag("/proc/sys/net/bridge/bridge-nf-filter-vlan-tagged").empty()) return Lines{"no br_netfilter"};
+        auto describe = [](bool switched) {
+            return std::string(switched ? "switched " : "- ") +
+                   (ReadBridgeFilterState("br0").m_bVlanTagged ? "on" : "off");
+        };
+        if (!RunQuietly("ip link add br0 type bridge")) return Lines{"cannot make br0"};
+        Lines lines;
+        RunQuietly("sysctl -q -w net.bridge.bridge-nf-filter-vlan-tagged=0");
+        lines.push_back(describe(false));
+        lines.push_back(describe(SwitchOnTaggedFiltering()));
+        lines.push_back(ReadFlag("/proc/sys/net/bridge/bridge-nf-filter-vlan-tagged"));
+        // Already on: nothing to write.
+        lines.push_back(describe(SwitchOnTaggedFiltering()));
+        return lines;
+    });
+    if (found == Lines{"no br_netfilter"}) GTEST_SKIP() << "this kernel has no br_netfilter";
+    EXPECT_EQ(found, (Lines{"- off", "switched on", "1", "switched on"}));
 }
 
 TEST(BridgeFilterStateTest, ReadsTheBridgesOwnWhateverTheSizeOfItsMessage) {
