@@ -19,6 +19,7 @@
 #include "ctl/ConfigCheck.h"
 #include "ctl/StatusView.h"
 #include "src/NetworkStatusSchema.h"
+#include "util/Version.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ const char kUsage[] =
     "                                      and what went wrong; --json prints its status document\n"
     "  check FILE                          reads a configuration file as the daemon would\n"
     "  help                                this text\n"
+    "  --version                           the version and the source revision it was built from\n"
     "Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or its status is\n"
     "stale; of check: 0 usable, 1 not usable, 2 the file cannot be read; 2 for a wrong command line.\n";
 
@@ -100,6 +102,10 @@ int Run(int argc, char** argv) {
     const std::string& command = args[0];
     const std::vector<std::string> rest(args.begin() + 1, args.end());
     if (command == "help" || command == "-h" || command == "--help") return Usage(stdout, 0);
+    if (command == "--version" && args.size() == 1) {
+        puts(Util::VersionLine("tessel-networkctl").c_str());
+        return 0;
+    }
     if (command == "status") return Status(rest);
     if (command == "check") {
         if (rest.size() != 1 || rest[0].empty() || rest[0][0] == '-') return Usage(stderr, 2);

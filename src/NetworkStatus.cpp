@@ -13,14 +13,11 @@
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStatusSnapshot.h"
 #include "util/Format.h"
-
-#ifndef TESSEL_VERSION
-#define TESSEL_VERSION "unknown"
-#endif
+#include "util/Version.h"
 
 void StartStatus(STATUS_WRITER& writer, const std::string& directory, const std::string& configPath) {
     writer.m_directory = directory;
-    writer.m_daemon.m_version = TESSEL_VERSION;
+    writer.m_daemon.m_version = Util::Version();
     writer.m_daemon.m_pid = getpid();
     writer.m_daemon.m_startedAt = Util::RealTimeNow();
     writer.m_daemon.m_configPath = configPath;

@@ -17,6 +17,7 @@
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
+#include "util/Version.h"
 
 namespace {
 
@@ -62,12 +63,17 @@ int main(int argc, char** argv) {
     cli.AddParam("01cfg-file", "--config", "-c", PARAM_MANDATORY, false, "Path to config file", "");
     cli.AddParam("02status-dir", "--status-dir", "-s", PARAM_OPTIONAL, false,
                  "Directory of the status document (default /run/tessel-networkd)", "");
+    cli.AddParam("03version", "--version", "-V", PARAM_OVERRIDE, true, "Shows the version and the source revision", "");
     if (cli.ProcessCmdLine(argc, argv) != 0) {
         ShowUsage(cli);
         exit(1);
     }
     if (!cli["00help"].empty()) {
         ShowUsage(cli);
+        return 0;
+    }
+    if (!cli["03version"].empty()) {
+        puts(Util::VersionLine("tessel-networkd").c_str());
         return 0;
     }
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using config file: " + cli["01cfg-file"]);

@@ -11,6 +11,7 @@ USAGE = (
     "    -c, --config                                 [Mandatory] Path to config file\n"
     "    -s, --status-dir                             [Optional ] Directory of the status document (default "
     "/run/tessel-networkd)\n"
+    "    -V, --version                                [Override ] Shows the version and the source revision\n"
     "\n"
 )
 
