@@ -96,7 +96,8 @@ private:
     std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> m_rows;
 };
 
-const char* const kWorkNames[] = {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"};
+const char* const kWorkNames[] = {"startup",   "bridge", "registers", "phy",  "veth1",    "veth3",
+                                  "isolation", "links",  "ports",     "macs", "eth0_port"};
 
 std::string WorkTitle(const std::string& name) {
     if (name == "startup") return "start-up commands";
@@ -104,6 +105,10 @@ std::string WorkTitle(const std::string& name) {
     if (name == "registers") return "eth0 register writes";
     if (name == "phy") return "PHY mode";
     if (name == "isolation") return "isolation repair";
+    if (name == "links") return "links set up";
+    if (name == "ports") return "ports put back into br0";
+    if (name == "macs") return "MAC addresses set back";
+    if (name == "eth0_port") return "eth0 put back into br0";
     return "addressing of " + name;
 }
 

@@ -107,6 +107,10 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     TakeWork(state.m_bridgeHealth, snapshot.m_bridge);
     TakeWork(state.m_registerHealth, snapshot.m_registers);
     TakeWork(state.m_phyHealth, snapshot.m_phy);
+    TakeWork(state.m_setUp.m_health, snapshot.m_links);
+    TakeWork(state.m_attach.m_health, snapshot.m_ports);
+    TakeWork(state.m_mac.m_health, snapshot.m_macs);
+    TakeWork(state.m_eth0PortHealth, snapshot.m_eth0Port);
 
     // veth3 is served in the two-port mode: the one asked for, or else the one in force.
     const BRIDGE_MODE servedMode = snapshot.m_bConfigured ? snapshot.m_eConfiguredBridgeMode : snapshot.m_eBridgeMode;

@@ -145,7 +145,8 @@ class StatusTest(harness.DaemonTestCase):
              "work": HEALTHY_WORK},
         ])
         self.assertEqual(document["work"], {name: HEALTHY_WORK for name in
-                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation")})
+                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation",
+                                             "links", "ports", "macs", "eth0_port")})
         table = self.ctl_status(daemon, 0)
         self.assertRegex(table, r"State: +healthy\n")
         self.assertRegex(table, r"\nveth1 +static 10\.0\.0\.2/255\.255\.255\.0 +10\.0\.0\.2 +255\.255\.255\.0 +"

@@ -128,8 +128,9 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
                                          "recovered_at": null, "outside_changes": 0, "last_outside_change": null})");
-    EXPECT_EQ(doc["work"].size(), 7U);
-    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"}) {
+    EXPECT_EQ(doc["work"].size(), 11U);
+    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation", "links", "ports",
+                             "macs", "eth0_port"}) {
         EXPECT_EQ(doc["work"][work], healthy) << work;
     }
 }
@@ -277,6 +278,38 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "last_outside_change": null
     },
     "isolation": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "links": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "ports": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "macs": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "eth0_port": {
       "failing": false,
       "failures": 0,
       "last_failure": null,
@@ -438,6 +471,38 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
         "outcome": "exit status 4",
         "at": "2038-01-19T03:14:49+00:00"
       },
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "links": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "ports": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "macs": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "eth0_port": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
       "recovered_at": null,
       "outside_changes": 0,
       "last_outside_change": null
