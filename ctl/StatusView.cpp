@@ -247,9 +247,10 @@ std::string StatusTable(const json& document, bool running, const std::vector<st
     for (const std::string& reason : reasons) head.Row({"", Printable(reason)});
 
     const json& configuration = At(document, "configuration");
-    std::string read = !Flag(At(configuration, "read")) ? "not read yet"
-                       : Flag(At(configuration, "usable"))
-                           ? "usable"
+    std::string read = !Flag(At(configuration, "read"))    ? "not read yet"
+                       : Flag(At(configuration, "usable")) ? "usable"
+                       : Flag(At(configuration, "last_usable_supervised"))
+                           ? c.Bad("not usable") + ", keeping the last usable configuration, still supervised"
                            : c.Bad("not usable") + ", the last usable one stays in force";
     head.Row({"Configuration:", Text(At(configuration, "path")) + " (" + read + ")"});
     const json& problems = At(configuration, "problems");

@@ -187,6 +187,7 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
         json.Null("bridge_mode");
         json.Null("phy_mode");
     }
+    json.Bool("last_usable_supervised", s.m_bLastUsableSupervised);
     json.Close('}');
 
     if (s.m_bBridgeInForce) {

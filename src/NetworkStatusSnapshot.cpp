@@ -91,6 +91,7 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_configProblems = state.m_configProblems;
     // An unusable read may have changed some settings; only a usable one says what is configured.
     snapshot.m_bConfigured = state.m_bConfigUsable;
+    snapshot.m_bLastUsableSupervised = state.m_bConfigRead && !state.m_bConfigUsable && !state.m_bFirstCycle;
     snapshot.m_eConfiguredBridgeMode = state.m_bConfigUsable ? state.m_settings.m_eBridgeMode : BRIDGE_MODE_ETH0;
     snapshot.m_eConfiguredPhyMode = state.m_bConfigUsable ? state.m_settings.m_ePhyMode : PHY_MODE_COPPER;
     snapshot.m_bBridgeInForce = !state.m_bBridgeSetupPending;

@@ -71,6 +71,9 @@ struct STATUS_SNAPSHOT {
     bool m_bConfigUsable = false;
     std::vector<std::string> m_configProblems;
     bool m_bConfigured = false;  // the last read was usable: the modes below are what it asks for
+    // The last read was unusable, and what an earlier usable one built is still
+    // looked at and put back.
+    bool m_bLastUsableSupervised = false;
     BRIDGE_MODE m_eConfiguredBridgeMode = BRIDGE_MODE_ETH0;
     PHY_MODE m_eConfiguredPhyMode = PHY_MODE_COPPER;
     bool m_bBridgeInForce = false;

@@ -112,7 +112,7 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
                                              "started": "2038-01-19T03:14:07+00:00"})"));
     EXPECT_EQ(doc["configuration"], json::parse(R"({"path": "/etc/tessel-networkd.conf", "read": true,
                                                     "usable": true, "problems": [], "bridge_mode": "eth0eth1",
-                                                    "phy_mode": "frame"})"));
+                                                    "phy_mode": "frame", "last_usable_supervised": false})"));
     EXPECT_EQ(doc["bridge_mode"], "eth0eth1");
     EXPECT_EQ(doc["phy_mode"], "frame");
     EXPECT_EQ(doc["eth0"], json::parse(R"({"used": true, "link": "up", "recoveries": 0, "last_recovery": null})"));
@@ -160,7 +160,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     "usable": true,
     "problems": [],
     "bridge_mode": "eth0eth1",
-    "phy_mode": "frame"
+    "phy_mode": "frame",
+    "last_usable_supervised": false
   },
   "bridge_mode": "eth0eth1",
   "phy_mode": "frame",
@@ -346,7 +347,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     "usable": true,
     "problems": [],
     "bridge_mode": "eth0eth1",
-    "phy_mode": "frame"
+    "phy_mode": "frame",
+    "last_usable_supervised": false
   },
   "bridge_mode": "eth0eth1",
   "phy_mode": "frame",
@@ -555,6 +557,8 @@ TEST(StatusJsonTest, AnUnusableFileShowsItsProblemsAndKeepsWhatIsInForce) {
     state.m_configProblems = {"Invalid static subnet mask veth3", "No veth1 line in config file"};
     const json doc = Document(state);
     EXPECT_EQ(doc["configuration"]["usable"], false);
+    // What the last usable one built is still looked at and put back.
+    EXPECT_EQ(doc["configuration"]["last_usable_supervised"], true);
     EXPECT_EQ(doc["configuration"]["problems"],
               json::parse(R"(["Invalid static subnet mask veth3", "No veth1 line in config file"])"));
     EXPECT_EQ(doc["configuration"]["bridge_mode"], nullptr);
