@@ -13,6 +13,7 @@
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
+#include "src/NetworkStatusSchema.h"
 
 namespace {
 
@@ -82,6 +83,9 @@ void TakeIsolation(const ISOLATION_STATE& isolation, const STATUS_SNAPSHOT& snap
     }
     TakeWork(isolation.m_health, shown.m_work);
 }
+
+// The document says "in force" for a look at most this old: longer than a period.
+static_assert(kIsolationVerifiedWithinSeconds * 1000 > kIsolationCheckIntervalMs);
 
 }  // namespace
 
