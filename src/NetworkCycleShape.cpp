@@ -123,7 +123,10 @@ std::string SmallRepairRemedy(SHAPE_REPAIR repair, const std::vector<std::string
 bool RunSmallRepair(SHAPE_REPAIR repair, const std::string& link, const WANTED_SHAPE& wanted, WORK_FAILURE& failure) {
     if (repair == SHAPE_REPAIR_MAC) {
         for (const auto& [name, mac] : wanted.m_macs) {
-            if (name == link) return RunStep("ip link set dev " + name + " address " + mac, true, failure);
+            if (name != link) continue;
+            std::string command = "ip link set dev ";
+            command.append(name).append(" address ").append(mac);
+            return RunStep(command, true, failure);
         }
         return true;  // no longer wanted (a rebuild since): nothing to put back
     }
