@@ -1,6 +1,8 @@
 // The status document read for people and for the exit status.
 #include "ctl/StatusView.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -9,6 +11,9 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "src/NetworkStatusSchema.h"
+#include "util/Format.h"
 
 using nlohmann::json;
 
@@ -96,7 +101,8 @@ private:
     std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> m_rows;
 };
 
-const char* const kWorkNames[] = {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"};
+const char* const kWorkNames[] = {"startup",   "bridge", "registers", "phy",  "veth1",    "veth3",
+                                  "isolation", "links",  "ports",     "macs", "eth0_port"};
 
 std::string WorkTitle(const std::string& name) {
     if (name == "startup") return "start-up commands";
@@ -104,6 +110,10 @@ std::string WorkTitle(const std::string& name) {
     if (name == "registers") return "eth0 register writes";
     if (name == "phy") return "PHY mode";
     if (name == "isolation") return "isolation repair";
+    if (name == "links") return "links set up";
+    if (name == "ports") return "ports put back into br0";
+    if (name == "macs") return "MAC addresses set back";
+    if (name == "eth0_port") return "eth0 put back into br0";
     return "addressing of " + name;
 }
 
@@ -139,6 +149,30 @@ std::vector<std::string> Wrap(const std::string& text, size_t width) {
     return lines;
 }
 
+// Seconds since 1970 of an ISO 8601 time with its offset; -1 when it is not one.
+long long IsoSeconds(const std::string& text) {
+    tm fields{};
+    const char* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S%z", &fields);
+    if (end == nullptr || *end != '\0') return -1;
+    const long offset = fields.tm_gmtoff;
+    return static_cast<long long>(timegm(&fields)) - offset;
+}
+
+// In force as the document says, and found so by a look within its period
+// (and a margin): a look that stopped vouches for nothing.
+bool IsolationVerifiedLately(const json& isolation) {
+    if (!Flag(At(isolation, "in_force"))) return false;
+    const long long verified = IsoSeconds(Text(At(isolation, "verified_at")));
+    return verified >= 0 && Util::RealTimeNow().tv_sec - verified <= kIsolationVerifiedWithinSeconds;
+}
+
+// The time of day of an ISO 8601 time; anything else as it is.
+std::string TimeOfDay(const json& stamp) {
+    std::string text = Text(stamp);
+    if (text.size() >= 19 && text[10] == 'T') text = text.substr(11, 8);
+    return text;
+}
+
 // The two-port mode's isolation in a few words: in force since the last look,
 // or why not; nothing to say in the other modes.
 std::vector<std::string> IsolationLines(const json& document) {
@@ -147,11 +181,10 @@ std::vector<std::string> IsolationLines(const json& document) {
         const json& mode = At(document, "bridge_mode");
         return {mode.is_string() ? "not required (bridge mode " + Text(mode) + ")" : "not required (no bridge built)"};
     }
+    if (IsolationVerifiedLately(isolation))
+        return {"in force (verified " + TimeOfDay(At(isolation, "verified_at")) + ")"};
     if (Flag(At(isolation, "in_force"))) {
-        // The time of day of an ISO 8601 time; anything else as it is.
-        std::string verified = Text(At(isolation, "verified_at"));
-        if (verified.size() >= 19 && verified[10] == 'T') verified = verified.substr(11, 8);
-        return {"in force (verified " + verified + ")"};
+        return {"NOT verified since " + TimeOfDay(At(isolation, "verified_at"))};
     }
     const json& problem = At(isolation, "problem");
     std::string why;
@@ -219,6 +252,8 @@ std::vector<std::string> Degradations(const json& document) {
     const json& isolation = At(document, "isolation");
     if (Flag(At(isolation, "required")) && !Flag(At(isolation, "in_force"))) {
         reasons.push_back("isolation of eth0 and eth1 is not in force");
+    } else if (Flag(At(isolation, "required")) && !IsolationVerifiedLately(isolation)) {
+        reasons.push_back("isolation of eth0 and eth1 not verified since " + Text(At(isolation, "verified_at")));
     }
     return reasons;
 }
@@ -242,9 +277,10 @@ std::string StatusTable(const json& document, bool running, const std::vector<st
     for (const std::string& reason : reasons) head.Row({"", Printable(reason)});
 
     const json& configuration = At(document, "configuration");
-    std::string read = !Flag(At(configuration, "read")) ? "not read yet"
-                       : Flag(At(configuration, "usable"))
-                           ? "usable"
+    std::string read = !Flag(At(configuration, "read"))    ? "not read yet"
+                       : Flag(At(configuration, "usable")) ? "usable"
+                       : Flag(At(configuration, "last_usable_supervised"))
+                           ? c.Bad("not usable") + ", keeping the last usable configuration, still supervised"
                            : c.Bad("not usable") + ", the last usable one stays in force";
     head.Row({"Configuration:", Text(At(configuration, "path")) + " (" + read + ")"});
     const json& problems = At(configuration, "problems");

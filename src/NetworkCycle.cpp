@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <optional>
 #include <string>
 
 #include "logging/Logging.h"
@@ -122,6 +123,70 @@ void ServiceServed(const std::string& name, unsigned int metric, const IP_CONFIG
     if (!nowPending && (pending || applied != iface.m_applied || lease != iface.m_dhcp)) NoteShapeHeld(state, {work});
 }
 
+// One build of br0 for the mode, with what follows it: both interfaces set up
+// again on it, the shape noted as held, or the wait after a failure. True when
+// it was built; `holdEth1` gets the failure when eth1 is then to be kept down
+// (the two-port mode), for the caller's WARN.
+bool RunBridgeBuild(BRIDGE_MODE bridgeMode, CYCLE_STATE& state, std::optional<WORK_FAILURE>& failureOut) {
+    WORK_FAILURE failure;
+    const bool built = BuildBridge(bridgeMode, state.m_isolation, failure);
+    state.m_eLastBridgeMode = bridgeMode;
+    state.m_bBridgeSetupPending = !built;
+    // Both interfaces are set up again on the rebuilt bridge, in this pass.
+    state.m_veth1.m_bReconfigure = true;
+    state.m_veth3.m_bReconfigure = true;
+    if (built) {
+        NoteShapeHeld(state, {SHAPE_REPAIR_BRIDGE, SHAPE_REPAIR_ETH0});
+        NoteWorkDone(state.m_bridgeHealth, "bridge setup");
+    } else {
+        NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
+        if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !StopRequested()) failureOut = failure;
+    }
+    return built;
+}
+
+// eth0 put back into br0, as every pass does while its link is up; after an
+// outside change that one repairs, only once its wait is over (a fight).
+void PutEth0IntoBridge(CYCLE_STATE& state) {
+    if (state.m_bEth0PortPending && !WorkDue(state.m_eth0PortHealth)) return;
+    WORK_FAILURE failure;
+    RunSteps(kEth0UpSteps, failure);
+    if (!state.m_bEth0PortPending) return;
+    state.m_bEth0PortPending = false;
+    NoteShapeHeld(state, {SHAPE_REPAIR_ETH0});
+    NoteWorkDone(state.m_eth0PortHealth, "eth0's place in br0");
+}
+
+// While the file is unusable nothing new is applied, but what the last usable
+// one built is still looked at and put back: a rebuild after an outside
+// change, the isolation's look and repair, the small repairs, eth0's place in
+// br0 and the addressing an outside change took away.
+void SuperviseLastUsableShape(CYCLE_STATE& state) {
+    const BRIDGE_MODE bridgeMode = state.m_eLastBridgeMode;
+    const USER_SETTINGS& settings = state.m_lastUsableSettings;
+    const bool rebuild =
+        state.m_bBridgeSetupPending && state.m_bridgeHealth.m_bUndonePending && WorkDue(state.m_bridgeHealth);
+    std::optional<WORK_FAILURE> holdEth1;
+    const bool bridgeBuilt = rebuild && RunBridgeBuild(bridgeMode, state, holdEth1);
+    if (holdEth1) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
+        HoldEth1Down(*holdEth1);
+    }
+    if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !state.m_bBridgeSetupPending && !bridgeBuilt) {
+        SuperviseIsolation(state.m_isolation);
+    }
+    RepairSmallChanges(state);
+    if (state.m_bEth0PortPending && state.m_bEth0LinkUp) PutEth0IntoBridge(state);
+    if (state.m_bBridgeSetupPending) return;
+    if (state.m_veth1.m_bReconfigure || state.m_veth1.m_bLeasePending) {
+        ServiceServed("veth1", kVeth1Metric, settings.m_veth1Config, SHAPE_REPAIR_VETH1, state.m_veth1, state);
+    }
+    const bool veth3Pending = state.m_veth3.m_bReconfigure || state.m_veth3.m_bLeasePending;
+    if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && veth3Pending) {
+        ServiceServed("veth3", kVeth3Metric, settings.m_veth3Config, SHAPE_REPAIR_VETH3, state.m_veth3, state);
+    }
+}
+
 }  // namespace
 
 void RunStartupCommands(CYCLE_STATE& state) {
@@ -153,36 +218,27 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         state.m_bConfigRead = true;
         state.m_bConfigUsable = bRead && bSettingsValid;
     }
-    if (!state.m_bConfigUsable) return;
+    if (!state.m_bConfigUsable) {
+        if (!state.m_bFirstCycle) SuperviseLastUsableShape(state);
+        return;
+    }
+    state.m_lastUsableSettings = state.m_settings;
     const USER_SETTINGS& settings = state.m_settings;
     const BRIDGE_MODE bridgeMode = settings.m_eBridgeMode;
 
     // A new mode is new work, built at once; a build that failed is tried again
     // when its wait is over.
-    bool bridgeBuilt = false;
     const bool modeChanged = bridgeMode != state.m_eLastBridgeMode;
-    if (modeChanged || (state.m_bBridgeSetupPending && WorkDue(state.m_bridgeHealth))) {
-        WORK_FAILURE failure;
-        const bool built = BuildBridge(bridgeMode, state.m_isolation, failure);
-        state.m_eLastBridgeMode = bridgeMode;
-        state.m_bBridgeSetupPending = !built;
-        bridgeBuilt = built;
-        // Both interfaces are set up again on the rebuilt bridge, in this pass.
-        state.m_veth1.m_bReconfigure = true;
-        state.m_veth3.m_bReconfigure = true;
-        if (built) {
-            NoteShapeHeld(state, {SHAPE_REPAIR_BRIDGE, SHAPE_REPAIR_ETH0});
-            NoteWorkDone(state.m_bridgeHealth, "bridge setup");
-        } else {
-            NoteWorkFailed(state.m_bridgeHealth, "bridge setup", failure);
-            if (bridgeMode == BRIDGE_MODE_ETH0ETH1 && !StopRequested()) {
-                LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
-                // A build that stopped short may have bridged eth1 without all
-                // the rules: the next builds raise it only after them.
-                HoldEth1Down(failure);
-            }
-        }
+    std::optional<WORK_FAILURE> holdEth1;
+    const bool bridgeBuilt = (modeChanged || (state.m_bBridgeSetupPending && WorkDue(state.m_bridgeHealth))) &&
+                             RunBridgeBuild(bridgeMode, state, holdEth1);
+    if (holdEth1) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
+        // A build that stopped short may have bridged eth1 without all the
+        // rules: the next builds raise it only after them.
+        HoldEth1Down(*holdEth1);
     }
+    RepairSmallChanges(state);
 
     // The isolation a build left in force is looked at now and then, and put
     // back when someone took part of it away.
@@ -197,7 +253,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
             LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Unable to get link status for bridge physical interface eth0");
             state.m_bEth0LinkUp = false;
         } else if (state.m_bEth0LinkUp) {
-            RunSteps(kEth0UpSteps, failure);
+            PutEth0IntoBridge(state);
         } else {
             RunSteps(kEth0DownSteps, failure);
             ++state.m_nEth0Recoveries;

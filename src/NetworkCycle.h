@@ -18,6 +18,14 @@
 constexpr unsigned int kVeth1Metric = 10;
 constexpr unsigned int kVeth3Metric = 100;
 
+// One kind of small repair (a link set up again, a port put back into br0, a
+// MAC address set back): the interfaces it is due for, and its health, whose
+// undos in a row make a fight wait 1, 2, 4 ... 60 s like any other work.
+struct SMALL_REPAIR {
+    std::vector<std::string> m_pending;
+    WORK_HEALTH m_health;
+};
+
 // What the cycle remembers from one pass to the next. A new record is the state
 // before the first pass: everything is due, no lease is in force.
 struct CYCLE_STATE {
@@ -75,6 +83,17 @@ struct CYCLE_STATE {
     // (where a tool did less than it said). Replaced, per work, each time the
     // work is done again.
     std::vector<OUTSIDE_CHANGE> m_shapeMisses;
+    // The small repairs of outside changes, one record a kind, and eth0's
+    // place in br0 (which every pass puts back while its link is up; after
+    // an outside change, when its wait is over).
+    SMALL_REPAIR m_setUp;
+    SMALL_REPAIR m_attach;
+    SMALL_REPAIR m_mac;
+    bool m_bEth0PortPending = false;
+    WORK_HEALTH m_eth0PortHealth;
+    // The settings of the last usable read: while the file is unusable, the
+    // shape they built is still looked at and put back.
+    USER_SETTINGS m_lastUsableSettings{};
 };
 
 // How long a configuration file being written is left alone: a writer that

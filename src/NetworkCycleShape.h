@@ -20,3 +20,8 @@ void NoteShapeHeld(CYCLE_STATE& state, std::initializer_list<SHAPE_REPAIR> works
 // puts it back, and that work is made due (NoteWorkUndone). True when anything
 // was found: the next pass is wanted now.
 bool CheckForOutsideChanges(CYCLE_STATE& state);
+
+// The small repairs due (a link set up again, a port put back into br0, a MAC
+// address set back), one step table an interface; each kind's health records
+// the attempt. Nothing while a bridge build is pending: it puts back all.
+void RepairSmallChanges(CYCLE_STATE& state);

@@ -165,6 +165,10 @@ KERNEL_SHAPE LookAtKernel() {
     return reader ? reader() : ReadKernelShape();
 }
 
+std::string ChangedLink(const OUTSIDE_CHANGE& change) {
+    return change.m_found.substr(0, change.m_found.find_first_of(" '"));
+}
+
 unsigned int PrefixLength(in_addr mask) { return static_cast<unsigned int>(__builtin_popcount(mask.s_addr)); }
 
 std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const KERNEL_SHAPE& kernel) {
@@ -172,8 +176,8 @@ std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const
     if (!kernel.m_bRead) return changes;
     if (!wanted.m_ports.empty()) {
         const KERNEL_LINK* br0 = kernel.Link("br0");
-        if (br0 == nullptr || !br0->m_bUp)
-            Note(changes, SHAPE_REPAIR_BRIDGE, "br0", br0 == nullptr ? kRemoved : kSetDown);
+        if (br0 == nullptr) Note(changes, SHAPE_REPAIR_BRIDGE, "br0", kRemoved);
+        if (br0 != nullptr && !br0->m_bUp) Note(changes, SHAPE_REPAIR_SET_UP, "br0", kSetDown);
         for (const std::string& name : wanted.m_ports) {
             const KERNEL_LINK* port = kernel.Link(name);
             // A physical port goes only with its driver, and no build brings it
@@ -181,21 +185,21 @@ std::vector<OUTSIDE_CHANGE> FindOutsideChanges(const WANTED_SHAPE& wanted, const
             if (port == nullptr) {
                 if (name.rfind("eth", 0) != 0) Note(changes, SHAPE_REPAIR_BRIDGE, name, kRemoved);
             } else if (br0 != nullptr && port->m_nMaster != br0->m_nIndex) {
-                Note(changes, name == "eth0" ? SHAPE_REPAIR_ETH0 : SHAPE_REPAIR_BRIDGE, name, " was taken out of br0");
+                Note(changes, name == "eth0" ? SHAPE_REPAIR_ETH0 : SHAPE_REPAIR_ATTACH, name, " was taken out of br0");
             } else if (!port->m_bUp && !Contains(wanted.m_mayBeDown, name)) {
-                Note(changes, SHAPE_REPAIR_BRIDGE, name, kSetDown);
+                Note(changes, SHAPE_REPAIR_SET_UP, name, kSetDown);
             }
         }
     }
     for (const std::string& name : wanted.m_links) {
         const KERNEL_LINK* link = kernel.Link(name);
-        if (link == nullptr || !link->m_bUp)
-            Note(changes, SHAPE_REPAIR_BRIDGE, name, link == nullptr ? kRemoved : kSetDown);
+        if (link == nullptr) Note(changes, SHAPE_REPAIR_BRIDGE, name, kRemoved);
+        if (link != nullptr && !link->m_bUp) Note(changes, SHAPE_REPAIR_SET_UP, name, kSetDown);
     }
     for (const auto& [name, mac] : wanted.m_macs) {
         const KERNEL_LINK* link = kernel.Link(name);
         if (link != nullptr && link->m_mac != mac) {
-            Note(changes, SHAPE_REPAIR_BRIDGE, name, "'s MAC address was changed to ", link->m_mac.c_str());
+            Note(changes, SHAPE_REPAIR_MAC, name, "'s MAC address was changed to ", link->m_mac.c_str());
         }
     }
     for (const auto& [name, address] : wanted.m_addresses) {

@@ -5,6 +5,7 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -80,13 +81,22 @@ enum SHAPE_REPAIR {
     SHAPE_REPAIR_ETH0,    // eth0 put back into br0, as every pass does when its link is up
     SHAPE_REPAIR_VETH1,   // veth1's addressing
     SHAPE_REPAIR_VETH3,   // veth3's addressing
+    // The least work for what one command puts back; the interface touched is
+    // the one the change was to (ChangedLink), nothing else.
+    SHAPE_REPAIR_SET_UP,  // a link set down: set up again
+    SHAPE_REPAIR_ATTACH,  // a port taken out of br0 (not eth0): put back into br0
+    SHAPE_REPAIR_MAC,     // a MAC address changed: set back
 };
+constexpr size_t kShapeRepairKinds = 7;
 struct OUTSIDE_CHANGE {
     SHAPE_REPAIR m_eRepair;
     std::string m_found;  // "br0 was removed"
 
     bool operator==(const OUTSIDE_CHANGE&) const = default;
 };
+
+// The interface a change was found on: the name its text starts with.
+std::string ChangedLink(const OUTSIDE_CHANGE& change);
 
 // Every difference between what is wanted and what the kernel holds, bridge
 // first; what follows from a bigger loss is not named again (the ports of a

@@ -187,6 +187,7 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
         json.Null("bridge_mode");
         json.Null("phy_mode");
     }
+    json.Bool("last_usable_supervised", s.m_bLastUsableSupervised);
     json.Close('}');
 
     if (s.m_bBridgeInForce) {
@@ -234,6 +235,10 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     WriteWork(json, "veth1", s.m_veth1.m_work);
     WriteWork(json, "veth3", s.m_veth3.m_work);
     WriteWork(json, "isolation", s.m_isolation.m_work);
+    WriteWork(json, "links", s.m_links);
+    WriteWork(json, "ports", s.m_ports);
+    WriteWork(json, "macs", s.m_macs);
+    WriteWork(json, "eth0_port", s.m_eth0Port);
     json.Close('}');
     json.Close('}');
     text += '\n';

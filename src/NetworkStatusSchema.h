@@ -7,6 +7,10 @@
 // The schema number the document carries; raised when a field changes meaning or goes.
 constexpr int kStatusSchema = 1;
 
+// The isolation is shown in force only when a look found it whole this many
+// seconds ago at most: its period (10 s) and a margin for a slow pass.
+constexpr long long kIsolationVerifiedWithinSeconds = 25;
+
 // Where the document lives unless the command line says otherwise, and its name there.
 constexpr const char* kStatusDirectory = "/run/tessel-networkd";
 constexpr const char* kStatusFileName = "status.json";

@@ -13,6 +13,7 @@
 #include "src/NetworkIsolation.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
+#include "src/NetworkStatusSchema.h"
 
 namespace {
 
@@ -83,6 +84,9 @@ void TakeIsolation(const ISOLATION_STATE& isolation, const STATUS_SNAPSHOT& snap
     TakeWork(isolation.m_health, shown.m_work);
 }
 
+// The document says "in force" for a look at most this old: longer than a period.
+static_assert(kIsolationVerifiedWithinSeconds * 1000 > kIsolationCheckIntervalMs);
+
 }  // namespace
 
 void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
@@ -91,6 +95,7 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_configProblems = state.m_configProblems;
     // An unusable read may have changed some settings; only a usable one says what is configured.
     snapshot.m_bConfigured = state.m_bConfigUsable;
+    snapshot.m_bLastUsableSupervised = state.m_bConfigRead && !state.m_bConfigUsable && !state.m_bFirstCycle;
     snapshot.m_eConfiguredBridgeMode = state.m_bConfigUsable ? state.m_settings.m_eBridgeMode : BRIDGE_MODE_ETH0;
     snapshot.m_eConfiguredPhyMode = state.m_bConfigUsable ? state.m_settings.m_ePhyMode : PHY_MODE_COPPER;
     snapshot.m_bBridgeInForce = !state.m_bBridgeSetupPending;
@@ -107,6 +112,10 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     TakeWork(state.m_bridgeHealth, snapshot.m_bridge);
     TakeWork(state.m_registerHealth, snapshot.m_registers);
     TakeWork(state.m_phyHealth, snapshot.m_phy);
+    TakeWork(state.m_setUp.m_health, snapshot.m_links);
+    TakeWork(state.m_attach.m_health, snapshot.m_ports);
+    TakeWork(state.m_mac.m_health, snapshot.m_macs);
+    TakeWork(state.m_eth0PortHealth, snapshot.m_eth0Port);
 
     // veth3 is served in the two-port mode: the one asked for, or else the one in force.
     const BRIDGE_MODE servedMode = snapshot.m_bConfigured ? snapshot.m_eConfiguredBridgeMode : snapshot.m_eBridgeMode;

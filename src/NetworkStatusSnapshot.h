@@ -71,6 +71,9 @@ struct STATUS_SNAPSHOT {
     bool m_bConfigUsable = false;
     std::vector<std::string> m_configProblems;
     bool m_bConfigured = false;  // the last read was usable: the modes below are what it asks for
+    // The last read was unusable, and what an earlier usable one built is still
+    // looked at and put back.
+    bool m_bLastUsableSupervised = false;
     BRIDGE_MODE m_eConfiguredBridgeMode = BRIDGE_MODE_ETH0;
     PHY_MODE m_eConfiguredPhyMode = PHY_MODE_COPPER;
     bool m_bBridgeInForce = false;
@@ -85,6 +88,12 @@ struct STATUS_SNAPSHOT {
     STATUS_WORK m_bridge;
     STATUS_WORK m_registers;  // eth0's register writes
     STATUS_WORK m_phy;        // the PHY mode's eth1 bounce
+    // The small repairs of outside changes: links set up again, ports put
+    // back into br0, MAC addresses set back, and eth0's place in br0.
+    STATUS_WORK m_links;
+    STATUS_WORK m_ports;
+    STATUS_WORK m_macs;
+    STATUS_WORK m_eth0Port;
     STATUS_INTERFACE m_veth1;
     STATUS_INTERFACE m_veth3;
     STATUS_ISOLATION m_isolation;

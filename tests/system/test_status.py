@@ -114,7 +114,7 @@ class StatusTest(harness.DaemonTestCase):
         self.recent(document["daemon"], "started")
         self.assertEqual(document["configuration"], {
             "path": self.sandbox.config_path, "read": False, "usable": False, "problems": [],
-            "bridge_mode": None, "phy_mode": None})
+            "bridge_mode": None, "phy_mode": None, "last_usable_supervised": False})
         self.assertIsNone(document["bridge_mode"])
         self.assertEqual(document["isolation"], NOT_REQUIRED)
         self.assertEqual(self.interface(document, "veth1")["address"], None)
@@ -125,7 +125,7 @@ class StatusTest(harness.DaemonTestCase):
         document = self.document()
         self.assertEqual(document["configuration"], {
             "path": self.sandbox.config_path, "read": True, "usable": True, "problems": [],
-            "bridge_mode": "eth0eth1", "phy_mode": "frame"})
+            "bridge_mode": "eth0eth1", "phy_mode": "frame", "last_usable_supervised": False})
         self.assertEqual((document["bridge_mode"], document["phy_mode"]), ("eth0eth1", "frame"))
         self.assertEqual(document["eth0"], {"used": True, "link": "up", "recoveries": 0, "last_recovery": None})
         isolation = document["isolation"]
@@ -145,7 +145,8 @@ class StatusTest(harness.DaemonTestCase):
              "work": HEALTHY_WORK},
         ])
         self.assertEqual(document["work"], {name: HEALTHY_WORK for name in
-                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation")})
+                                            ("startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation",
+                                             "links", "ports", "macs", "eth0_port")})
         table = self.ctl_status(daemon, 0)
         self.assertRegex(table, r"State: +healthy\n")
         self.assertRegex(table, r"\nveth1 +static 10\.0\.0\.2/255\.255\.255\.0 +10\.0\.0\.2 +255\.255\.255\.0 +"
@@ -234,11 +235,11 @@ class StatusTest(harness.DaemonTestCase):
         document = self.document()
         self.assertEqual(document["configuration"], {
             "path": self.sandbox.config_path, "read": True, "usable": False, "problems": errors,
-            "bridge_mode": None, "phy_mode": None})
+            "bridge_mode": None, "phy_mode": None, "last_usable_supervised": True})
         self.assertEqual(document["bridge_mode"], "eth0eth1")
         self.assertEqual(self.interface(document, "veth3")["address"], "10.1.0.2")
         table = self.ctl_status(daemon, 1)
-        self.assertIn("(not usable, the last usable one stays in force)", table)
+        self.assertIn("(not usable, keeping the last usable configuration, still supervised)", table)
         self.assertRegex(table, r"\n +Invalid static subnet mask veth3\n")
 
         # A missing line is not logged, but it is the reason.

@@ -9,9 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/FixedClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
+
+// The documents below are of 2026-11-23, their isolation looked at 16:21:50:
+// every test reads them at 16:22:00 that day, ten seconds after that look.
+const FixedClock g_documentsNow(1795450920, 0);
 
 using nlohmann::json;
 
@@ -271,6 +276,16 @@ TEST(StatusTableTest, ANotRunningDaemonAndControlCharactersFromTheDocument) {
     EXPECT_NE(table.find("State:          not running"), std::string::npos) << table;
     EXPECT_NE(table.find("/etc/?[2Jx.conf"), std::string::npos) << table;
     EXPECT_EQ(table.find('\033'), std::string::npos);
+}
+
+TEST(StatusTableTest, AnIsolationNotLookedAtWithinItsPeriodIsNotShownInForce) {
+    // 2026-11-23T16:23:00Z: the last look, at 16:21:50, is 70 s old.
+    FixedClock now(1795450980, 0);
+    const json doc = json::parse(kHealthy);
+    const std::string table = StatusTable(doc, true, Degradations(doc), false);
+    EXPECT_NE(table.find("\nIsolation:      NOT verified since 16:21:50\n"), std::string::npos) << table;
+    EXPECT_EQ(Degradations(doc),
+              std::vector<std::string>{"isolation of eth0 and eth1 not verified since 2026-11-23T16:21:50+00:00"});
 }
 
 }  // namespace

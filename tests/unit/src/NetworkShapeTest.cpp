@@ -63,10 +63,10 @@ TEST(FindOutsideChangesTest, PortsTakenOutOrDownAndARemovedPair) {
     LinkOf(shape, "br0").m_bUp = false;
     shape = WithoutLink(WithoutLink(shape, "veth0"), "veth1");
     EXPECT_EQ(FindOutsideChanges(TwoPortWanted(), shape), (Changes{
-                                                              {SHAPE_REPAIR_BRIDGE, "br0 was set down"},
-                                                              {SHAPE_REPAIR_BRIDGE, "eth1 was taken out of br0"},
+                                                              {SHAPE_REPAIR_SET_UP, "br0 was set down"},
+                                                              {SHAPE_REPAIR_ATTACH, "eth1 was taken out of br0"},
                                                               {SHAPE_REPAIR_BRIDGE, "veth0 was removed"},
-                                                              {SHAPE_REPAIR_BRIDGE, "veth2 was set down"},
+                                                              {SHAPE_REPAIR_SET_UP, "veth2 was set down"},
                                                               {SHAPE_REPAIR_BRIDGE, "veth1 was removed"},
                                                           }));
 }
@@ -88,7 +88,7 @@ TEST(FindOutsideChangesTest, APortTheDaemonKeepsDownIsNoChange) {
     KERNEL_SHAPE shape = WholeTwoPortShape();
     LinkOf(shape, "eth1").m_bUp = false;
     WANTED_SHAPE wanted = TwoPortWanted();
-    EXPECT_EQ(FindOutsideChanges(wanted, shape), (Changes{{SHAPE_REPAIR_BRIDGE, "eth1 was set down"}}));
+    EXPECT_EQ(FindOutsideChanges(wanted, shape), (Changes{{SHAPE_REPAIR_SET_UP, "eth1 was set down"}}));
     wanted.m_mayBeDown.emplace_back("eth1");
     EXPECT_EQ(FindOutsideChanges(wanted, shape), Changes{});
 }
@@ -98,8 +98,8 @@ TEST(FindOutsideChangesTest, ChangedMacAddresses) {
     LinkOf(shape, "veth1").m_mac = "02:00:00:00:77:02";
     LinkOf(shape, "veth3").m_mac = "aa:bb:cc:dd:ee:ff";
     EXPECT_EQ(FindOutsideChanges(TwoPortWanted(), shape),
-              (Changes{{SHAPE_REPAIR_BRIDGE, "veth1's MAC address was changed to 02:00:00:00:77:02"},
-                       {SHAPE_REPAIR_BRIDGE, "veth3's MAC address was changed to aa:bb:cc:dd:ee:ff"}}));
+              (Changes{{SHAPE_REPAIR_MAC, "veth1's MAC address was changed to 02:00:00:00:77:02"},
+                       {SHAPE_REPAIR_MAC, "veth3's MAC address was changed to aa:bb:cc:dd:ee:ff"}}));
 }
 
 TEST(FindOutsideChangesTest, AddressesAndRoutesRemovedOrChanged) {
@@ -121,6 +121,12 @@ TEST(FindOutsideChangesTest, AddressesAndRoutesRemovedOrChanged) {
     shape.m_addresses.push_back({5, Address("10.1.1.1"), 8});
     EXPECT_EQ(FindOutsideChanges(TwoPortWanted(), shape),
               (Changes{{SHAPE_REPAIR_VETH1, "veth1's address 192.168.1.2/24 was removed"}}));
+}
+
+TEST(FindOutsideChangesTest, EachChangeNamesTheInterfaceItsRepairTouches) {
+    EXPECT_EQ(ChangedLink({SHAPE_REPAIR_SET_UP, "veth3 was set down"}), "veth3");
+    EXPECT_EQ(ChangedLink({SHAPE_REPAIR_MAC, "veth1's MAC address was changed to 02:00:00:00:66:66"}), "veth1");
+    EXPECT_EQ(ChangedLink({SHAPE_REPAIR_ATTACH, "veth2 was taken out of br0"}), "veth2");
 }
 
 TEST(PrefixLengthTest, DottedMasks) {

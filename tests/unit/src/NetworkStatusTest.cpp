@@ -112,7 +112,7 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
                                              "started": "2038-01-19T03:14:07+00:00"})"));
     EXPECT_EQ(doc["configuration"], json::parse(R"({"path": "/etc/tessel-networkd.conf", "read": true,
                                                     "usable": true, "problems": [], "bridge_mode": "eth0eth1",
-                                                    "phy_mode": "frame"})"));
+                                                    "phy_mode": "frame", "last_usable_supervised": false})"));
     EXPECT_EQ(doc["bridge_mode"], "eth0eth1");
     EXPECT_EQ(doc["phy_mode"], "frame");
     EXPECT_EQ(doc["eth0"], json::parse(R"({"used": true, "link": "up", "recoveries": 0, "last_recovery": null})"));
@@ -128,8 +128,9 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
                                          "recovered_at": null, "outside_changes": 0, "last_outside_change": null})");
-    EXPECT_EQ(doc["work"].size(), 7U);
-    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation"}) {
+    EXPECT_EQ(doc["work"].size(), 11U);
+    for (const char* work : {"startup", "bridge", "registers", "phy", "veth1", "veth3", "isolation", "links", "ports",
+                             "macs", "eth0_port"}) {
         EXPECT_EQ(doc["work"][work], healthy) << work;
     }
 }
@@ -159,7 +160,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     "usable": true,
     "problems": [],
     "bridge_mode": "eth0eth1",
-    "phy_mode": "frame"
+    "phy_mode": "frame",
+    "last_usable_supervised": false
   },
   "bridge_mode": "eth0eth1",
   "phy_mode": "frame",
@@ -283,6 +285,38 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "recovered_at": null,
       "outside_changes": 0,
       "last_outside_change": null
+    },
+    "links": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "ports": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "macs": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "eth0_port": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     }
   }
 }
@@ -313,7 +347,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     "usable": true,
     "problems": [],
     "bridge_mode": "eth0eth1",
-    "phy_mode": "frame"
+    "phy_mode": "frame",
+    "last_usable_supervised": false
   },
   "bridge_mode": "eth0eth1",
   "phy_mode": "frame",
@@ -441,6 +476,38 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
       "recovered_at": null,
       "outside_changes": 0,
       "last_outside_change": null
+    },
+    "links": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "ports": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "macs": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
+    },
+    "eth0_port": {
+      "failing": false,
+      "failures": 0,
+      "last_failure": null,
+      "recovered_at": null,
+      "outside_changes": 0,
+      "last_outside_change": null
     }
   }
 }
@@ -490,6 +557,8 @@ TEST(StatusJsonTest, AnUnusableFileShowsItsProblemsAndKeepsWhatIsInForce) {
     state.m_configProblems = {"Invalid static subnet mask veth3", "No veth1 line in config file"};
     const json doc = Document(state);
     EXPECT_EQ(doc["configuration"]["usable"], false);
+    // What the last usable one built is still looked at and put back.
+    EXPECT_EQ(doc["configuration"]["last_usable_supervised"], true);
     EXPECT_EQ(doc["configuration"]["problems"],
               json::parse(R"(["Invalid static subnet mask veth3", "No veth1 line in config file"])"));
     EXPECT_EQ(doc["configuration"]["bridge_mode"], nullptr);
