@@ -88,6 +88,9 @@ class CoexistenceLegacyTest(CoexistenceTest):
                     down.append(time.monotonic() - held)
                 time.sleep(0.5)
             lasted = time.monotonic() - held
+            # Nothing could list the IP rules meanwhile.
+            self.assertIsNone(self.lab.logged("INFO", "Isolation looked at again", mark),
+                              self.lab.daemon_log_since(mark)[-3000:])
         self.assertEqual([], down, "eth1 not up at these seconds of the lock")
         log = self.lab.daemon_log_since(mark)
         self.assertNotIn("Keeping eth1 down", log)
