@@ -11,6 +11,8 @@
 #include <net/if.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -196,67 +198,265 @@ const SHELL_STEP kRaiseEth1Steps[] = {
     {"ip link set eth1 up", false},
 };
 
-// The look at the rules: one listing per table, with how many rules the
-// isolation puts there. The listings' texts differ between the tools'
-// versions and backends, so a rule is any line with a target ("-j "); a look
-// right after the rules went in wants exactly the isolation's rules, all DROP,
-// and a later look wants the very listing that look saw.
+// The look at the rules: one listing per table. The daemon owns the rules its
+// rule tables append and judges those alone: each present, and ahead of every
+// rule of another program in its chain that is not a DROP (one that could let
+// a frame through before the isolation's rules see it). Other programs' rules
+// after them, and their DROPs anywhere, are theirs and stay. The tools and
+// their backends print rules differently (iptables -S "-A CHAIN" lines,
+// arptables and ebtables chain headings, each its own order and spelling of
+// the options), so a rule is compared as its options, each in one spelling,
+// in any order.
 struct RULE_LISTING {
     const char* m_szCommand;
-    const char* m_szTable;  // in the log's words
-    unsigned int m_nRules;
-    std::string ISOLATION_LISTINGS::*m_text;
+    const char* m_szTool;
+    const char* m_szTable;                // in the log's words
+    std::span<const SHELL_STEP> m_steps;  // the steps that append its rules
 };
 const RULE_LISTING kRuleListings[] = {
-    {"arptables -L -n", "ARP", kArpIsolationRules, &ISOLATION_LISTINGS::m_arp},
-    {"iptables -S", "IP", kIpIsolationRules, &ISOLATION_LISTINGS::m_ip},
-    {"ebtables -L", "link-layer", kLinkLayerIsolationRules, &ISOLATION_LISTINGS::m_linkLayer},
+    {"arptables -L -n", "arptables", "ARP", kIsolationRuleSteps},
+    {"iptables -S", "iptables", "IP", kIsolationRuleSteps},
+    {"ebtables -L", "ebtables", "link-layer", kLinkLayerRuleSteps},
 };
 
 const char* const kBridge = "br0";
 
-// The lines of a listing that are rules.
-std::vector<std::string> RuleLines(const std::string& listing) {
+// The options the tools print in another spelling than the rule tables'.
+constexpr std::pair<std::string_view, std::string_view> kSpellings[] = {
+    {"--in-interface", "-i"},
+    {"--out-interface", "-o"},
+    {"--source", "-s"},
+    {"--destination", "-d"},
+    {"--source-ip", "-s"},
+    {"--destination-ip", "-d"},
+    {"--src", "-s"},
+    {"--dst", "-d"},
+    {"--jump", "-j"},
+    {"--source-mac", "--src-mac"},
+    {"--destination-mac", "--dst-mac"},
+};
+
+// A value in one spelling: a MAC in lower case, two digits a byte (the legacy
+// ebtables drops leading zeros), a single IPv4 address without its "/32".
+std::string UsualValue(std::string value) {
+    if (value.ends_with("/32")) value.resize(value.size() - 3);
+    std::vector<std::string> bytes;
+    Util::Split(bytes, value, ':');
+    if (bytes.size() != 6) return value;
+    std::string mac;
+    for (const std::string& byte : bytes) {
+        if (byte.empty() || byte.size() > 2 || byte.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+            return value;
+        }
+        if (!mac.empty()) mac += ':';
+        if (byte.size() == 1) mac += '0';
+        for (const char digit : byte) mac += static_cast<char>(tolower(static_cast<unsigned char>(digit)));
+    }
+    return mac;
+}
+
+// A rule's options but its chain, each "-option value" in one spelling,
+// sorted: the same text whichever tool or backend printed the rule.
+struct RULE_WORDS {
+    std::string m_key;
+    bool m_bDrop = false;
+};
+RULE_WORDS ReadRule(const std::string& text) {
+    std::vector<std::string> words;
+    Util::Split(words, text, ' ');
+    std::vector<std::string> options;
+    RULE_WORDS rule;
+    bool negated = false;
+    for (size_t at = 0; at < words.size(); ++at) {
+        const std::string& word = words[at];
+        if (word == "!") {
+            negated = true;
+            continue;
+        }
+        if (!word.starts_with('-') && !options.empty()) {
+            options.back() += (negated ? " ! " : " ") + UsualValue(word);
+            negated = false;
+            continue;
+        }
+        std::string option = word;
+        for (const auto& [spelt, usual] : kSpellings) {
+            if (option == spelt) option = usual;
+        }
+        if (option == "-j" && at + 1 < words.size()) rule.m_bDrop = words[at + 1] == "DROP";
+        options.push_back((negated ? "! " : "") + option);
+        negated = false;
+    }
+    std::sort(options.begin(), options.end());
+    for (const std::string& option : options) {
+        if (!rule.m_key.empty()) rule.m_key += ' ';
+        rule.m_key += option;
+    }
+    return rule;
+}
+
+// One rule of a listing: its chain, its text as "-A CHAIN options" (as the
+// log names it), its options.
+struct LISTED_RULE {
+    std::string m_chain;
+    std::string m_text;
+    RULE_WORDS m_words;
+};
+
+std::string FirstWord(const std::string& text) { return text.substr(0, text.find(' ')); }
+
+// The rules of a listing of any of the three tools, in order.
+std::vector<LISTED_RULE> ReadListing(const std::string& listing) {
     std::vector<std::string> lines;
     Util::Split(lines, listing, '\n');
-    std::erase_if(lines, [](const std::string& line) { return line.find("-j ") == std::string::npos; });
-    return lines;
+    std::vector<LISTED_RULE> rules;
+    std::string chain;
+    for (std::string& line : lines) {
+        Util::Trim(line, ' ');
+        Util::Trim(line, '\r');
+        if (line.empty() || line.starts_with('#') || line.starts_with("-P ") || line.starts_with("-N ") ||
+            line.starts_with("Bridge table:")) {
+            continue;
+        }
+        if (line.starts_with("Chain ")) {
+            chain = FirstWord(line.substr(6));
+            continue;
+        }
+        if (line.starts_with("Bridge chain: ")) {
+            chain = line.substr(14, line.find(',') - 14);
+            continue;
+        }
+        std::string options = line;
+        if (line.starts_with("-A ")) {
+            chain = FirstWord(line.substr(3));
+            const size_t after = 3 + chain.size();
+            options = after < line.size() ? line.substr(after + 1) : std::string();
+        }
+        if (chain.empty()) continue;
+        rules.push_back({chain, "-A " + chain + (options.empty() ? "" : " " + options), ReadRule(options)});
+    }
+    return rules;
 }
+
+// One rule the isolation appends: its chain, the rest of its command, and the command.
+struct OWN_RULE {
+    std::string m_chain;
+    std::string m_spec;
+    std::string m_command;
+    RULE_WORDS m_words;
+};
+
+std::vector<OWN_RULE> ReadOwnRules(const RULE_LISTING& table) {
+    const std::string append = std::string(table.m_szTool) + " -A ";
+    std::vector<OWN_RULE> rules;
+    for (const SHELL_STEP& step : table.m_steps) {
+        const std::string command = step.m_szCommand;
+        if (!command.starts_with(append)) continue;
+        const std::string rest = command.substr(append.size());
+        const std::string chain = FirstWord(rest);
+        const std::string spec = rest.substr(std::min(rest.size(), chain.size() + 1));
+        rules.push_back({chain, spec, command, ReadRule(spec)});
+    }
+    return rules;
+}
+
+// One command of a repair, and whether the repair stops when it fails.
+struct REPAIR_STEP {
+    std::string m_command;
+    bool m_bMustSucceed = true;
+};
+
+// What one look found: what is wrong in the tables it could list and in bridge
+// netfilter, the tables it could not list, and the commands that put back
+// only what is missing or out of place.
+struct ISOLATION_LOOK {
+    std::string m_problems;
+    std::string m_unlisted;
+    WORK_FAILURE m_listingFailure;
+    std::vector<REPAIR_STEP> m_repair;
+};
 
 void AddProblem(std::string& problems, const std::string& problem) {
     if (!problems.empty()) problems += "; ";
     problems += problem;
 }
 
-// What is wrong with one table's listing: against the isolation's rules when
-// `reference` is null, against the listing of the last whole look otherwise.
-void JudgeListing(const RULE_LISTING& table, const std::string& listing, const std::string* reference,
-                  std::string& problems) {
-    const std::vector<std::string> rules = RuleLines(listing);
-    if (reference == nullptr) {
-        unsigned int drops = 0;
-        for (const std::string& rule : rules) drops += rule.find("-j DROP") != std::string::npos ? 1 : 0;
-        if (drops < table.m_nRules) {
-            AddProblem(problems, Util::Format("%u of %u %s rules in place", drops, table.m_nRules, table.m_szTable));
-        } else if (rules.size() != table.m_nRules) {
-            AddProblem(problems, Util::Format("other %s rules among the isolation's", table.m_szTable));
-        }
-        return;
+// One rule of a chain as listed: which of the isolation's rules it is (-1:
+// another program's), and whether it drops.
+struct CHAIN_ENTRY {
+    int m_nOwn;
+    bool m_bDrop;
+};
+
+// Judges one table's listing against the isolation's rules, chain by chain:
+// each of them present and ahead of the first rule of another program that is
+// not a DROP. An out-of-place rule is deleted and inserted just ahead of that
+// rule; a missing one inserted there, or appended when the chain has none.
+void JudgeTable(const RULE_LISTING& table, const std::vector<OWN_RULE>& own, const std::vector<LISTED_RULE>& listed,
+                ISOLATION_LOOK& look) {
+    unsigned int inPlace = 0;
+    std::vector<std::string> ahead;
+    std::vector<std::string> chains;
+    for (const OWN_RULE& rule : own) {
+        if (std::find(chains.begin(), chains.end(), rule.m_chain) == chains.end()) chains.push_back(rule.m_chain);
     }
-    if (listing == *reference) return;
-    unsigned int present = 0;
-    for (const std::string& wanted : RuleLines(*reference)) {
-        for (const std::string& rule : rules) {
-            if (rule == wanted) {
-                ++present;
-                break;
+    std::vector<bool> found(own.size(), false);
+    for (const std::string& chain : chains) {
+        std::vector<CHAIN_ENTRY> entries;
+        std::vector<const std::string*> texts;
+        for (const LISTED_RULE& rule : listed) {
+            if (rule.m_chain != chain) continue;
+            int match = -1;
+            for (size_t index = 0; index < own.size() && match < 0; ++index) {
+                if (!found[index] && own[index].m_chain == chain && own[index].m_words.m_key == rule.m_words.m_key) {
+                    found[index] = true;
+                    match = static_cast<int>(index);
+                }
+            }
+            entries.push_back({match, rule.m_words.m_bDrop});
+            texts.push_back(&rule.m_text);
+        }
+        const auto open = [](const CHAIN_ENTRY& entry) { return entry.m_nOwn < 0 && !entry.m_bDrop; };
+        size_t firstOpen = std::find_if(entries.begin(), entries.end(), open) - entries.begin();
+        size_t lastOwn = 0;
+        for (size_t at = 0; at < entries.size(); ++at) lastOwn = entries[at].m_nOwn >= 0 ? at + 1 : lastOwn;
+        for (size_t at = firstOpen; at < lastOwn; ++at) {
+            if (open(entries[at])) ahead.push_back(*texts[at]);
+        }
+        for (size_t index = 0; index < own.size(); ++index) {
+            const OWN_RULE& rule = own[index];
+            if (rule.m_chain != chain) continue;
+            const auto at = std::find_if(entries.begin(), entries.end(), [index](const CHAIN_ENTRY& entry) {
+                return entry.m_nOwn == static_cast<int>(index);
+            });
+            const size_t position = at - entries.begin();
+            if (at != entries.end() && position < firstOpen) {
+                ++inPlace;
+                continue;
+            }
+            if (at != entries.end()) {
+                look.m_repair.push_back(
+                    {Util::Format("%s -D %s %s", table.m_szTool, chain.c_str(), rule.m_spec.c_str())});
+                entries.erase(at);
+            }
+            if (firstOpen >= entries.size()) {
+                look.m_repair.push_back({rule.m_command});
+                entries.push_back({static_cast<int>(index), true});
+                firstOpen = entries.size();
+            } else {
+                look.m_repair.push_back({Util::Format("%s -I %s %zu %s", table.m_szTool, chain.c_str(), firstOpen + 1,
+                                                      rule.m_spec.c_str())});
+                entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(firstOpen),
+                               {static_cast<int>(index), true});
+                ++firstOpen;
             }
         }
     }
-    if (present < table.m_nRules) {
-        AddProblem(problems, Util::Format("%u of %u %s rules in place", present, table.m_nRules, table.m_szTable));
-    } else {
-        AddProblem(problems, Util::Format("the %s rules were changed", table.m_szTable));
+    if (inPlace < own.size()) {
+        AddProblem(look.m_problems, Util::Format("%u of %zu %s rules in place", inPlace, own.size(), table.m_szTable));
+    }
+    for (const std::string& text : ahead) {
+        AddProblem(look.m_problems,
+                   Util::Format("a rule of another program ahead of the %s rules: %s", table.m_szTable, text.c_str()));
     }
 }
 
@@ -297,54 +497,114 @@ BRIDGE_FILTER_STATE BridgeFilterState() {
 }
 
 // One look at the whole isolation: the three listings and bridge netfilter.
-// With a reference, the listings must be what it holds. Fills `listings` and
-// `problems`; false, with `failure` naming the first thing wrong, when it is
-// not whole (a listing that could not be run included).
-bool LookAtIsolation(const ISOLATION_LISTINGS* reference, ISOLATION_LISTINGS& listings, std::string& problems,
-                     WORK_FAILURE& failure) {
-    problems.clear();
-    for (const RULE_LISTING& table : kRuleListings) {
-        std::string& text = listings.*table.m_text;
+// A listing that cannot be run leaves its table unjudged.
+ISOLATION_LOOK LookAtIsolation() {
+    static const std::vector<OWN_RULE> ownRules[] = {ReadOwnRules(kRuleListings[0]), ReadOwnRules(kRuleListings[1]),
+                                                     ReadOwnRules(kRuleListings[2])};
+    static_assert(std::size(ownRules) == std::size(kRuleListings));
+    ISOLATION_LOOK look;
+    for (size_t index = 0; index < std::size(kRuleListings); ++index) {
+        const RULE_LISTING& table = kRuleListings[index];
+        std::string text;
         WORK_FAILURE listingFailure;
         if (!RunStep(table.m_szCommand, true, listingFailure, &text)) {
-            AddProblem(problems, Util::Format("the %s rules cannot be listed (%s)", table.m_szTable,
-                                              DescribeOutcome(listingFailure.m_outcome).c_str()));
-            if (failure.m_command.empty()) failure = listingFailure;
+            AddProblem(look.m_unlisted, Util::Format("the %s rules cannot be listed (%s)", table.m_szTable,
+                                                     DescribeOutcome(listingFailure.m_outcome).c_str()));
+            if (look.m_listingFailure.m_command.empty()) look.m_listingFailure = listingFailure;
             continue;
         }
-        JudgeListing(table, text, reference != nullptr ? &(reference->*table.m_text) : nullptr, problems);
+        JudgeTable(table, ownRules[index], ReadListing(text), look);
     }
-    JudgeBridgeFilter(BridgeFilterState(), problems);
-    if (problems.empty()) return true;
-    // What was found wrong is the failure when every command ran.
-    if (failure.m_command.empty()) {
-        failure.m_command = "isolation check: " + problems;
-        failure.m_outcome = COMMAND_OUTCOME{};
-        failure.m_outcome.m_nStatus = 1;
+    const BRIDGE_FILTER_STATE filter = BridgeFilterState();
+    JudgeBridgeFilter(filter, look.m_problems);
+    if (!filter.m_bAvailable || !filter.m_bIptables || !filter.m_bArptables) {
+        for (const SHELL_STEP& step : kBridgeFilterSteps)
+            look.m_repair.push_back({step.m_szCommand, step.m_bMustSucceed});
     }
-    return false;
+    return look;
 }
 
-void NoteInForce(ISOLATION_STATE& state, ISOLATION_LISTINGS&& listings) {
+// What a look found wrong, as the failure of the work.
+WORK_FAILURE ProblemsFailure(const std::string& problems) {
+    WORK_FAILURE failure;
+    failure.m_command = "isolation check: " + problems;
+    failure.m_outcome.m_nStatus = 1;
+    return failure;
+}
+
+void NoteInForce(ISOLATION_STATE& state) {
+    if (!state.m_unverified.empty()) LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Isolation looked at again: in force");
     state.m_bInForce = true;
     state.m_verifiedAt = Util::RealTimeNow();
     state.m_problem.clear();
-    state.m_listings = std::move(listings);
+    state.m_unverified.clear();
+    state.m_nListingRetryMs = 0;
     state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
 }
 
-// Puts the whole isolation back without touching the bridge: eth1 and veth0
-// blocked, the ARP and IP rules of the build, the rest as after a build, the
-// blocks lifted.
-void RepairIsolation(ISOLATION_STATE& state) {
+// A look that could not list a table: the verdict before it stands (its time
+// not renewed), and the look is tried again soon, at growing waits.
+void NoteUnverified(ISOLATION_STATE& state, const std::string& why) {
+    state.m_nListingRetryMs = state.m_nListingRetryMs == 0
+                                  ? kIsolationListingRetryMs
+                                  : std::min(2 * state.m_nListingRetryMs, kIsolationCheckIntervalMs);
+    if (state.m_unverified.empty()) {
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                  Util::Format("Isolation not looked at (%s); looking again in %u s", why.c_str(),
+                               state.m_nListingRetryMs / 1000));
+    }
+    state.m_unverified = why;
+    state.m_nNextCheckMs = MonotonicMs() + state.m_nListingRetryMs;
+}
+
+// Puts back what a look found missing or out of place, and nothing else, with
+// eth1 and veth0 blocked meanwhile; then looks again and lifts the blocks.
+// `steps` are the finding look's commands; without them (a repair tried
+// again) a look after the blocks says what to do.
+void RepairIsolation(ISOLATION_STATE& state, std::vector<REPAIR_STEP> steps) {
     WORK_FAILURE failure;
-    const bool done = BlockEth1(failure) && BlockVeth0(failure) && SetupIsolationRules(failure) &&
-                      CompleteIsolation(state, failure) && LiftVeth0Block(failure) && LiftEth1Block(failure);
+    bool done = BlockEth1(failure) && BlockVeth0(failure);
+    // No command: the tagged frames' switch, wherever a look may have found it off.
+    if (done) MakeSureOfTaggedFiltering();
+    bool listingOnly = false;
+    // A look that finds nothing to do is the repair's own look as well.
+    bool looked = false;
+    ISOLATION_LOOK after;
+    if (done && steps.empty()) {
+        after = LookAtIsolation();
+        if (!after.m_unlisted.empty()) {
+            done = false;
+            listingOnly = true;
+            failure = after.m_listingFailure;
+        }
+        steps = std::move(after.m_repair);
+        looked = steps.empty();
+    }
+    for (const REPAIR_STEP& step : steps) {
+        if (!done) break;
+        done = RunStep(step.m_command, step.m_bMustSucceed, failure);
+    }
+    if (done) {
+        if (!looked) after = LookAtIsolation();
+        if (!after.m_problems.empty()) {
+            done = false;
+            failure = ProblemsFailure(after.m_problems);
+            state.m_problem = after.m_problems;
+            if (!StopRequested()) {
+                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                          "Isolation not in force after setting it up: " + after.m_problems);
+            }
+        }
+    }
+    done = done && LiftVeth0Block(failure) && LiftEth1Block(failure);
     if (!done) {
         if (StopRequested()) return;
         state.m_bInForce = false;
         if (state.m_problem.empty()) state.m_problem = "putting it back failed: " + failure.m_command;
         NoteWorkFailed(state.m_health, "isolation", failure);
+        // A table that cannot be listed is no reason to take eth1 down: its
+        // block at the bridge stays until a look can tell.
+        if (listingOnly) return;
         LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Keeping eth1 down until the isolation rules are in place");
         WORK_FAILURE ignored;
         HoldEth1Down(ignored);
@@ -358,7 +618,12 @@ void RepairIsolation(ISOLATION_STATE& state) {
         state.m_bEth1HeldDown = false;
     }
     NoteWorkDone(state.m_health, "isolation");
-    LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Isolation back in force");
+    if (after.m_unlisted.empty()) {
+        NoteInForce(state);
+        LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Isolation back in force");
+    } else {
+        NoteUnverified(state, after.m_unlisted);
+    }
 }
 
 // Hands IPv4 and ARP under one 802.1Q tag to the filters; system-wide only
@@ -467,17 +732,25 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
         state.m_problem = "setting it up failed: " + failure.m_command;
         return false;
     }
-    ISOLATION_LISTINGS listings;
-    std::string problems;
-    if (!LookAtIsolation(nullptr, listings, problems, failure)) {
+    const ISOLATION_LOOK look = LookAtIsolation();
+    if (!look.m_problems.empty()) {
         state.m_bInForce = false;
-        state.m_problem = problems;
+        state.m_problem = look.m_problems;
+        failure = ProblemsFailure(look.m_problems);
         if (!StopRequested()) {
-            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Isolation not in force after setting it up: " + problems);
+            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Isolation not in force after setting it up: " + look.m_problems);
         }
         return false;
     }
-    NoteInForce(state, std::move(listings));
+    if (!look.m_unlisted.empty()) {
+        // Every rule went in; a listing that cannot run says nothing against
+        // them, and is looked at again soon.
+        state.m_bInForce = false;
+        state.m_problem = "not looked at yet: " + look.m_unlisted;
+        NoteUnverified(state, look.m_unlisted);
+        return true;
+    }
+    NoteInForce(state);
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
               Util::Format("Isolation in force: %u ARP, %u IP and %u link-layer rules, bridge netfilter for br0",
                            kArpIsolationRules, kIpIsolationRules, kLinkLayerIsolationRules));
@@ -487,23 +760,26 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
 bool RemoveLinkLayerRules(WORK_FAILURE& failure) { return RunSteps(kRemoveLinkLayerRuleSteps, failure); }
 
 void SuperviseIsolation(ISOLATION_STATE& state) {
+    std::vector<REPAIR_STEP> steps;
     if (!state.m_bRepairPending) {
         if (MonotonicMs() < state.m_nNextCheckMs) return;
-        ISOLATION_LISTINGS listings;
-        std::string problems;
-        WORK_FAILURE failure;
-        const bool whole = LookAtIsolation(&state.m_listings, listings, problems, failure);
+        ISOLATION_LOOK look = LookAtIsolation();
         state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
         // A look cut short by a stop found nothing.
         if (StopRequested()) return;
-        if (whole) {
-            NoteInForce(state, std::move(listings));
+        if (look.m_problems.empty()) {
+            if (look.m_unlisted.empty()) {
+                NoteInForce(state);
+            } else {
+                NoteUnverified(state, look.m_unlisted);
+            }
             return;
         }
         state.m_bInForce = false;
-        state.m_problem = problems;
+        state.m_problem = look.m_problems;
         state.m_bRepairPending = true;
-        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Isolation not in force (" + problems + "); putting it back");
+        steps = std::move(look.m_repair);
+        LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Isolation not in force (" + look.m_problems + "); putting it back");
     }
-    if (WorkDue(state.m_health)) RepairIsolation(state);
+    if (WorkDue(state.m_health)) RepairIsolation(state, std::move(steps));
 }

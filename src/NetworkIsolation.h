@@ -21,15 +21,9 @@ extern const unsigned int kArpIsolationRules;
 extern const unsigned int kIpIsolationRules;
 extern const unsigned int kLinkLayerIsolationRules;
 
-// What the listing commands printed when the isolation was last found whole:
-// a later listing that differs means someone changed the rules.
-struct ISOLATION_LISTINGS {
-    std::string m_arp;
-    std::string m_ip;
-    std::string m_linkLayer;
-
-    bool operator==(const ISOLATION_LISTINGS&) const = default;
-};
+// How soon a look that could not list a table is tried again: the first wait,
+// doubled after each further failure up to the check interval.
+constexpr unsigned int kIsolationListingRetryMs = 1000;
 
 // The isolation's state across passes (the two-port mode only).
 struct ISOLATION_STATE {
@@ -45,8 +39,13 @@ struct ISOLATION_STATE {
     bool m_bRepairPending = false;
     // The daemon took eth1 down after a repair failed; raised after the next success.
     bool m_bEth1HeldDown = false;
-    // The listings of the last look that found it whole.
-    ISOLATION_LISTINGS m_listings;
+    // Why the last look could not judge it (a table that could not be listed);
+    // the verdict before it stands, m_verifiedAt is not renewed. Empty when the
+    // last look judged everything.
+    std::string m_unverified;
+    // The wait before the next look after one that could not list a table; zero
+    // after a look that could.
+    unsigned int m_nListingRetryMs = 0;
     // Putting the isolation back, as retried work.
     WORK_HEALTH m_health;
 };
@@ -105,7 +104,8 @@ bool HoldEth1Down(WORK_FAILURE& failure);
 // After a two-port build: br0's bridge netfilter on, the link-layer rules in,
 // then all of it looked at (ARP, IP and link-layer rules, bridge netfilter).
 // Fills `state`; false, with the failure, when a step failed or the look found
-// it incomplete.
+// it incomplete. A listing that could not run fails nothing: the isolation is
+// then not yet found in force, and looked at again soon.
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure);
 
 // After a build in another mode: the link-layer rules removed, and a block on
@@ -113,9 +113,14 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure);
 bool RemoveLinkLayerRules(WORK_FAILURE& failure);
 
 // The two-port mode's step of each pass, once br0 is built: looks at the
-// isolation when its time has come and, when it is broken (or a repair is
-// due), puts it back: eth1 and veth0 blocked, the ARP, IP and link-layer rules
-// anew, bridge netfilter, a look, the blocks lifted. A WARN names what was missing, a
-// NOTICE says when it is back; a failed repair keeps eth1 down and is retried
-// with the usual waits.
+// isolation when its time has come. The daemon's own rules are judged alone:
+// each present and ahead of any rule of another program that is not a DROP;
+// others' rules after them stay. When something is missing or out of place (or
+// a repair is due), only that is put back, with eth1 and veth0 blocked
+// meanwhile: a missing rule appended or inserted, a misplaced one deleted and
+// inserted ahead of the rule it was behind, bridge netfilter set; then a look,
+// the blocks lifted. A WARN names what was wrong (another program's rule by
+// its text), a NOTICE says when it is back; a failed repair keeps eth1 down and
+// is retried with the usual waits. A listing that cannot run is looked at again
+// after 1, 2, 4 ... 10 s and changes no verdict.
 void SuperviseIsolation(ISOLATION_STATE& state);

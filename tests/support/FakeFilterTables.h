@@ -1,9 +1,13 @@
 // The device's three filter tools (arptables, iptables, ebtables) as far as the
-// daemon uses them, kept in memory: flushes, appends and deletes change the
-// tables, and a listing prints what they hold, one "-A CHAIN ..." line a rule,
-// so a look at the isolation sees what the commands before it put in.
+// daemon uses them, kept in memory: flushes, appends, inserts and deletes change
+// the tables, each rule kept as one "-A CHAIN ..." line, and a listing prints
+// what they hold as the real tool does (iptables -S with "-s ADDRESS/32";
+// arptables -L -n and ebtables -L under chain headings, in their own order and
+// spelling), so a look at the isolation sees what the commands before it (and
+// other programs, through Rules) put in.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -36,6 +40,24 @@ public:
             rules.clear();
         } else if (verb == "-A") {
             rules.push_back("-A" + rest);
+        } else if (verb == "-I") {
+            // "-I CHAIN N rule": before the chain's Nth rule (1: first; one past its last: appended).
+            std::istringstream insert(rest);
+            std::string chain;
+            size_t number = 0;
+            insert >> chain >> number;
+            std::string rule;
+            std::getline(insert, rule);
+            m_bLastFailed = true;
+            size_t seen = 0;
+            auto at = rules.begin();
+            for (; at != rules.end() && seen + 1 < number; ++at) seen += ChainOf(*at) == chain ? 1 : 0;
+            // Past the chain's rules counted so far, to its next one (or the end).
+            while (at != rules.end() && ChainOf(*at) != chain) ++at;
+            if (number >= 1 && seen + 1 == number) {
+                rules.insert(at, "-A " + chain + rule);
+                m_bLastFailed = false;
+            }
         } else if (verb == "-D") {
             // Deleting a rule that is not there fails, as the tools do.
             m_bLastFailed = true;
@@ -47,9 +69,7 @@ public:
                 }
             }
         } else if (verb == "-L" || verb == "-S") {
-            std::string listing;
-            for (const std::string& rule : rules) listing += rule + "\n";
-            return listing;
+            return Listing(tool, rules);
         }
         return std::nullopt;
     }
@@ -62,14 +82,133 @@ public:
         return failed;
     }
 
-    // The rules of one tool's table, as a listing shows them.
+    // ebtables listed as the legacy tool does (MACs without leading zeros, a
+    // space at the end) rather than as the nft one.
+    void SetLegacyEbtables(bool legacy) { m_bLegacyEbtables = legacy; }
+
+    // The rules of one tool's table, one "-A CHAIN ..." line each.
     std::vector<std::string>& Rules(const std::string& tool, const std::string& table = "filter") {
         return m_tables[tool + " " + table];
     }
 
 private:
+    static std::string ChainOf(const std::string& rule) {
+        std::istringstream words(rule);
+        std::string append;
+        std::string chain;
+        words >> append >> chain;
+        return chain;
+    }
+
+    // A rule's words after its chain, as "-option value" groups.
+    static std::vector<std::vector<std::string>> Options(const std::string& rule) {
+        std::istringstream words(rule);
+        std::string word;
+        words >> word >> word;
+        std::vector<std::vector<std::string>> options;
+        while (words >> word) {
+            if (word.starts_with('-') || options.empty()) {
+                options.push_back({word});
+            } else {
+                options.back().push_back(word);
+            }
+        }
+        return options;
+    }
+
+    static std::string Spelt(const std::string& option, const std::map<std::string, std::string>& spellings) {
+        const auto found = spellings.find(option);
+        return found == spellings.end() ? option : found->second;
+    }
+
+    // "02:23:02:00:00:0a" as the legacy ebtables prints it: "2:23:2:0:0:a".
+    static std::string ShortMac(const std::string& value) {
+        if (std::count(value.begin(), value.end(), ':') != 5) return value;
+        std::string shortened;
+        for (size_t at = 0; at < value.size(); ++at) {
+            const bool startsByte = at == 0 || value[at - 1] == ':';
+            if (startsByte && value[at] == '0' && at + 1 < value.size() && value[at + 1] != ':') continue;
+            shortened += value[at];
+        }
+        return shortened;
+    }
+
+    std::string Listing(const std::string& tool, const std::vector<std::string>& rules) const {
+        std::vector<std::string> chains = {"INPUT", "FORWARD", "OUTPUT"};
+        if (tool == "arptables") chains = {"INPUT", "OUTPUT", "FORWARD"};
+        for (const std::string& rule : rules) {
+            if (std::find(chains.begin(), chains.end(), ChainOf(rule)) == chains.end()) chains.push_back(ChainOf(rule));
+        }
+        std::string listing;
+        if (tool == "iptables") {
+            for (size_t builtin = 0; builtin < 3; ++builtin) listing += "-P " + chains[builtin] + " ACCEPT\n";
+            for (const std::string& rule : rules) {
+                std::string line = "-A " + ChainOf(rule);
+                for (const auto& option : Options(rule)) {
+                    const std::string name = Spelt(option[0], {{"--source", "-s"}, {"--destination", "-d"}});
+                    line += " " + name;
+                    for (const std::string& value : std::vector(option.begin() + 1, option.end())) {
+                        const bool address = (name == "-s" || name == "-d") && value.find('/') == std::string::npos;
+                        line += " " + value + (address ? "/32" : "");
+                    }
+                }
+                listing += line + "\n";
+            }
+            return listing;
+        }
+        if (tool == "ebtables") listing += "Bridge table: filter\n";
+        for (const std::string& chain : chains) {
+            std::vector<std::string> lines;
+            for (const std::string& rule : rules) {
+                if (ChainOf(rule) != chain) continue;
+                lines.push_back(tool == "arptables" ? ArpLine(rule) : EbLine(rule));
+            }
+            if (tool == "arptables") {
+                listing += "\nChain " + chain + " (policy ACCEPT)\n";
+            } else {
+                listing +=
+                    "\nBridge chain: " + chain + ", entries: " + std::to_string(lines.size()) + ", policy: ACCEPT\n";
+            }
+            for (const std::string& line : lines) listing += line + "\n";
+        }
+        return listing;
+    }
+
+    // As the arptables of the device prints a rule: its target first, then
+    // interfaces, addresses and MACs, in short spellings, a space at the end.
+    static std::string ArpLine(const std::string& rule) {
+        const std::map<std::string, std::string> spellings = {
+            {"--in-interface", "-i"},   {"--out-interface", "-o"},     {"--source-ip", "-s"},
+            {"--destination-ip", "-d"}, {"--source-mac", "--src-mac"}, {"--destination-mac", "--dst-mac"}};
+        const std::vector<std::string> order = {"-j", "-i", "-o", "-s", "-d", "--src-mac", "--dst-mac"};
+        std::string line;
+        const auto options = Options(rule);
+        for (const std::string& wanted : order) {
+            for (const auto& option : options) {
+                if (Spelt(option[0], spellings) != wanted) continue;
+                line += wanted;
+                for (size_t value = 1; value < option.size(); ++value) line += " " + option[value];
+                line += " ";
+            }
+        }
+        return line;
+    }
+
+    std::string EbLine(const std::string& rule) const {
+        std::string line;
+        for (const auto& option : Options(rule)) {
+            if (!line.empty()) line += " ";
+            line += option[0];
+            for (size_t value = 1; value < option.size(); ++value) {
+                line += " " + (m_bLegacyEbtables ? ShortMac(option[value]) : option[value]);
+            }
+        }
+        return m_bLegacyEbtables ? line + " " : line;
+    }
+
     std::map<std::string, std::vector<std::string>> m_tables;
     bool m_bLastFailed = false;
+    bool m_bLegacyEbtables = false;
 };
 
 // Puts a bridge netfilter state of the test's own where the isolation reads the

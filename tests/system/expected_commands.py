@@ -57,8 +57,13 @@ BUILD_ETH0 = ETH1_BLOCK + BRIDGE_ETH0 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT
 BUILD_ETH1 = ETH1_BLOCK + BRIDGE_ETH1 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT
 BUILD_ETH0ETH1 = ETH1_BLOCK + VETH0_BLOCK + BRIDGE_ETH0ETH1 + ISOLATION_COMPLETE + VETH0_LIFT + ETH1_LIFT
 
-# The isolation put back after a look found it broken.
-ISOLATION_REPAIR = ETH1_BLOCK + VETH0_BLOCK + ISOLATION_RULES + ISOLATION_COMPLETE + VETH0_LIFT + ETH1_LIFT
+# The isolation put back after a look found the IP and link-layer tables
+# emptied: eth1 and veth0 blocked, only those tables' rules appended again (no
+# flush), a look, the blocks lifted.
+ISOLATION_REPAIR_IP_AND_LINK_LAYER = (ETH1_BLOCK + VETH0_BLOCK +
+                                      [c for c in ISOLATION_RULES if c.startswith("iptables -A ")] +
+                                      [c for c in ISOLATION_COMPLETE if c.startswith("ebtables -A ")] +
+                                      ISOLATION_LOOK + VETH0_LIFT + ETH1_LIFT)
 
 
 def _appended_after_last_flush(commands, tool):

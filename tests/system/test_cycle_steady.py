@@ -6,7 +6,8 @@ another program took its rules away."""
 import time
 
 import harness
-from expected_commands import ISOLATION_IN_FORCE, ISOLATION_LOOK, ISOLATION_REPAIR, ISOLATION_TABLES, REGISTER_WRITES
+from expected_commands import (ISOLATION_IN_FORCE, ISOLATION_LOOK, ISOLATION_REPAIR_IP_AND_LINK_LAYER,
+                               ISOLATION_TABLES, REGISTER_WRITES)
 
 ETH0_UP = {"interfaces": ["eth0"], "up": ["eth0"]}
 
@@ -79,10 +80,10 @@ class IsolationLookTest(harness.DaemonTestCase):
         warned = logged.index(("WARN", "SuperviseIsolation", warning))
         self.assertIn(("NOTICE", "RepairIsolation", "Isolation back in force"), logged[warned + 1:])
         # Nothing between the look that found the tables empty and the repair: eth1 and
-        # veth0 blocked, the ARP and IP rules anew, the rest as after a build, the blocks
-        # lifted.
+        # veth0 blocked, the missing rules appended again (no flush), a look, the
+        # blocks lifted.
         commands = self.sandbox.commands()
-        repaired = ISOLATION_LOOK + ISOLATION_REPAIR
+        repaired = ISOLATION_LOOK + ISOLATION_REPAIR_IP_AND_LINK_LAYER
         self.assertIn(repaired, [commands[i:i + len(repaired)] for i in range(len(commands))])
         for tool, rules in ISOLATION_TABLES.items():
             self.assertEqual(self.sandbox.rules(tool), rules, tool)

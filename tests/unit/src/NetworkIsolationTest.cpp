@@ -107,17 +107,34 @@ TEST_F(IsolationTest, NothingRunsUntilTheLookIsDueThenOnlyTheListings) {
     EXPECT_EQ(After(1), IsolationLook());
 }
 
-TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1AndVeth0BlockedMeanwhile) {
+// The commands of a fixture that start so, in order.
+Lines Only(const Lines& timeline, std::initializer_list<std::string> prefixes) {
+    Lines kept;
+    for (const std::string& line : timeline) {
+        for (const std::string& prefix : prefixes) {
+            if (line.starts_with(prefix)) {
+                kept.push_back(line);
+                break;
+            }
+        }
+    }
+    return kept;
+}
+
+TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAppendedAgainWithEth1AndVeth0BlockedMeanwhile) {
     m_tables.Rules("arptables").clear();
     m_tables.Rules("iptables").clear();
     m_tables.Rules("ebtables").clear();
+    // Only the rules appended again, no flush: another program's rule that came
+    // meanwhile would stay.
     EXPECT_EQ(After(10), Join({IsolationLook(),
                                {"WARN SuperviseIsolation: Isolation not in force (0 of 38 ARP rules in place; 0 of 12 "
                                 "IP rules in place; 0 of 28 link-layer rules in place); putting it back"},
                                Eth1Block(),
                                Veth0Block(),
-                               IsolationRules(),
-                               IsolationComplete(),
+                               Only(IsolationRules(), {"$ arptables -A ", "$ iptables -A "}),
+                               Only(IsolationComplete(), {"$ ebtables -A "}),
+                               IsolationLook(),
                                Veth0Lift(),
                                Eth1Lift(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
@@ -128,50 +145,129 @@ TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAllPutBackWithEth1AndVeth0B
     EXPECT_EQ(After(10), IsolationLook());
 }
 
-TEST_F(IsolationTest, OneRuleRemovedOrOneAddedIsNamed) {
+TEST_F(IsolationTest, OtherProgramsRulesAfterTheIsolationsStayWithNoWarningAndNoCommand) {
+    m_tables.Rules("iptables").push_back("-A FORWARD -s 192.0.2.1 -j DROP");
+    m_tables.Rules("iptables").push_back("-A FORWARD -j ACCEPT");
+    m_tables.Rules("iptables").push_back("-A OUTPUT -j ACCEPT");
+    m_tables.Rules("arptables").push_back("-A FORWARD --source-ip 192.0.2.1 -j DROP");
+    m_tables.Rules("arptables").push_back("-A INPUT -j ACCEPT");
+    m_tables.Rules("ebtables").push_back("-A FORWARD -p IPv4 -j ACCEPT");
+    // And a DROP of another program ahead of them: it lets nothing through.
+    m_tables.Rules("iptables").insert(m_tables.Rules("iptables").begin(), "-A INPUT -s 192.0.2.2 -j DROP");
+    const Lines before = Join({m_tables.Rules("arptables"), m_tables.Rules("iptables"), m_tables.Rules("ebtables")});
+    // A minute of looks: each the three listings alone.
+    for (int look = 1; look <= 6; ++look) EXPECT_EQ(After(10), IsolationLook()) << "look " << look;
+    EXPECT_TRUE(m_state.m_bInForce);
+    EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
+    EXPECT_EQ(Join({m_tables.Rules("arptables"), m_tables.Rules("iptables"), m_tables.Rules("ebtables")}), before);
+}
+
+TEST_F(IsolationTest, AnAcceptInsertedAheadIsNamedAndOnlyTheIsolationsRulesAfterItMoveAheadOfIt) {
+    // Before the seventh of the isolation's eight FORWARD rules.
+    Lines& ip = m_tables.Rules("iptables");
+    ip.insert(ip.begin() + 10, "-A FORWARD -j ACCEPT");
+    EXPECT_EQ(After(10),
+              Join({IsolationLook(),
+                    {"WARN SuperviseIsolation: Isolation not in force (10 of 12 IP rules in place; a rule of another "
+                     "program ahead of the IP rules: -A FORWARD -j ACCEPT); putting it back"},
+                    Eth1Block(),
+                    Veth0Block(),
+                    {"$ iptables -D FORWARD --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
+                     "$ iptables -I FORWARD 7 --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
+                     "$ iptables -D FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
+                     "$ iptables -I FORWARD 8 --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP"},
+                    IsolationLook(),
+                    Veth0Lift(),
+                    Eth1Lift(),
+                    {"NOTICE RepairIsolation: Isolation back in force"}}));
+    // The other program's rule stays, after the isolation's.
+    ASSERT_EQ(ip.size(), kIpIsolationRules + 1);
+    EXPECT_EQ(ip.back(), "-A FORWARD -j ACCEPT");
+    EXPECT_TRUE(m_state.m_bInForce);
+    EXPECT_EQ(After(10), IsolationLook());
+}
+
+TEST_F(IsolationTest, AJumpAheadOfTheArpRulesIsNamedAndTheOneRuleAfterItMoves) {
+    Lines& arp = m_tables.Rules("arptables");
+    arp.insert(arp.end() - 1, "-A FORWARD -j RETURN");
+    const Lines timeline = After(10);
+    EXPECT_EQ(Lines(timeline.begin() + 3, timeline.begin() + 4),
+              Lines{"WARN SuperviseIsolation: Isolation not in force (37 of 38 ARP rules in place; a rule of another "
+                    "program ahead of the ARP rules: -A FORWARD -j RETURN); putting it back"});
+    EXPECT_EQ(Only(timeline, {"$ arptables -D", "$ arptables -I", "$ arptables -A"}),
+              (Lines{"$ arptables -D FORWARD --destination-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP",
+                     "$ arptables -I FORWARD 38 --destination-mac 02:23:02:00:00:01 --out-interface veth0 -j DROP"}));
+    EXPECT_EQ(arp.back(), "-A FORWARD -j RETURN");
+    EXPECT_EQ(timeline.back(), "NOTICE RepairIsolation: Isolation back in force");
+}
+
+TEST_F(IsolationTest, OneRuleDeletedIsTheOnlyOnePutBack) {
     m_tables.Rules("ebtables").pop_back();
-    Lines timeline = After(10);
-    ASSERT_GE(timeline.size(), 4U);
+    EXPECT_EQ(After(10), Join({IsolationLook(),
+                               {"WARN SuperviseIsolation: Isolation not in force (27 of 28 link-layer rules in place); "
+                                "putting it back"},
+                               Eth1Block(),
+                               Veth0Block(),
+                               {"$ ebtables -A FORWARD -o eth1 -d Multicast -p 0x88a8 -j DROP"},
+                               IsolationLook(),
+                               Veth0Lift(),
+                               Eth1Lift(),
+                               {"NOTICE RepairIsolation: Isolation back in force"}}));
+    // With another program's ACCEPT after them, a missing rule goes in ahead of it.
+    Lines& ip = m_tables.Rules("iptables");
+    ip.push_back("-A FORWARD -j ACCEPT");
+    ip.erase(ip.begin() + 4);
+    const Lines timeline = After(10);
     EXPECT_EQ(timeline[3],
-              "WARN SuperviseIsolation: Isolation not in force (27 of 28 link-layer rules in place); putting it back");
-    // A rule put before the isolation's lets everything through: a change too.
-    m_tables.Rules("iptables").insert(m_tables.Rules("iptables").begin(), "-A FORWARD -j ACCEPT");
-    timeline = After(10);
-    ASSERT_GE(timeline.size(), 4U);
-    EXPECT_EQ(timeline[3],
-              "WARN SuperviseIsolation: Isolation not in force (the IP rules were changed); putting it back");
-    EXPECT_EQ(m_tables.Rules("iptables").size(), kIpIsolationRules);
-    EXPECT_EQ(m_tables.Rules("iptables").front(),
-              "-A INPUT --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP");
+              "WARN SuperviseIsolation: Isolation not in force (11 of 12 IP rules in place); putting it back");
+    EXPECT_EQ(Only(timeline, {"$ iptables -D", "$ iptables -I", "$ iptables -A"}),
+              Lines{"$ iptables -I FORWARD 8 --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP"});
+    EXPECT_EQ(ip.back(), "-A FORWARD -j ACCEPT");
+    EXPECT_EQ(ip[11], "-A FORWARD --source 10.253.254.254 -m physdev --physdev-in eth1 -j DROP");
+}
+
+TEST_F(IsolationTest, TheLegacyEbtablesListingIsReadAsWell) {
+    m_tables.SetLegacyEbtables(true);
+    EXPECT_EQ(After(10), IsolationLook());
+    EXPECT_TRUE(m_state.m_bInForce);
+    m_tables.Rules("ebtables").erase(m_tables.Rules("ebtables").begin() + 6);
+    const Lines timeline = After(10);
+    EXPECT_EQ(Only(timeline, {"$ ebtables -D", "$ ebtables -I", "$ ebtables -A"}),
+              Lines{"$ ebtables -A FORWARD -s 02:23:02:00:00:00 -i eth1 -j DROP"});
+    EXPECT_EQ(timeline.back(), "NOTICE RepairIsolation: Isolation back in force");
 }
 
 TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
     m_bridgeFilter.Set({true, false, false, true});
     Lines timeline = After(10);
-    ASSERT_GE(timeline.size(), 4U);
-    EXPECT_EQ(timeline[3],
-              "WARN SuperviseIsolation: Isolation not in force (br0 hands no bridged IPv4 to iptables; br0 hands no "
-              "bridged ARP to arptables); putting it back");
-    // The repair's own look still finds it off: eth1 stays blocked and goes down,
-    // and the repair is tried again after the usual waits.
-    EXPECT_EQ(Lines(timeline.end() - 4, timeline.end()),
-              (Lines{"ERROR CompleteIsolation: Isolation not in force after setting it up: br0 hands no bridged IPv4 "
-                     "to iptables; br0 hands no bridged ARP to arptables",
-                     "WARN NoteWorkFailed: Retrying isolation in 1 s (failed attempts: 1)",
-                     "WARN RepairIsolation: Keeping eth1 down until the isolation rules are in place",
-                     "$ ip link set eth1 down"}));
+    EXPECT_EQ(
+        timeline,
+        Join({IsolationLook(),
+              {"WARN SuperviseIsolation: Isolation not in force (br0 hands no bridged IPv4 to iptables; br0 hands "
+               "no bridged ARP to arptables); putting it back"},
+              Eth1Block(),
+              Veth0Block(),
+              {"$ ip link set dev br0 type bridge nf_call_iptables 1 nf_call_arptables 1"},
+              IsolationLook(),
+              // The repair's own look still finds it off: eth1 stays blocked and
+              // goes down, and the repair is tried again after the usual waits.
+              {"ERROR RepairIsolation: Isolation not in force after setting it up: br0 hands no bridged IPv4 "
+               "to iptables; br0 hands no bridged ARP to arptables",
+               "WARN NoteWorkFailed: Retrying isolation in 1 s (failed attempts: 1)",
+               "WARN RepairIsolation: Keeping eth1 down until the isolation rules are in place",
+               "$ ip link set eth1 down"}}));
     EXPECT_FALSE(m_state.m_bInForce);
     EXPECT_EQ(m_state.m_problem, "br0 hands no bridged IPv4 to iptables; br0 hands no bridged ARP to arptables");
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"),
               (Lines{"-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP",
                      "-A PREROUTING -i veth0 -j DROP", "-A POSTROUTING -o veth0 -j DROP"}));
-    // Someone turns it on again: the next attempt completes, lifts the blocks and raises eth1.
+    // Someone turns it on again: the next attempt's look finds it whole, lifts the
+    // blocks and raises eth1.
     m_bridgeFilter.Set({true, true, true, true});
     EXPECT_EQ(After(1),
               Join({Eth1Block(),
                     Veth0Block(),
-                    IsolationRules(),
-                    IsolationComplete(),
+                    IsolationLook(),
                     Veth0Lift(),
                     Eth1Lift(),
                     {"$ ip link set eth1 up", "NOTICE NoteWorkDone: Recovered isolation after 1 failed attempts",
@@ -189,8 +285,8 @@ TEST_F(IsolationTest, TaggedFilteringIsTurnedOnByTheCompletionAndALookFindsItOff
                                 "(net.bridge.bridge-nf-filter-vlan-tagged is 0)); putting it back"},
                                Eth1Block(),
                                Veth0Block(),
-                               IsolationRules(),
-                               IsolationComplete(),
+                               // No rule was missing: the switch alone, and the look after it.
+                               IsolationLook(),
                                Veth0Lift(),
                                Eth1Lift(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
@@ -207,7 +303,7 @@ TEST_F(IsolationTest, TaggedFilteringThatCannotBeTurnedOnKeepsTheIsolationOutOfF
               "WARN SuperviseIsolation: Isolation not in force (tagged IPv4 and ARP reach no filter "
               "(net.bridge.bridge-nf-filter-vlan-tagged is 0)); putting it back");
     EXPECT_EQ(Lines(timeline.end() - 4, timeline.end()),
-              (Lines{"ERROR CompleteIsolation: Isolation not in force after setting it up: tagged IPv4 and ARP reach "
+              (Lines{"ERROR RepairIsolation: Isolation not in force after setting it up: tagged IPv4 and ARP reach "
                      "no filter (net.bridge.bridge-nf-filter-vlan-tagged is 0)",
                      "WARN NoteWorkFailed: Retrying isolation in 1 s (failed attempts: 1)",
                      "WARN RepairIsolation: Keeping eth1 down until the isolation rules are in place",
@@ -226,21 +322,66 @@ TEST_F(IsolationTest, NoBridgeNetfilterInTheKernelIsNamed) {
     EXPECT_FALSE(m_state.m_bInForce);
 }
 
-TEST_F(IsolationTest, ARefusedListingIsAProblemAndTheRepairWaitsOutItsBackoff) {
+TEST_F(IsolationTest, AListingThatCannotRunIsTriedAgainSoonAndNeverTakesEth1Down) {
     m_refuse = "iptables -S";
-    Lines timeline = After(10);
-    EXPECT_EQ(Lines(timeline.begin(), timeline.begin() + 5),
-              (Lines{"$ arptables -L -n", "$ iptables -S", "ERROR RunStep: Command failed (exit status 4): iptables -S",
-                     "$ ebtables -L",
-                     "WARN SuperviseIsolation: Isolation not in force (the IP rules cannot be listed (exit status 4)); "
-                     "putting it back"}));
-    EXPECT_EQ(timeline.back(), "$ ip link set eth1 down");
-    // Waits 1 s, then 2 s: nothing in between.
-    EXPECT_EQ(After(1).back(), "$ ip link set eth1 down");
-    EXPECT_EQ(After(1), Lines{});
-    m_refuse.clear();
-    EXPECT_EQ(After(1).back(), "NOTICE RepairIsolation: Isolation back in force");
+    m_state.m_verifiedAt = {1794999990, 0};
+    const Lines refusedLook = {"$ arptables -L -n", "$ iptables -S",
+                               "ERROR RunStep: Command failed (exit status 4): iptables -S", "$ ebtables -L"};
+    EXPECT_EQ(After(10),
+              Join({refusedLook,
+                    {"WARN NoteUnverified: Isolation not looked at (the IP rules cannot be listed (exit status 4)); "
+                     "looking again in 1 s"}}));
+    // The verdict before stands, not renewed; nothing is repaired.
     EXPECT_TRUE(m_state.m_bInForce);
+    EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1794999990);
+    EXPECT_EQ(m_state.m_unverified, "the IP rules cannot be listed (exit status 4)");
+    EXPECT_FALSE(m_state.m_bRepairPending);
+    // Tried again after 1 s, then 2 s, 4 s ... (one warning for the whole run).
+    EXPECT_EQ(After(1), refusedLook);
+    EXPECT_EQ(After(1), Lines{});
+    EXPECT_EQ(After(1), refusedLook);
+    EXPECT_EQ(After(3), Lines{});
+    // Another program's rule meanwhile is found by the tables that could be listed.
+    m_tables.Rules("ebtables").pop_back();
+    const Lines timeline = After(1);
+    EXPECT_EQ(timeline[4],
+              "WARN SuperviseIsolation: Isolation not in force (27 of 28 link-layer rules in place); putting it back");
+    EXPECT_EQ(Only(timeline, {"$ ebtables -A", "$ ip link set eth1"}),
+              Lines{"$ ebtables -A FORWARD -o eth1 -d Multicast -p 0x88a8 -j DROP"});
+    // The repair's own look cannot list the IP rules either: put back, not yet looked at.
+    EXPECT_FALSE(m_state.m_bInForce);
+    EXPECT_FALSE(m_state.m_bRepairPending);
+    EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1794999990);
+    // Looked at again after 8 s, as the failures before it ran.
+    m_refuse.clear();
+    EXPECT_EQ(After(7), Lines{});
+    EXPECT_EQ(After(1), Join({IsolationLook(), {"INFO NoteInForce: Isolation looked at again: in force"}}));
+    EXPECT_TRUE(m_state.m_bInForce);
+    EXPECT_EQ(m_state.m_unverified, "");
+    EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
+    EXPECT_EQ(After(9), Lines{});
+    EXPECT_EQ(After(1), IsolationLook());
+}
+
+TEST_F(IsolationTest, ACompletionWhoseListingCannotRunIsDoneAndLookedAtSoon) {
+    m_refuse = "ebtables -L";
+    ISOLATION_STATE state;
+    WORK_FAILURE failure;
+    Since();
+    EXPECT_TRUE(CompleteIsolation(state, failure));
+    const Lines timeline = Since();
+    EXPECT_EQ(Lines(timeline.end() - 2, timeline.end()),
+              (Lines{"ERROR RunStep: Command failed (exit status 4): ebtables -L",
+                     "WARN NoteUnverified: Isolation not looked at (the link-layer rules cannot be listed (exit status "
+                     "4)); looking again in 1 s"}));
+    EXPECT_FALSE(state.m_bInForce);
+    EXPECT_EQ(state.m_problem, "not looked at yet: the link-layer rules cannot be listed (exit status 4)");
+    EXPECT_EQ(state.m_verifiedAt.tv_sec, 0);
+    m_refuse.clear();
+    g_nNowMs += 1000;
+    SuperviseIsolation(state);
+    EXPECT_TRUE(state.m_bInForce);
+    EXPECT_EQ(state.m_problem, "");
 }
 
 TEST_F(IsolationTest, ABlockSetTwiceIsLiftedWhole) {

@@ -704,10 +704,10 @@ TEST(StatusSnapshotTest, EachLookThatFindsTheIsolationWholeChangesItAndNothingEl
     looked.m_isolation.m_verifiedAt = {kInstant + 40, 0};
     TakeStatusSnapshot(looked, b);
     EXPECT_TRUE(a != b);
-    // The next look's time and the listings are the daemon's own.
+    // The next look's time and the wait after a listing that could not run are the daemon's own.
     looked = state;
     looked.m_isolation.m_nNextCheckMs = 987654;
-    looked.m_isolation.m_listings.m_arp = "Chain FORWARD";
+    looked.m_isolation.m_nListingRetryMs = 4000;
     looked.m_isolation.m_bEth1HeldDown = true;
     looked.m_isolation.m_bRepairPending = true;
     looked.m_isolation.m_health.m_nRetryAtMs = 5000;
