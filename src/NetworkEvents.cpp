@@ -352,10 +352,7 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
         if (events.m_bKernel && CheckForOutsideChanges(state)) return;
         if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
         // Only the daemon's own user can put a lease it takes in place: no one else drives these.
-        if (events.m_bLeaseWritten) {
-            watch.m_nLastFileWakeMs = SteadyMs();
-            return;
-        }
+        if (events.m_bLeaseWritten) return;
         // The configuration's writes, and lost notifications with a lease to
         // take, come early once a second at most: the passes read the
         // configuration anyway, and take a lease, once a second.
