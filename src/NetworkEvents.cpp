@@ -224,12 +224,10 @@ void CannotFollow(const char* what, const char* instead) {
 
 // Notes a writer that has the configuration file open, or is done with it.
 void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
-    if (events.m_bFilesLost && !events.m_bConfigWriting) {
-        // Whether a writer still has it open is not known: the passes read it.
-        state.m_nConfigWritingSinceMs = 0;
-    } else if (events.m_bConfigWriting) {
+    if (events.m_bConfigWriting) {
         if (state.m_nConfigWritingSinceMs == 0) state.m_nConfigWritingSinceMs = MonotonicMs();
-    } else if (events.m_bConfigWritten) {
+    } else if (events.m_bConfigWritten || events.m_bFilesLost) {
+        // After lost notifications whether a writer still has it open is not known: the passes read it.
         state.m_nConfigWritingSinceMs = 0;
     }
 }
