@@ -2,6 +2,7 @@
 #include "src/NetworkEvents.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -9,6 +10,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,6 +40,80 @@ const char* const kLeaseNames[] = {"dhcp_veth1.txt", "dhcp_veth3.txt"};
 
 const uint32_t kConfigMask = IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_CREATE | IN_DELETE;
 const uint32_t kLeaseMask = IN_CLOSE_WRITE | IN_MOVED_TO;
+
+// The owned link named `name` (`length` bytes at most, its end at a NUL or
+// an address label's ':'), or -1.
+int OwnedLinkNamed(const char* name, size_t length) {
+    const size_t size = strnlen(name, length);
+    const auto* colon = static_cast<const char*>(memchr(name, ':', size));
+    const size_t end = colon == nullptr ? size : static_cast<size_t>(colon - name);
+    for (size_t i = 0; i < kOwnedLinkCount; ++i) {
+        if (strlen(kOwnedLinks[i]) == end && strncmp(name, kOwnedLinks[i], end) == 0) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+bool OwnedIndex(const OWNED_LINKS* owned, int index) {
+    if (owned == nullptr || index <= 0) return false;
+    return std::find(std::begin(owned->m_indexes), std::end(owned->m_indexes), index) != std::end(owned->m_indexes);
+}
+
+// Whether a link message concerns an owned link: its name, its index (a link
+// renamed or removed under another name), or br0 as its master (a port
+// joining or leaving). The owned indexes follow what the message says.
+bool OwnedLinkMessage(const nlmsghdr* header, OWNED_LINKS* owned) {
+    if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return false;
+    const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(header));
+    const NETLINK_ATTRIBUTES attributes = MessageAttributes(header, sizeof(ifinfomsg));
+    const rtattr* name = FindAttribute(attributes, IFLA_IFNAME);
+    const int named =
+        name == nullptr ? -1 : OwnedLinkNamed(static_cast<const char*>(RTA_DATA(name)), RTA_PAYLOAD(name));
+    bool ours = named >= 0 || OwnedIndex(owned, info->ifi_index);
+    if (!ours) {
+        const rtattr* master = FindAttribute(attributes, IFLA_MASTER);
+        int index = 0;
+        if (master != nullptr && RTA_PAYLOAD(master) >= sizeof(index)) memcpy(&index, RTA_DATA(master), sizeof(index));
+        ours = OwnedIndex(owned, index);
+    }
+    if (owned != nullptr) {
+        // The index no longer an owned link's (removed, renamed away), and a new owned link's.
+        for (int& index : owned->m_indexes) {
+            if (index == info->ifi_index) index = 0;
+        }
+        if (named >= 0 && header->nlmsg_type == RTM_NEWLINK) owned->m_indexes[named] = info->ifi_index;
+    }
+    return ours;
+}
+
+bool OwnedAddressMessage(const nlmsghdr* header, const OWNED_LINKS* owned) {
+    if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifaddrmsg))) return false;
+    const auto* info = static_cast<const ifaddrmsg*>(NLMSG_DATA(header));
+    if (OwnedIndex(owned, static_cast<int>(info->ifa_index))) return true;
+    const rtattr* label = FindAttribute(MessageAttributes(header, sizeof(ifaddrmsg)), IFA_LABEL);
+    return label != nullptr && OwnedLinkNamed(static_cast<const char*>(RTA_DATA(label)), RTA_PAYLOAD(label)) >= 0;
+}
+
+// The shape holds the IPv4 default routes alone.
+bool DefaultRouteMessage(const nlmsghdr* header) {
+    if (header->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return false;
+    const auto* info = static_cast<const rtmsg*>(NLMSG_DATA(header));
+    return info->rtm_family == AF_INET && info->rtm_dst_len == 0;
+}
+
+// Looks up each owned link's index, as the kernel has it now.
+void LookUpOwnedLinks(OWNED_LINKS& owned) {
+    for (size_t i = 0; i < kOwnedLinkCount; ++i) {
+        const unsigned int index = if_nametoindex(kOwnedLinks[i]);
+        if (index != 0) owned.m_indexes[i] = static_cast<int>(index);
+    }
+}
+
+// Whether either lease file is there for the pass to take.
+bool AnyLeaseTaken() {
+    return std::any_of(std::begin(kLeaseNames), std::end(kLeaseNames), [](const char* name) {
+        return LeaseFileTaken((std::string(kLeaseDirectory) + "/" + name).c_str());
+    });
+}
 
 void NoteEth0(const nlmsghdr* header, EVENTS& events) {
     if (header->nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg))) return;
@@ -77,9 +153,9 @@ void Drain(int fd, bool datagrams, Note note) {
 void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
     if (watch.m_kernel.IsOpen()) {
         // A notification lost or too long for the buffer: the look finds what it said.
-        Drain(watch.m_kernel.Get(), true, [&events](const char* data, size_t length, int error) {
+        Drain(watch.m_kernel.Get(), true, [&watch, &events](const char* data, size_t length, int error) {
             if (error != 0) events.m_bKernel = true;
-            if (data != nullptr) NoteKernelMessages(data, length, events);
+            if (data != nullptr) NoteKernelMessages(data, length, events, &watch.m_owned);
         });
     }
     if (watch.m_files.IsOpen()) {
@@ -150,12 +226,22 @@ void CannotFollow(const char* what, const char* instead) {
 void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
     if (events.m_bConfigWriting) {
         if (state.m_nConfigWritingSinceMs == 0) state.m_nConfigWritingSinceMs = MonotonicMs();
-    } else if (events.m_bConfigWritten) {
+    } else if (events.m_bConfigWritten || events.m_bFilesLost) {
+        // After lost notifications whether a writer still has it open is not known: the passes read it.
         state.m_nConfigWritingSinceMs = 0;
     }
 }
 
 }  // namespace
+
+const char* const kOwnedLinks[kOwnedLinkCount] = {"br0", "eth0", "eth1", "veth0", "veth1", "veth2", "veth3"};
+
+bool LeaseFileTaken(const char* path) {
+    struct stat status {};
+    if (fstatat(AT_FDCWD, path, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    return S_ISREG(status.st_mode) && status.st_uid == geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+           status.st_nlink == 1;
+}
 
 EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     EVENT_WATCH watch;
@@ -181,19 +267,21 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     return watch;
 }
 
-void NoteKernelMessages(const char* data, size_t length, EVENTS& events) {
-    ForEachMessage(data, length, [&events](const nlmsghdr* header) {
+void NoteKernelMessages(const char* data, size_t length, EVENTS& events, OWNED_LINKS* owned) {
+    ForEachMessage(data, length, [&events, owned](const nlmsghdr* header) {
         switch (header->nlmsg_type) {
             case RTM_NEWLINK:
             case RTM_DELLINK:
-                events.m_bKernel = true;
+                if (OwnedLinkMessage(header, owned)) events.m_bKernel = true;
                 NoteEth0(header, events);
                 break;
             case RTM_NEWADDR:
             case RTM_DELADDR:
+                if (OwnedAddressMessage(header, owned)) events.m_bKernel = true;
+                break;
             case RTM_NEWROUTE:
             case RTM_DELROUTE:
-                events.m_bKernel = true;
+                if (DefaultRouteMessage(header)) events.m_bKernel = true;
                 break;
             default:
                 break;
@@ -212,11 +300,11 @@ void NoteFileEvents(const EVENT_WATCH& watch, const char* data, size_t length, E
         const char* name = data + offset + sizeof(inotify_event);
         const std::string entry(name, strnlen(name, record.len));
         offset += size;
-        // The queue overflowed: anything may have happened to the files.
+        // The queue overflowed: anything may have happened to the files; the
+        // wait looks at them once for the whole batch.
         if ((record.mask & IN_Q_OVERFLOW) != 0) {
-            events.m_bConfigWritten = true;
             events.m_bConfigWriting = false;
-            events.m_bLeaseWritten = true;
+            events.m_bFilesLost = true;
             continue;
         }
         if (record.wd == watch.m_nConfigWatch && entry == watch.m_configName) {
@@ -229,7 +317,9 @@ void NoteFileEvents(const EVENT_WATCH& watch, const char* data, size_t length, E
         }
         if (record.wd == watch.m_nLeaseWatch && (record.mask & kLeaseMask) != 0 &&
             std::any_of(std::begin(kLeaseNames), std::end(kLeaseNames),
-                        [&entry](const char* lease) { return entry == lease; })) {
+                        [&entry](const char* lease) { return entry == lease; }) &&
+            LeaseFileTaken((std::string(kLeaseDirectory) + "/" + entry).c_str())) {
+            // One another user wrote is no news: the next pass removes it unread.
             events.m_bLeaseWritten = true;
         }
     }
@@ -246,7 +336,9 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
         Pause(milliseconds);
         return;
     }
-    const int64_t untilMs = SteadyMs() + milliseconds;
+    int64_t untilMs = SteadyMs() + milliseconds;
+    bool fileWakeHeld = false;
+    LookUpOwnedLinks(watch.m_owned);
     // What queued during the pass makes the sources readable at once, and is
     // taken as any news is: no read at all when nothing came. eth0's last
     // report counts then too: the pass's own bounce comes only after it found
@@ -256,7 +348,25 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
     while (WaitForEvents(watch, untilMs, events)) {
         NoteConfigWriting(events, state);
         if (events.m_bKernel && CheckForOutsideChanges(state)) return;
-        if (events.m_bConfigWritten || events.m_bLeaseWritten) return;
         if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
+        // Only the daemon's own user can put a lease it takes in place: no one else drives these.
+        if (events.m_bLeaseWritten) return;
+        // The configuration's writes, and lost notifications with a lease to
+        // take, come early once a second at most: the passes read the
+        // configuration anyway, and take a lease, once a second.
+        if (events.m_bConfigWritten || (events.m_bFilesLost && AnyLeaseTaken())) {
+            const int64_t nowMs = SteadyMs();
+            if (watch.m_nLastFileWakeMs < 0 || nowMs - watch.m_nLastFileWakeMs >= kFileWakeSpacingMs) {
+                watch.m_nLastFileWakeMs = nowMs;
+                return;
+            }
+            const int64_t heldUntilMs = watch.m_nLastFileWakeMs + kFileWakeSpacingMs;
+            if (heldUntilMs < untilMs) {
+                untilMs = heldUntilMs;
+                fileWakeHeld = true;
+            }
+        }
     }
+    // The pass a held configuration write brought before the second was over is one the files brought early.
+    if (fileWakeHeld) watch.m_nLastFileWakeMs = SteadyMs();
 }

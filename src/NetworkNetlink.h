@@ -93,15 +93,20 @@ inline ssize_t ReceiveWhole(int fd, char* buffer, size_t size) {
 
 // Reads the reply to the dump request `sequence` into `buffer`, datagram by
 // datagram, and hands each of its messages to `take` until NLMSG_DONE. False
-// when a datagram could not be read or was cut, or the kernel answered NLMSG_ERROR.
+// when a datagram could not be read or was cut, the kernel answered NLMSG_ERROR,
+// or the kernel marked the reply NLM_F_DUMP_INTR (what it changed meanwhile may
+// be missing or twice in it): then `*interrupted`, when given, is set and the
+// reply is still read to its end, so the socket is ready for the next request.
 template <typename Take>
-bool ReadDump(int fd, const Util::UniqueMapping& buffer, uint32_t sequence, Take take) {
+bool ReadDump(int fd, const Util::UniqueMapping& buffer, uint32_t sequence, Take take, bool* interrupted = nullptr) {
+    bool changed = false;
     for (;;) {
         const ssize_t got = ReceiveWhole(fd, buffer.Data(), buffer.Size());
         if (got <= 0) return false;
         int end = 0;  // 1: done, -1: the kernel's error
         ForEachMessage(buffer.Data(), static_cast<size_t>(got), [&](const nlmsghdr* header) {
             if (header->nlmsg_seq != sequence) return true;
+            if ((header->nlmsg_flags & NLM_F_DUMP_INTR) != 0) changed = true;
             if (header->nlmsg_type == NLMSG_DONE || header->nlmsg_type == NLMSG_ERROR) {
                 end = header->nlmsg_type == NLMSG_DONE ? 1 : -1;
                 return false;
@@ -109,15 +114,37 @@ bool ReadDump(int fd, const Util::UniqueMapping& buffer, uint32_t sequence, Take
             take(header);
             return true;
         });
-        if (end != 0) return end > 0;
+        if (end == 0) continue;
+        if (changed && end > 0 && interrupted != nullptr) *interrupted = true;
+        return end > 0 && !changed;
     }
 }
 
-// Asks for a dump and reads its reply as ReadDump does.
-template <typename Take>
-bool Dump(int fd, const Util::UniqueMapping& buffer, uint16_t type, unsigned char family, uint32_t sequence,
-          Take take) {
-    return SendDumpRequest(fd, type, family, sequence) && ReadDump(fd, buffer, sequence, take);
+// How often a dump interrupted by a change is asked for again before the look gives up.
+constexpr int kDumpAttempts = 4;
+
+// Asks for a dump with `ask` and reads its reply as ReadDump does; a reply the
+// kernel marked interrupted is never taken: `restart` forgets what it handed to
+// `take`, and the dump is asked for again, kDumpAttempts times in all.
+template <typename Ask, typename Take, typename Restart>
+bool ReadWholeDump(int fd, const Util::UniqueMapping& buffer, uint32_t sequence, Ask ask, Take take, Restart restart) {
+    for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
+        if (attempt > 0) restart();
+        bool interrupted = false;
+        if (!ask()) return false;
+        if (ReadDump(fd, buffer, sequence, take, &interrupted)) return true;
+        if (!interrupted) return false;
+    }
+    restart();
+    return false;
+}
+
+// Asks the kernel for a dump of `type` and reads it whole (ReadWholeDump).
+template <typename Take, typename Restart>
+bool Dump(int fd, const Util::UniqueMapping& buffer, uint16_t type, unsigned char family, uint32_t sequence, Take take,
+          Restart restart) {
+    return ReadWholeDump(
+        fd, buffer, sequence, [=] { return SendDumpRequest(fd, type, family, sequence); }, take, restart);
 }
 
 // Reads the reply to a request for one object into `buffer`: its message, or

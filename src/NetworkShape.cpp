@@ -149,10 +149,17 @@ KERNEL_SHAPE ReadKernelShape() {
     const Util::UniqueMapping buffer(kDumpBufferBytes);
     if (!buffer.IsMapped()) return shape;
     const int fd = socketFd.Get();
+    // A dump a change interrupted is read again: what it handed over so far is dropped first.
     shape.m_bRead =
-        Dump(fd, buffer, RTM_GETLINK, AF_UNSPEC, 1, [&shape](const nlmsghdr* header) { TakeLink(header, shape); }) &&
-        Dump(fd, buffer, RTM_GETADDR, AF_INET, 2, [&shape](const nlmsghdr* header) { TakeAddress(header, shape); }) &&
-        Dump(fd, buffer, RTM_GETROUTE, AF_INET, 3, [&shape](const nlmsghdr* header) { TakeRoute(header, shape); });
+        Dump(
+            fd, buffer, RTM_GETLINK, AF_UNSPEC, 1, [&shape](const nlmsghdr* header) { TakeLink(header, shape); },
+            [&shape] { shape.m_links.clear(); }) &&
+        Dump(
+            fd, buffer, RTM_GETADDR, AF_INET, 2, [&shape](const nlmsghdr* header) { TakeAddress(header, shape); },
+            [&shape] { shape.m_addresses.clear(); }) &&
+        Dump(
+            fd, buffer, RTM_GETROUTE, AF_INET, 3, [&shape](const nlmsghdr* header) { TakeRoute(header, shape); },
+            [&shape] { shape.m_routes.clear(); });
     return shape;
 }
 

@@ -13,10 +13,14 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -25,6 +29,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -373,6 +378,278 @@ TEST(FileNotificationsTest, AConfigurationBeingWrittenIsLeftAloneUntilItsWriterC
     });
     EXPECT_EQ(lines, (Lines{"not taken early", "being written", "taken once closed", "not being written",
                             "0 looks at the kernel"}));
+}
+
+// A notification of `type` with `fixed` as its fixed part and `attributes` after it.
+template <typename Fixed>
+std::string Notification(uint16_t type, const Fixed& fixed, const std::string& attributes = "") {
+    nlmsghdr header{};
+    header.nlmsg_type = type;
+    header.nlmsg_len = static_cast<uint32_t>(NLMSG_LENGTH(sizeof(Fixed)) + attributes.size());
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof(header));
+    bytes.append(reinterpret_cast<const char*>(&fixed), sizeof(fixed));
+    bytes.resize(NLMSG_LENGTH(sizeof(Fixed)), '\0');
+    bytes += attributes;
+    bytes.resize(NLMSG_ALIGN(bytes.size()), '\0');
+    return bytes;
+}
+
+std::string Attribute(uint16_t type, const std::string& payload) {
+    rtattr header{};
+    header.rta_type = type;
+    header.rta_len = static_cast<uint16_t>(RTA_LENGTH(payload.size()));
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof(header));
+    bytes += payload;
+    bytes.resize(RTA_SPACE(payload.size()), '\0');
+    return bytes;
+}
+
+std::string Name(const std::string& name) { return Attribute(IFLA_IFNAME, name + std::string(1, '\0')); }
+
+std::string Index(int index) { return std::string(reinterpret_cast<const char*>(&index), sizeof(index)); }
+
+// A link's report: up (and running) or down, with its master's index when it has one.
+std::string LinkReport(uint16_t type, int index, const std::string& name, bool up, int master = 0) {
+    ifinfomsg info{};
+    info.ifi_index = index;
+    info.ifi_flags = up ? IFF_UP | IFF_RUNNING : 0;
+    return Notification(type, info, Name(name) + (master != 0 ? Attribute(IFLA_MASTER, Index(master)) : ""));
+}
+
+std::string AddressReport(uint16_t type, int index, const std::string& label) {
+    ifaddrmsg info{};
+    info.ifa_family = AF_INET;
+    info.ifa_prefixlen = 24;
+    info.ifa_index = static_cast<uint32_t>(index);
+    return Notification(type, info, Attribute(IFA_LABEL, label + std::string(1, '\0')));
+}
+
+std::string RouteReport(uint16_t type, unsigned char destinationLength, int index) {
+    rtmsg info{};
+    info.rtm_family = AF_INET;
+    info.rtm_dst_len = destinationLength;
+    info.rtm_table = RT_TABLE_MAIN;
+    return Notification(type, info, Attribute(RTA_OIF, Index(index)));
+}
+
+// A link the daemon does not own going down and up, `flaps` times.
+std::vector<std::string> ForeignFlaps(int flaps) {
+    std::vector<std::string> datagrams;
+    for (int i = 0; i < flaps; ++i) datagrams.push_back(LinkReport(RTM_NEWLINK, 4242, "dummy7", i % 2 == 1));
+    return datagrams;
+}
+
+TEST(KernelNotificationsTest, OnlyTheOwnedLinksAndTheDefaultRoutesAreNews) {
+    OWNED_LINKS owned;
+    owned.m_indexes[0] = 40;  // br0
+    owned.m_indexes[6] = 46;  // veth3
+    auto said = [&owned](const std::string& datagram) {
+        EVENTS events;
+        NoteKernelMessages(datagram.data(), datagram.size(), events, &owned);
+        return events.m_bKernel;
+    };
+    EXPECT_FALSE(said(LinkReport(RTM_NEWLINK, 4242, "dummy7", false)));
+    EXPECT_FALSE(said(LinkReport(RTM_DELLINK, 4242, "dummy7", false)));
+    EXPECT_FALSE(said(LinkReport(RTM_NEWLINK, 4243, "veth10", true)));
+    EXPECT_FALSE(said(AddressReport(RTM_NEWADDR, 4242, "dummy7")));
+    EXPECT_FALSE(said(AddressReport(RTM_DELADDR, 4242, "dummy7:1")));
+    EXPECT_FALSE(said(RouteReport(RTM_NEWROUTE, 24, 4242)));
+    EXPECT_TRUE(said(LinkReport(RTM_NEWLINK, 41, "eth0", true)));
+    EXPECT_TRUE(said(LinkReport(RTM_DELLINK, 45, "veth2", false)));
+    EXPECT_TRUE(said(AddressReport(RTM_DELADDR, 46, "veth3")));
+    EXPECT_TRUE(said(AddressReport(RTM_DELADDR, 999, "veth1:0")));
+    EXPECT_TRUE(said(RouteReport(RTM_DELROUTE, 0, 4242)));
+    // A link of another's joining br0 is a change of br0.
+    EXPECT_TRUE(said(LinkReport(RTM_NEWLINK, 4242, "dummy7", true, 40)));
+    // veth3 renamed: known by its index, and no longer owned after.
+    EXPECT_TRUE(said(LinkReport(RTM_NEWLINK, 46, "spare3", true)));
+    EXPECT_FALSE(said(LinkReport(RTM_NEWLINK, 46, "spare3", false)));
+    // A new veth3 is known by its index from its first report on.
+    EXPECT_TRUE(said(LinkReport(RTM_NEWLINK, 47, "veth3", true)));
+    EXPECT_TRUE(said(AddressReport(RTM_NEWADDR, 47, "")));
+}
+
+TEST_F(AwaitAfterABuildTest, AStormOfAnotherLinksReportsBringsNoLookAndNoPass) {
+    // 2000 flaps of a link the daemon does not own, over about a second.
+    std::thread storm = recorded.SendLater(ForeignFlaps(2000), 50);
+    const int64_t tookMs = TimedWait(recorded.m_watch, state, 1500);
+    storm.join();
+    EXPECT_GE(tookMs, 1500);
+    EXPECT_EQ(kernel.m_nReads, 0);
+    EXPECT_EQ(log.Timeline(), Lines{});
+    // Among them, one report of an owned link is one look.
+    kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
+    std::vector<std::string> mixed = ForeignFlaps(200);
+    mixed.insert(mixed.begin() + 100, ReadKernelEvents("kernel-br0-removed.hex").front());
+    storm = recorded.SendLater(mixed, 50);
+    EXPECT_LT(TimedWait(recorded.m_watch, state, 5000), 2500);
+    storm.join();
+    EXPECT_EQ(kernel.m_nReads, 1);
+    EXPECT_EQ(log.Timeline(), Lines{"WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"});
+}
+
+// Writes a lease file at `path` as `uid` would (owner and mode set before it is
+// closed, so the close's notification finds them).
+bool WriteLease(const char* path, uid_t uid, mode_t mode) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    const char text[] = "veth1 192.168.77.100 255.255.255.0\n";
+    const bool written = fchown(fd, uid, uid) == 0 && fchmod(fd, mode) == 0 &&
+                         write(fd, text, sizeof(text) - 1) == static_cast<ssize_t>(sizeof(text) - 1);
+    return close(fd) == 0 && written;
+}
+
+// Waits pass after pass for `forMs`, as the daemon's loop does: how many passes came.
+int PassesWithin(EVENT_WATCH& watch, CYCLE_STATE& state, int64_t forMs) {
+    const int64_t endMs = SteadyMs() + forMs;
+    int passes = 0;
+    while (SteadyMs() < endMs) {
+        AwaitNextPass(watch, state, 1000);
+        ++passes;
+    }
+    return passes;
+}
+
+TEST(FileNotificationsTest, ALeaseFileOfAnotherUserBringsNoPassAndRootsStillOneAtOnce) {
+    TESSEL_NEED_NAMESPACES();
+    Lines lines = InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS, [] {
+        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
+        LogCapture log;
+        KernelShapeScript kernel;
+        EVENT_WATCH watch = OpenEventWatch("/etc/tessel-networkd.conf");
+        CYCLE_STATE state = BuiltTwoPortState();
+        Lines seen;
+        auto said = [&](const std::string& what) { seen.push_back(what + ": " + Said(TakeEvents(watch))); };
+        WriteLease("/tmp/dhcp_veth1.txt", 65534, 0644);
+        said("nobody's lease");
+        WriteLease("/tmp/dhcp_veth3.txt", 0, 0666);
+        said("root's lease, writable by others");
+        WriteLease("/tmp/dhcp_veth3.txt", 0, 0644);
+        said("root's lease");
+        unlink("/tmp/dhcp_veth1.txt");
+        unlink("/tmp/dhcp_veth3.txt");
+        // Written again and again over 2.5 s, as an unprivileged user can.
+        std::thread flood([] {
+            const int64_t endMs = SteadyMs() + 2500;
+            for (int i = 0; SteadyMs() < endMs; ++i) {
+                WriteLease(i % 2 == 0 ? "/tmp/dhcp_veth1.txt" : "/tmp/dhcp_veth3.txt", 65534, 0644);
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        });
+        const int passes = PassesWithin(watch, state, 2500);
+        flood.join();
+        seen.push_back(passes <= 4 ? "the backstop's passes only" : std::to_string(passes) + " passes");
+        // Root's lease put in place by rename, as the client's script does: at once.
+        std::thread lease([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            unlink("/tmp/dhcp_veth1.txt");
+            WriteLease("/tmp/.lease", 0, 0644);
+            rename("/tmp/.lease", "/tmp/dhcp_veth1.txt");
+        });
+        const int64_t tookMs = TimedWait(watch, state, 5000);
+        lease.join();
+        seen.push_back(tookMs >= 200 && tookMs < 1000 ? "root's lease at once" : "took " + std::to_string(tookMs));
+        seen.push_back(std::to_string(kernel.m_nReads) + " looks at the kernel");
+        Lines timeline = log.Timeline();
+        seen.insert(seen.end(), timeline.begin(), timeline.end());
+        return seen;
+    });
+    EXPECT_EQ(lines,
+              (Lines{"nobody's lease: nothing", "root's lease, writable by others: nothing", "root's lease: lease",
+                     "the backstop's passes only", "root's lease at once", "0 looks at the kernel"}));
+}
+
+TEST(FileNotificationsTest, TheConfigurationWrittenAgainAndAgainBringsOneExtraPassASecond) {
+    TESSEL_NEED_NAMESPACES();
+    Lines lines = InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS, [] {
+        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
+        LogCapture log;
+        KernelShapeScript kernel;
+        EVENT_WATCH watch = OpenEventWatch("/tmp/networkd.conf");
+        CYCLE_STATE state = BuiltTwoPortState();
+        Lines seen;
+        std::thread writes([] {
+            const int64_t endMs = SteadyMs() + 3000;
+            while (SteadyMs() < endMs) {
+                WriteText("/tmp/networkd.conf", "bridge eth0eth1\n");
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+        });
+        const int passes = PassesWithin(watch, state, 3000);
+        writes.join();
+        // Three seconds: the backstop's three passes and one early a second at most.
+        seen.push_back(passes >= 3 && passes <= 7 ? "one extra pass a second at most"
+                                                  : std::to_string(passes) + " passes");
+        seen.push_back(state.m_nConfigWritingSinceMs == 0 ? "not being written" : "being written");
+        // After a quiet second, a write brings its pass at once again.
+        AwaitNextPass(watch, state, 1000);
+        std::thread write([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            WriteText("/tmp/networkd.conf", "bridge eth0\n");
+        });
+        const int64_t tookMs = TimedWait(watch, state, 5000);
+        write.join();
+        seen.push_back(tookMs >= 100 && tookMs < 900 ? "the next write at once" : "took " + std::to_string(tookMs));
+        return seen;
+    });
+    EXPECT_EQ(lines, (Lines{"one extra pass a second at most", "not being written", "the next write at once"}));
+}
+
+// inotify's overflow record, as the kernel queues it when events were lost.
+std::string Overflow() {
+    inotify_event record{};
+    record.wd = -1;
+    record.mask = IN_Q_OVERFLOW;
+    return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+
+TEST(FileNotificationsTest, OverflowsAreOneLookAtTheLeaseFilesNotAPassEach) {
+    TESSEL_NEED_NAMESPACES();
+    Lines lines = InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS, [] {
+        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
+        LogCapture log;
+        KernelShapeScript kernel;
+        // The files' side is a pipe the test writes overflow records to.
+        int ends[2] = {-1, -1};
+        if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return Lines{"no pipe"};
+        EVENT_WATCH watch;
+        watch.m_files.Reset(ends[0]);
+        watch.m_nConfigWatch = 1;
+        watch.m_nLeaseWatch = 2;
+        watch.m_configName = "networkd.conf";
+        Util::UniqueFd writer(ends[1]);
+        CYCLE_STATE state = BuiltTwoPortState();
+        Lines seen;
+        const std::string overflow = Overflow();
+        EVENTS events;
+        NoteFileEvents(watch, overflow.data(), overflow.size(), events);
+        seen.push_back(std::string(events.m_bFilesLost ? "lost" : "not lost") + ", " + Said(events));
+        auto overflows = [&writer, &overflow](int64_t forMs) {
+            return std::thread([&writer, &overflow, forMs] {
+                const int64_t endMs = SteadyMs() + forMs;
+                while (SteadyMs() < endMs) {
+                    if (write(writer.Get(), overflow.data(), overflow.size()) < 0) break;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                }
+            });
+        };
+        // No lease to take: the overflows bring no pass.
+        std::thread lost = overflows(2500);
+        int passes = PassesWithin(watch, state, 2500);
+        lost.join();
+        seen.push_back(passes <= 4 ? "no lease: the backstop's passes only" : std::to_string(passes) + " passes");
+        // A lease to take (left there: the worst case): one early pass a second at most.
+        if (!WriteLease("/tmp/dhcp_veth3.txt", 0, 0644)) return Lines{"cannot write a lease"};
+        lost = overflows(3000);
+        passes = PassesWithin(watch, state, 3000);
+        lost.join();
+        seen.push_back(passes >= 3 && passes <= 7 ? "a lease: one extra pass a second at most"
+                                                  : std::to_string(passes) + " passes");
+        seen.push_back(std::to_string(kernel.m_nReads) + " looks at the kernel");
+        return seen;
+    });
+    EXPECT_EQ(lines, (Lines{"lost, nothing", "no lease: the backstop's passes only",
+                            "a lease: one extra pass a second at most", "0 looks at the kernel"}));
 }
 
 }  // namespace

@@ -124,6 +124,82 @@ TEST(NetlinkDumpTest, AMultipartReplyIsReadOverItsDatagramsToDone) {
     EXPECT_FALSE(kernel.Queued());
 }
 
+// A reply the kernel marked interrupted: one of its messages, or its NLMSG_DONE.
+std::string Interrupted(std::string message) {
+    auto* header = reinterpret_cast<nlmsghdr*>(message.data());
+    header->nlmsg_flags |= NLM_F_DUMP_INTR;
+    return message;
+}
+
+TEST(NetlinkDumpTest, AnInterruptedReplyIsReadToItsEndAndNotTaken) {
+    Datagrams kernel;
+    kernel.Send(Message(RTM_NEWLINK, 4, 1) + Interrupted(Message(RTM_NEWLINK, 4, 2)));
+    kernel.Send(Message(RTM_NEWLINK, 4, 3) + Done(4));
+    kernel.Send(Message(RTM_NEWLINK, 5, 6) + Interrupted(Done(5)));
+    const Util::UniqueMapping buffer(4096);
+    ASSERT_TRUE(buffer.IsMapped());
+    bool interrupted = false;
+    std::vector<int> taken;
+    auto take = [&taken](const nlmsghdr* header) {
+        taken.push_back(static_cast<const ifinfomsg*>(NLMSG_DATA(header))->ifi_index);
+    };
+    EXPECT_FALSE(ReadDump(kernel.m_reader.Get(), buffer, 4, take, &interrupted));
+    EXPECT_TRUE(interrupted);
+    EXPECT_EQ(taken, (std::vector<int>{1, 2, 3}));
+    // Read to its NLMSG_DONE: the next reply is the next one's.
+    EXPECT_FALSE(ReadDump(kernel.m_reader.Get(), buffer, 5, take));
+    EXPECT_EQ(taken, (std::vector<int>{1, 2, 3, 6}));
+    EXPECT_FALSE(kernel.Queued());
+}
+
+TEST(NetlinkDumpTest, AnInterruptedDumpIsAskedForAgainAndOnlyTheWholeReplyKept) {
+    Datagrams kernel;
+    const Util::UniqueMapping buffer(4096);
+    ASSERT_TRUE(buffer.IsMapped());
+    // The first two replies interrupted by a change, the third whole.
+    const std::vector<std::string> replies = {
+        Message(RTM_NEWLINK, 9, 1) + Interrupted(Message(RTM_NEWLINK, 9, 2)) + Done(9),
+        Message(RTM_NEWLINK, 9, 1) + Interrupted(Done(9)),
+        Message(RTM_NEWLINK, 9, 1) + Message(RTM_NEWLINK, 9, 3) + Done(9)};
+    size_t asked = 0;
+    std::vector<int> taken;
+    auto ask = [&] {
+        if (asked < replies.size()) kernel.Send(replies[asked]);
+        ++asked;
+        return true;
+    };
+    auto take = [&taken](const nlmsghdr* header) {
+        taken.push_back(static_cast<const ifinfomsg*>(NLMSG_DATA(header))->ifi_index);
+    };
+    EXPECT_TRUE(ReadWholeDump(kernel.m_reader.Get(), buffer, 9, ask, take, [&taken] { taken.clear(); }));
+    EXPECT_EQ(asked, 3U);
+    EXPECT_EQ(taken, (std::vector<int>{1, 3}));
+    EXPECT_FALSE(kernel.Queued());
+}
+
+TEST(NetlinkDumpTest, ADumpInterruptedEveryTimeIsNotReadAfterABoundedNumberOfAttempts) {
+    Datagrams kernel;
+    const Util::UniqueMapping buffer(4096);
+    ASSERT_TRUE(buffer.IsMapped());
+    int asked = 0;
+    std::vector<int> taken;
+    auto ask = [&] {
+        kernel.Send(Message(RTM_NEWLINK, 2, 7) + Interrupted(Done(2)));
+        ++asked;
+        return true;
+    };
+    auto take = [&taken](const nlmsghdr* header) {
+        taken.push_back(static_cast<const ifinfomsg*>(NLMSG_DATA(header))->ifi_index);
+    };
+    EXPECT_FALSE(ReadWholeDump(kernel.m_reader.Get(), buffer, 2, ask, take, [&taken] { taken.clear(); }));
+    EXPECT_EQ(asked, kDumpAttempts);
+    EXPECT_GE(asked, 2);
+    EXPECT_LE(asked, 8);
+    // Nothing of an interrupted reply is left to be taken as the shape.
+    EXPECT_EQ(taken, std::vector<int>{});
+    EXPECT_FALSE(kernel.Queued());
+}
+
 TEST(NetlinkDumpTest, TheKernelsErrorEndsTheDumpAsNotRead) {
     Datagrams kernel;
     kernel.Send(Message(RTM_NEWLINK, 3, 1));
@@ -273,8 +349,10 @@ TEST(NetlinkKernelTest, TheKernelAnswersTheDumpAndTheLinkRequest) {
             const rtattr* attribute = FindAttribute(MessageAttributes(header, sizeof(ifinfomsg)), IFLA_IFNAME);
             return attribute == nullptr ? std::string("?") : std::string(static_cast<const char*>(RTA_DATA(attribute)));
         };
-        const bool read = Dump(socketFd.Get(), buffer, RTM_GETLINK, AF_UNSPEC, 1,
-                               [&seen, &name](const nlmsghdr* header) { seen.push_back("dump " + name(header)); });
+        const bool read = Dump(
+            socketFd.Get(), buffer, RTM_GETLINK, AF_UNSPEC, 1,
+            [&seen, &name](const nlmsghdr* header) { seen.push_back("dump " + name(header)); },
+            [&seen] { seen.emplace_back("dump again"); });
         seen.push_back(read ? "dump read" : "dump not read");
         if (SendLinkRequest(socketFd.Get(), "lo", 2)) {
             const nlmsghdr* reply = ReadReply(socketFd.Get(), buffer);
