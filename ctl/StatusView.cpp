@@ -151,6 +151,10 @@ std::vector<std::string> IsolationLines(const json& document) {
         // The time of day of an ISO 8601 time; anything else as it is.
         std::string verified = Text(At(isolation, "verified_at"));
         if (verified.size() >= 19 && verified[10] == 'T') verified = verified.substr(11, 8);
+        const json& partial = At(isolation, "partial");
+        if (partial.is_string()) {
+            return Wrap("PARTIAL, ARP and IPv4 only (verified " + verified + "): " + Text(partial), kHeadValueWidth);
+        }
         return {"in force (verified " + verified + ")"};
     }
     const json& problem = At(isolation, "problem");
@@ -219,6 +223,8 @@ std::vector<std::string> Degradations(const json& document) {
     const json& isolation = At(document, "isolation");
     if (Flag(At(isolation, "required")) && !Flag(At(isolation, "in_force"))) {
         reasons.push_back("isolation of eth0 and eth1 is not in force");
+    } else if (Flag(At(isolation, "required")) && At(isolation, "partial").is_string()) {
+        reasons.push_back("isolation of eth0 and eth1 is partial (ARP and IPv4 only)");
     }
     return reasons;
 }

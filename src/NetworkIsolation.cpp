@@ -9,10 +9,12 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <span>
 #include <string>
 #include <string_view>
@@ -22,7 +24,9 @@
 #include "logging/Logging.h"
 #include "src/NetworkInternalNames.h"
 #include "src/NetworkNetlink.h"
+#include "src/NetworkNotify.h"
 #include "src/NetworkRetry.h"
+#include "src/NetworkShape.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
@@ -34,17 +38,25 @@ namespace {
 
 // Every frame in and out of a port dropped where it enters or leaves the
 // bridge, in a table of its own so that the filter table's flushes leave it.
-// Each block is deleted first, so that setting it again leaves one. eth1 is
-// blocked so from a build's first command to its last; the device's own
-// stack, through veth0, the same way while a two-port build or a repair runs:
-// until the link-layer rules are looked at, nothing of the internal network
-// reaches it.
+// Each block is deleted first, so that setting it again leaves one; usually
+// there is none to delete, and the tool's complaint about that stays out of
+// the log. eth1 is blocked so from a two-port build's first command to its
+// last; the device's own stack, through veth0, the same way while a two-port
+// build or a repair runs: until the link-layer rules are looked at, nothing of
+// the internal network reaches it.
 template <FIXED_TEXT Port>
 constexpr SHELL_STEP kBlockSteps[] = {
-    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP 2>/dev/null">, false},
     {kJoined<"ebtables -t nat -A PREROUTING -i ", Port, " -j DROP">, true},
-    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP 2>/dev/null">, false},
     {kJoined<"ebtables -t nat -A POSTROUTING -o ", Port, " -j DROP">, true},
+};
+// A block taken away again where ebtables refused part of it: quietly, as
+// much of it as went in.
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kQuietLiftSteps[] = {
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP 2>/dev/null">, false},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP 2>/dev/null">, false},
 };
 template <FIXED_TEXT Port>
 constexpr SHELL_STEP kLiftBlockSteps[] = {
@@ -169,14 +181,22 @@ constexpr unsigned int kLinkLayerIsolationRules = CountAppended(kLinkLayerRuleSt
 namespace {
 
 // Outside the two-port mode there are no link-layer rules, and no block on
-// veth0 (one a two-port build cut short left; usually there is none).
+// veth0 (one a two-port build cut short left; usually there is none). Each
+// may find nothing (or no table) to clear: quietly, and none has to succeed.
 // clang-format off
 const SHELL_STEP kRemoveLinkLayerRuleSteps[] = {
-    {"ebtables -F",                                     true},
-    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP",  false},
-    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP", false},
+    {"ebtables -F 2>/dev/null",                                     false},
+    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP 2>/dev/null",  false},
+    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP 2>/dev/null", false},
 };
 // clang-format on
+
+// Whether ebtables can use the kernel's tables, asked without changing them:
+// only where it was found refusing them before.
+const char* const kLinkLayerProbes[] = {
+    "ebtables -t nat -L > /dev/null 2>&1",
+    "ebtables -t filter -L > /dev/null 2>&1",
+};
 
 // While the isolation is not in force after a two-port build or a repair that
 // stopped short, eth1 is kept down, and raised again once a repair worked.
@@ -270,15 +290,18 @@ BRIDGE_FILTER_STATE BridgeFilterState() {
     return reader ? reader(kBridge) : ReadBridgeFilterState(kBridge);
 }
 
-// One look at the whole isolation: the three listings and bridge netfilter.
+// One look at the whole isolation: the three listings (two without the link
+// layer) and bridge netfilter.
 // With a reference, the listings must be what it holds. Fills `listings` and
 // `problems`; false, with `failure` naming the first thing wrong, when it is
 // not whole (a listing that could not be run included).
 bool LookAtIsolation(const ISOLATION_LISTINGS* reference, ISOLATION_LISTINGS& listings, std::string& problems,
-                     WORK_FAILURE& failure) {
+                     WORK_FAILURE& failure, bool linkLayer) {
     problems.clear();
     for (const RULE_LISTING& table : kRuleListings) {
         std::string& text = listings.*table.m_text;
+        // Without the link layer there are no rules of it to look at.
+        if (!linkLayer && table.m_text == &ISOLATION_LISTINGS::m_linkLayer) continue;
         WORK_FAILURE listingFailure;
         if (!RunStep(table.m_szCommand, true, listingFailure, &text)) {
             AddProblem(problems, Util::Format("the %s rules cannot be listed (%s)", table.m_szTable,
@@ -307,13 +330,74 @@ void NoteInForce(ISOLATION_STATE& state, ISOLATION_LISTINGS&& listings) {
     state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
 }
 
+// Notes why the link layer cannot be had; the WARN that says so comes once
+// per absence, and only where the two-port mode needs it (`warn`).
+void NoteLinkLayerMissing(LINK_LAYER_STATE& linkLayer, const std::string& why, bool warn) {
+    linkLayer.m_missing = why;
+    if (!warn || linkLayer.m_bWarned) return;
+    linkLayer.m_bWarned = true;
+    LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+              "Link-layer isolation not available (" + why + "); isolating ARP and IPv4 only");
+}
+
+// The table an ebtables command names ("-t nat"), filter without one.
+std::string EbtablesTable(const std::string& command) {
+    const size_t at = command.find(" -t ");
+    if (at == std::string::npos) return "filter";
+    const size_t start = at + 4;
+    return command.substr(start, command.find(' ', start) - start);
+}
+
+// Runs link-layer steps. A step that must succeed and that ebtables refuses
+// (it ran and exited with a failure: no such table in the kernel, or no
+// ebtables at all) is no failure of the work: the blocks that went in are
+// taken away again, quietly, the absence is noted, and the rest is not run
+// (true, with linkLayer.m_missing set). False, as RunStep, for anything else
+// that stops the work.
+bool RunLinkLayerSteps(std::span<const SHELL_STEP> steps, LINK_LAYER_STATE& linkLayer, bool warn,
+                       WORK_FAILURE& failure) {
+    for (const SHELL_STEP& step : steps) {
+        if (!step.m_bMustSucceed) {
+            if (!RunStep(step.m_szCommand, false, failure)) return false;
+            continue;
+        }
+        const COMMAND_OUTCOME outcome = RunCommand(step.m_szCommand);
+        NotifyWatchdog();
+        if (outcome.Succeeded()) continue;
+        const bool refused = outcome.m_bStarted && !outcome.m_bTimedOut && outcome.m_bExited;
+        if (!refused || StopRequested()) {
+            failure.m_command = step.m_szCommand;
+            failure.m_outcome = outcome;
+            // As RunStep: a deadline was reported when it struck, a stop is no fault.
+            if (!outcome.m_bTimedOut && !StopRequested()) {
+                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                          "Command failed (" + DescribeOutcome(outcome) + "): " + step.m_szCommand);
+            }
+            return false;
+        }
+        WORK_FAILURE ignored;
+        RunSteps(kQuietLiftSteps<"veth0">, ignored);
+        RunSteps(kQuietLiftSteps<"eth1">, ignored);
+        linkLayer.m_bEth1Blocked = false;
+        NoteLinkLayerMissing(
+            linkLayer,
+            Util::Format("ebtables cannot use the kernel's %s table: %s (%s)", EbtablesTable(step.m_szCommand).c_str(),
+                         step.m_szCommand, DescribeOutcome(outcome).c_str()),
+            warn);
+        return true;
+    }
+    return true;
+}
+
 // Puts the whole isolation back without touching the bridge: eth1 and veth0
 // blocked, the ARP and IP rules of the build, the rest as after a build, the
 // blocks lifted.
 void RepairIsolation(ISOLATION_STATE& state) {
     WORK_FAILURE failure;
-    const bool done = BlockEth1(failure) && BlockVeth0(failure) && SetupIsolationRules(failure) &&
-                      CompleteIsolation(state, failure) && LiftVeth0Block(failure) && LiftEth1Block(failure);
+    LINK_LAYER_STATE& linkLayer = state.m_linkLayer;
+    const bool done = BlockTwoPortBuild(linkLayer, failure) && SetupIsolationRules(failure) &&
+                      CompleteIsolation(state, failure) && LiftVeth0BlockOfBuild(linkLayer, failure) &&
+                      LiftEth1BlockOfBuild(linkLayer, failure);
     if (!done) {
         if (StopRequested()) return;
         state.m_bInForce = false;
@@ -399,6 +483,86 @@ BridgeFilterReader SetBridgeFilterReader(BridgeFilterReader reader) {
 
 bool HoldEth1Down(WORK_FAILURE& failure) { return RunSteps(kHoldEth1DownSteps, failure); }
 
+bool ToolOnPath(const char* name) {
+    const char* path = std::getenv("PATH");
+    // What the shell searches without one.
+    const std::string directories =
+        path != nullptr ? path : "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+    size_t start = 0;
+    while (start <= directories.size()) {
+        size_t end = directories.find(':', start);
+        if (end == std::string::npos) end = directories.size();
+        // An empty entry is the working directory, as for the shell.
+        const std::string directory = end > start ? directories.substr(start, end - start) : ".";
+        const std::string candidate = directory + "/" + name;
+        struct stat info {};
+        if (stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(candidate.c_str(), X_OK) == 0) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+bool LinkLayerUsable(LINK_LAYER_STATE& linkLayer) {
+    if (!ToolOnPath("ebtables")) {
+        NoteLinkLayerMissing(linkLayer, "no ebtables on the path", true);
+        return false;
+    }
+    if (!linkLayer.m_missing.empty()) {
+        // It was missing or refused: asked again, without changing anything.
+        for (const char* probe : kLinkLayerProbes) {
+            const COMMAND_OUTCOME outcome = RunCommand(probe);
+            NotifyWatchdog();
+            if (!outcome.Succeeded()) {
+                if (linkLayer.m_missing == "no ebtables on the path") {
+                    NoteLinkLayerMissing(
+                        linkLayer,
+                        Util::Format("ebtables cannot use the kernel's %s table: %s (%s)", EbtablesTable(probe).c_str(),
+                                     probe, DescribeOutcome(outcome).c_str()),
+                        true);
+                }
+                return false;
+            }
+        }
+        linkLayer.m_missing.clear();
+        linkLayer.m_bWarned = false;
+    }
+    return true;
+}
+
+bool BlockTwoPortBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!LinkLayerUsable(linkLayer)) return true;
+    linkLayer.m_bMayHaveRules = true;
+    if (!RunLinkLayerSteps(kBlockSteps<"eth1">, linkLayer, true, failure)) return false;
+    if (!linkLayer.m_missing.empty()) return true;
+    linkLayer.m_bEth1Blocked = true;
+    return RunLinkLayerSteps(kBlockSteps<"veth0">, linkLayer, true, failure);
+}
+
+bool LiftVeth0BlockOfBuild(const LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    return !linkLayer.m_missing.empty() || LiftVeth0Block(failure);
+}
+
+bool LiftEth1BlockOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!linkLayer.m_bEth1Blocked) return true;
+    if (!LiftEth1Block(failure)) return false;
+    linkLayer.m_bEth1Blocked = false;
+    return true;
+}
+
+bool BlockEth1AtStartUp(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!ToolOnPath("ebtables")) return true;
+    const KERNEL_SHAPE kernel = LookAtKernel();
+    const KERNEL_LINK* bridge = kernel.Link(kBridge);
+    const KERNEL_LINK* eth1 = kernel.Link("eth1");
+    if (bridge == nullptr || eth1 == nullptr || eth1->m_nMaster != bridge->m_nIndex) return true;
+    linkLayer.m_bMayHaveRules = true;
+    if (!RunLinkLayerSteps(kBlockSteps<"eth1">, linkLayer, false, failure)) return false;
+    linkLayer.m_bEth1Blocked = linkLayer.m_missing.empty();
+    return true;
+}
+
 bool SetupIsolationRules(WORK_FAILURE& failure) { return RunSteps(kIsolationRuleSteps, failure); }
 
 bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"eth1">, failure); }
@@ -410,14 +574,17 @@ bool BlockVeth0(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"veth0">, f
 bool LiftVeth0Block(WORK_FAILURE& failure) { return RunSteps(kLiftBlockSteps<"veth0">, failure); }
 
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
-    if (!RunSteps(kBridgeFilterSteps, failure) || !RunSteps(kLinkLayerRuleSteps, failure)) {
+    LINK_LAYER_STATE& linkLayer = state.m_linkLayer;
+    if (!RunSteps(kBridgeFilterSteps, failure) ||
+        (linkLayer.m_missing.empty() && !RunLinkLayerSteps(kLinkLayerRuleSteps, linkLayer, true, failure))) {
         state.m_bInForce = false;
         state.m_problem = "setting it up failed: " + failure.m_command;
         return false;
     }
     ISOLATION_LISTINGS listings;
     std::string problems;
-    if (!LookAtIsolation(nullptr, listings, problems, failure)) {
+    const bool withLinkLayer = linkLayer.m_missing.empty();
+    if (!LookAtIsolation(nullptr, listings, problems, failure, withLinkLayer)) {
         state.m_bInForce = false;
         state.m_problem = problems;
         if (!StopRequested()) {
@@ -426,21 +593,44 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
         return false;
     }
     NoteInForce(state, std::move(listings));
-    LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
-              Util::Format("Isolation in force: %u ARP, %u IP and %u link-layer rules, bridge netfilter for br0",
-                           kArpIsolationRules, kIpIsolationRules, kLinkLayerIsolationRules));
+    if (withLinkLayer) {
+        LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
+                  Util::Format("Isolation in force: %u ARP, %u IP and %u link-layer rules, bridge netfilter for br0",
+                               kArpIsolationRules, kIpIsolationRules, kLinkLayerIsolationRules));
+    } else {
+        LOG_ENTRY(
+            LOGGING_SEVERITY_INFO, false,
+            Util::Format("Isolation in force: %u ARP and %u IP rules, bridge netfilter for br0; no link-layer rules",
+                         kArpIsolationRules, kIpIsolationRules));
+    }
     return true;
 }
 
 bool RemoveLinkLayerRules(WORK_FAILURE& failure) { return RunSteps(kRemoveLinkLayerRuleSteps, failure); }
 
+bool RemoveLinkLayerRulesOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!linkLayer.m_bMayHaveRules) return true;
+    if (ToolOnPath("ebtables") && !RemoveLinkLayerRules(failure)) return false;
+    linkLayer.m_bMayHaveRules = false;
+    return true;
+}
+
 void SuperviseIsolation(ISOLATION_STATE& state) {
     if (!state.m_bRepairPending) {
         if (MonotonicMs() < state.m_nNextCheckMs) return;
+        // A link layer that was missing and can now be had is put in as a repair.
+        if (state.m_bInForce && !state.m_linkLayer.m_missing.empty() && LinkLayerUsable(state.m_linkLayer)) {
+            state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
+            state.m_bRepairPending = true;
+            LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Link-layer isolation available; putting it in");
+            if (WorkDue(state.m_health)) RepairIsolation(state);
+            return;
+        }
         ISOLATION_LISTINGS listings;
         std::string problems;
         WORK_FAILURE failure;
-        const bool whole = LookAtIsolation(&state.m_listings, listings, problems, failure);
+        const bool whole =
+            LookAtIsolation(&state.m_listings, listings, problems, failure, state.m_linkLayer.m_missing.empty());
         state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
         // A look cut short by a stop found nothing.
         if (StopRequested()) return;
