@@ -120,7 +120,7 @@ class LifecycleTest(harness.DaemonTestCase):
         # daemon's namespace before it starts.
         daemon = self.start_running_daemon(interfaces=["eth1"], setup=[
             '"$IP" link add br0 type bridge && "$IP" link set eth1 master br0 || fail "cannot make br0"'])
-        commands = self.sandbox.commands()
+        commands = self.sandbox.wait_for_commands(len(START_UP) + len(ETH1_BLOCK))
         self.assertEqual(commands, START_UP[:1] + ETH1_BLOCK + START_UP[1:])
         # Whatever that daemon left of its rules, eth1 comes up blocked: the whole block
         # (both directions) before it is raised, and nothing lifts it.
