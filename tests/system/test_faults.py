@@ -139,7 +139,7 @@ class FaultTest(harness.DaemonTestCase):
                 sandbox.set_only("ip", "link add name br0")
                 sandbox.set_delay("ip", 100)
                 daemon = sandbox.start()
-                sandbox.wait_for_commands(len(START_UP) + len(ETH1_BLOCK) + 8)
+                sandbox.wait_for_commands(len(START_UP) + 8)
                 self.assertEqual(sandbox.commands()[-1], "ip link add name br0 type bridge")
                 sent = time.monotonic()
                 daemon.send(sig)
