@@ -181,8 +181,15 @@ std::vector<std::string> IsolationLines(const json& document) {
         const json& mode = At(document, "bridge_mode");
         return {mode.is_string() ? "not required (bridge mode " + Text(mode) + ")" : "not required (no bridge built)"};
     }
-    if (IsolationVerifiedLately(isolation))
+    if (IsolationVerifiedLately(isolation)) {
+        const json& partial = At(isolation, "partial");
+        if (partial.is_string()) {
+            return Wrap("PARTIAL, ARP and IPv4 only (verified " + TimeOfDay(At(isolation, "verified_at")) +
+                            "): " + Text(partial),
+                        kHeadValueWidth);
+        }
         return {"in force (verified " + TimeOfDay(At(isolation, "verified_at")) + ")"};
+    }
     if (Flag(At(isolation, "in_force"))) {
         return {"NOT verified since " + TimeOfDay(At(isolation, "verified_at"))};
     }
@@ -254,6 +261,8 @@ std::vector<std::string> Degradations(const json& document) {
         reasons.push_back("isolation of eth0 and eth1 is not in force");
     } else if (Flag(At(isolation, "required")) && !IsolationVerifiedLately(isolation)) {
         reasons.push_back("isolation of eth0 and eth1 not verified since " + Text(At(isolation, "verified_at")));
+    } else if (Flag(At(isolation, "required")) && At(isolation, "partial").is_string()) {
+        reasons.push_back("isolation of eth0 and eth1 is partial (ARP and IPv4 only)");
     }
     return reasons;
 }

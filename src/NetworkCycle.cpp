@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "logging/Logging.h"
 #include "src/NetworkBridge.h"
@@ -47,8 +48,9 @@ const REGISTER_WRITE kRegisterWriteSequence[] = {
 // clang-format on
 
 // Loopback up, and eth1 bounced; only the loopback is needed by later work.
-// eth1 is blocked in between (BlockEth1): whatever a daemon before this one
-// left of br0 and its rules, nothing crosses eth1 until a build has finished.
+// Where a daemon before this one left br0 carrying eth1, eth1 is blocked in
+// between (BlockEth1AtStartUp): whatever it left of its rules, nothing crosses
+// eth1 until a build has finished.
 const SHELL_STEP kLoopbackSteps[] = {
     {"ip link set dev lo up", true},
 };
@@ -83,20 +85,26 @@ bool RunRegisterWriteSequence(WORK_FAILURE& failure) {
     return true;
 }
 
-// One build of br0 for the mode, with eth1 blocked from its first command to
-// its last (and veth0 too in the two-port mode): in the two-port mode the
-// isolation is then completed and looked at; in the others the link-layer
-// rules go. A build cut short leaves the blocks.
+// One build of br0 for the mode. In the two-port mode eth1 and veth0 are
+// blocked from its first command to its last, where the link layer can be
+// had, and the isolation is then completed and looked at. In the others the
+// design's commands alone run, and link-layer rules go where there may be
+// some (quietly), and a block start-up left on eth1 is lifted. A build cut
+// short leaves the blocks.
 bool BuildBridge(BRIDGE_MODE bridgeMode, ISOLATION_STATE& isolation, WORK_FAILURE& failure) {
     const bool twoPorts = bridgeMode == BRIDGE_MODE_ETH0ETH1;
     isolation.m_bInForce = false;
     isolation.m_problem.clear();
-    bool built = BlockEth1(failure) && (!twoPorts || BlockVeth0(failure)) && SetupBridge(bridgeMode, "", "", &failure);
-    if (built && twoPorts) built = CompleteIsolation(isolation, failure) && LiftVeth0Block(failure);
-    if (built && !twoPorts) built = RemoveLinkLayerRules(failure);
-    if (built) built = LiftEth1Block(failure);
+    LINK_LAYER_STATE& linkLayer = isolation.m_linkLayer;
+    bool built = (!twoPorts || BlockTwoPortBuild(linkLayer, failure)) && SetupBridge(bridgeMode, "", "", &failure);
+    if (built && twoPorts) built = CompleteIsolation(isolation, failure) && LiftVeth0BlockOfBuild(linkLayer, failure);
+    if (built && !twoPorts) built = RemoveLinkLayerRulesOfBuild(linkLayer, failure);
+    if (built) built = LiftEth1BlockOfBuild(linkLayer, failure);
     if (!twoPorts) {
+        // What is known of the link layer holds whatever the mode.
+        LINK_LAYER_STATE kept = std::move(linkLayer);
         isolation = ISOLATION_STATE{};
+        isolation.m_linkLayer = std::move(kept);
         return built;
     }
     if (built) {
@@ -191,7 +199,8 @@ void SuperviseLastUsableShape(CYCLE_STATE& state) {
 
 void RunStartupCommands(CYCLE_STATE& state) {
     WORK_FAILURE failure;
-    if (RunSteps(kLoopbackSteps, failure) && BlockEth1(failure) && RunSteps(kBounceEth1Steps, failure)) {
+    if (RunSteps(kLoopbackSteps, failure) && BlockEth1AtStartUp(state.m_isolation.m_linkLayer, failure) &&
+        RunSteps(kBounceEth1Steps, failure)) {
         state.m_bStartupPending = false;
         NoteWorkDone(state.m_startupHealth, "start-up commands");
     } else {

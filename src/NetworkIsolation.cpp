@@ -9,12 +9,14 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <span>
 #include <string>
 #include <string_view>
@@ -24,7 +26,9 @@
 #include "logging/Logging.h"
 #include "src/NetworkInternalNames.h"
 #include "src/NetworkNetlink.h"
+#include "src/NetworkNotify.h"
 #include "src/NetworkRetry.h"
+#include "src/NetworkShape.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
@@ -36,17 +40,25 @@ namespace {
 
 // Every frame in and out of a port dropped where it enters or leaves the
 // bridge, in a table of its own so that the filter table's flushes leave it.
-// Each block is deleted first, so that setting it again leaves one. eth1 is
-// blocked so from a build's first command to its last; the device's own
-// stack, through veth0, the same way while a two-port build or a repair runs:
-// until the link-layer rules are looked at, nothing of the internal network
-// reaches it.
+// Each block is deleted first, so that setting it again leaves one; usually
+// there is none to delete, and the tool's complaint about that stays out of
+// the log. eth1 is blocked so from a two-port build's first command to its
+// last; the device's own stack, through veth0, the same way while a two-port
+// build or a repair runs: until the link-layer rules are looked at, nothing of
+// the internal network reaches it.
 template <FIXED_TEXT Port>
 constexpr SHELL_STEP kBlockSteps[] = {
-    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP 2>/dev/null">, false},
     {kJoined<"ebtables -t nat -A PREROUTING -i ", Port, " -j DROP">, true},
-    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP">, false},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP 2>/dev/null">, false},
     {kJoined<"ebtables -t nat -A POSTROUTING -o ", Port, " -j DROP">, true},
+};
+// A block taken away again where ebtables refused part of it: quietly, as
+// much of it as went in.
+template <FIXED_TEXT Port>
+constexpr SHELL_STEP kQuietLiftSteps[] = {
+    {kJoined<"ebtables -t nat -D PREROUTING -i ", Port, " -j DROP 2>/dev/null">, false},
+    {kJoined<"ebtables -t nat -D POSTROUTING -o ", Port, " -j DROP 2>/dev/null">, false},
 };
 template <FIXED_TEXT Port>
 constexpr SHELL_STEP kLiftBlockSteps[] = {
@@ -180,14 +192,22 @@ constexpr unsigned int kLinkLayerIsolationRules = CountAppended(kLinkLayerRuleSt
 namespace {
 
 // Outside the two-port mode there are no link-layer rules, and no block on
-// veth0 (one a two-port build cut short left; usually there is none).
+// veth0 (one a two-port build cut short left; usually there is none). Each
+// may find nothing (or no table) to clear: quietly, and none has to succeed.
 // clang-format off
 const SHELL_STEP kRemoveLinkLayerRuleSteps[] = {
-    {"ebtables -F",                                     true},
-    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP",  false},
-    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP", false},
+    {"ebtables -F 2>/dev/null",                                     false},
+    {"ebtables -t nat -D PREROUTING -i veth0 -j DROP 2>/dev/null",  false},
+    {"ebtables -t nat -D POSTROUTING -o veth0 -j DROP 2>/dev/null", false},
 };
 // clang-format on
+
+// Whether ebtables can use the kernel's tables, asked without changing them:
+// only where it was found refusing them before.
+const char* const kLinkLayerProbes[] = {
+    "ebtables -t nat -L > /dev/null 2>&1",
+    "ebtables -t filter -L > /dev/null 2>&1",
+};
 
 // While the isolation is not in force after a two-port build or a repair that
 // stopped short, eth1 is kept down, and raised again once a repair worked.
@@ -232,13 +252,38 @@ constexpr std::pair<std::string_view, std::string_view> kSpellings[] = {
     {"--src", "-s"},
     {"--dst", "-d"},
     {"--jump", "-j"},
+    {"--protocol", "-p"},
     {"--source-mac", "--src-mac"},
     {"--destination-mac", "--dst-mac"},
 };
 
-// A value in one spelling: a MAC in lower case, two digits a byte (the legacy
-// ebtables drops leading zeros), a single IPv4 address without its "/32".
-std::string UsualValue(std::string value) {
+// EtherTypes the tools print by name; the rule tables and other versions of
+// the tools give the number ("-p 0x88a8" is listed as "-p S-TAG",
+// "--vlan-encap 802_1Q" as "--vlan-encap 8100").
+constexpr std::pair<std::string_view, std::string_view> kEtherTypeNames[] = {
+    {"IPv4", "0800"}, {"ARP", "0806"}, {"IPv6", "86dd"}, {"802_1Q", "8100"}, {"S-TAG", "88a8"}, {"802_1AD", "88a8"},
+};
+
+// An EtherType as four lower-case hexadecimal digits, from a name or a number
+// with or without "0x"; anything else as it is.
+std::string UsualEtherType(const std::string& value) {
+    for (const auto& [name, number] : kEtherTypeNames) {
+        if (value == name) return std::string(number);
+    }
+    std::string digits = value.starts_with("0x") || value.starts_with("0X") ? value.substr(2) : value;
+    if (digits.empty() || digits.size() > 4 ||
+        digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+        return value;
+    }
+    for (char& digit : digits) digit = static_cast<char>(tolower(static_cast<unsigned char>(digit)));
+    return std::string(4 - digits.size(), '0') + digits;
+}
+
+// A value in one spelling: an EtherType (of `option`) as its number, a MAC in
+// lower case, two digits a byte (the legacy ebtables drops leading zeros), a
+// single IPv4 address without its "/32".
+std::string UsualValue(std::string value, const std::string& option) {
+    if (option == "-p" || option == "--vlan-encap") return UsualEtherType(value);
     if (value.ends_with("/32")) value.resize(value.size() - 3);
     std::vector<std::string> bytes;
     Util::Split(bytes, value, ':');
@@ -274,7 +319,8 @@ RULE_WORDS ReadRule(const std::string& text) {
             continue;
         }
         if (!word.starts_with('-') && !options.empty()) {
-            options.back() += (negated ? " ! " : " ") + UsualValue(word);
+            const std::string option = options.back().substr(options.back().find('-'));
+            options.back() += (negated ? " ! " : " ") + UsualValue(word, option.substr(0, option.find(' ')));
             negated = false;
             continue;
         }
@@ -496,15 +542,18 @@ BRIDGE_FILTER_STATE BridgeFilterState() {
     return reader ? reader(kBridge) : ReadBridgeFilterState(kBridge);
 }
 
-// One look at the whole isolation: the three listings and bridge netfilter.
-// A listing that cannot be run leaves its table unjudged.
-ISOLATION_LOOK LookAtIsolation() {
+// One look at the whole isolation: the three listings (two without the link
+// layer) and bridge netfilter. A listing that cannot be run leaves its table
+// unjudged.
+ISOLATION_LOOK LookAtIsolation(bool linkLayer) {
     static const std::vector<OWN_RULE> ownRules[] = {ReadOwnRules(kRuleListings[0]), ReadOwnRules(kRuleListings[1]),
                                                      ReadOwnRules(kRuleListings[2])};
     static_assert(std::size(ownRules) == std::size(kRuleListings));
     ISOLATION_LOOK look;
     for (size_t index = 0; index < std::size(kRuleListings); ++index) {
         const RULE_LISTING& table = kRuleListings[index];
+        // Without the link layer there are no rules of it to look at.
+        if (!linkLayer && table.m_steps.data() == kLinkLayerRuleSteps) continue;
         std::string text;
         WORK_FAILURE listingFailure;
         if (!RunStep(table.m_szCommand, true, listingFailure, &text)) {
@@ -557,13 +606,74 @@ void NoteUnverified(ISOLATION_STATE& state, const std::string& why) {
     state.m_nNextCheckMs = MonotonicMs() + state.m_nListingRetryMs;
 }
 
+// Notes why the link layer cannot be had; the WARN that says so comes once
+// per absence, and only where the two-port mode needs it (`warn`).
+void NoteLinkLayerMissing(LINK_LAYER_STATE& linkLayer, const std::string& why, bool warn) {
+    linkLayer.m_missing = why;
+    if (!warn || linkLayer.m_bWarned) return;
+    linkLayer.m_bWarned = true;
+    LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+              "Link-layer isolation not available (" + why + "); isolating ARP and IPv4 only");
+}
+
+// The table an ebtables command names ("-t nat"), filter without one.
+std::string EbtablesTable(const std::string& command) {
+    const size_t at = command.find(" -t ");
+    if (at == std::string::npos) return "filter";
+    const size_t start = at + 4;
+    return command.substr(start, command.find(' ', start) - start);
+}
+
+// Runs link-layer steps. A step that must succeed and that ebtables refuses
+// (it ran and exited with a failure: no such table in the kernel, or no
+// ebtables at all) is no failure of the work: the blocks that went in are
+// taken away again, quietly, the absence is noted, and the rest is not run
+// (true, with linkLayer.m_missing set). False, as RunStep, for anything else
+// that stops the work.
+bool RunLinkLayerSteps(std::span<const SHELL_STEP> steps, LINK_LAYER_STATE& linkLayer, bool warn,
+                       WORK_FAILURE& failure) {
+    for (const SHELL_STEP& step : steps) {
+        if (!step.m_bMustSucceed) {
+            if (!RunStep(step.m_szCommand, false, failure)) return false;
+            continue;
+        }
+        const COMMAND_OUTCOME outcome = RunCommand(step.m_szCommand);
+        NotifyWatchdog();
+        if (outcome.Succeeded()) continue;
+        const bool refused = outcome.m_bStarted && !outcome.m_bTimedOut && outcome.m_bExited;
+        if (!refused || StopRequested()) {
+            failure.m_command = step.m_szCommand;
+            failure.m_outcome = outcome;
+            // As RunStep: a deadline was reported when it struck, a stop is no fault.
+            if (!outcome.m_bTimedOut && !StopRequested()) {
+                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                          "Command failed (" + DescribeOutcome(outcome) + "): " + step.m_szCommand);
+            }
+            return false;
+        }
+        WORK_FAILURE ignored;
+        RunSteps(kQuietLiftSteps<"veth0">, ignored);
+        RunSteps(kQuietLiftSteps<"eth1">, ignored);
+        linkLayer.m_bEth1Blocked = false;
+        NoteLinkLayerMissing(
+            linkLayer,
+            Util::Format("ebtables cannot use the kernel's %s table: %s (%s)", EbtablesTable(step.m_szCommand).c_str(),
+                         step.m_szCommand, DescribeOutcome(outcome).c_str()),
+            warn);
+        return true;
+    }
+    return true;
+}
+
 // Puts back what a look found missing or out of place, and nothing else, with
 // eth1 and veth0 blocked meanwhile; then looks again and lifts the blocks.
 // `steps` are the finding look's commands; without them (a repair tried
 // again) a look after the blocks says what to do.
 void RepairIsolation(ISOLATION_STATE& state, std::vector<REPAIR_STEP> steps) {
     WORK_FAILURE failure;
-    bool done = BlockEth1(failure) && BlockVeth0(failure);
+    LINK_LAYER_STATE& linkLayer = state.m_linkLayer;
+    bool done = BlockTwoPortBuild(linkLayer, failure);
+    const bool withLinkLayer = linkLayer.m_missing.empty();
     // No command: the tagged frames' switch, wherever a look may have found it off.
     if (done) MakeSureOfTaggedFiltering();
     bool listingOnly = false;
@@ -571,7 +681,7 @@ void RepairIsolation(ISOLATION_STATE& state, std::vector<REPAIR_STEP> steps) {
     bool looked = false;
     ISOLATION_LOOK after;
     if (done && steps.empty()) {
-        after = LookAtIsolation();
+        after = LookAtIsolation(withLinkLayer);
         if (!after.m_unlisted.empty()) {
             done = false;
             listingOnly = true;
@@ -585,7 +695,7 @@ void RepairIsolation(ISOLATION_STATE& state, std::vector<REPAIR_STEP> steps) {
         done = RunStep(step.m_command, step.m_bMustSucceed, failure);
     }
     if (done) {
-        if (!looked) after = LookAtIsolation();
+        if (!looked) after = LookAtIsolation(withLinkLayer);
         if (!after.m_problems.empty()) {
             done = false;
             failure = ProblemsFailure(after.m_problems);
@@ -596,7 +706,7 @@ void RepairIsolation(ISOLATION_STATE& state, std::vector<REPAIR_STEP> steps) {
             }
         }
     }
-    done = done && LiftVeth0Block(failure) && LiftEth1Block(failure);
+    done = done && LiftVeth0BlockOfBuild(linkLayer, failure) && LiftEth1BlockOfBuild(linkLayer, failure);
     if (!done) {
         if (StopRequested()) return;
         state.m_bInForce = false;
@@ -709,6 +819,86 @@ TaggedFilterSwitch SetTaggedFilterSwitch(TaggedFilterSwitch tagSwitch) {
 
 bool HoldEth1Down(WORK_FAILURE& failure) { return RunSteps(kHoldEth1DownSteps, failure); }
 
+bool ToolOnPath(const char* name) {
+    const char* path = std::getenv("PATH");
+    // What the shell searches without one.
+    const std::string directories =
+        path != nullptr ? path : "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+    size_t start = 0;
+    while (start <= directories.size()) {
+        size_t end = directories.find(':', start);
+        if (end == std::string::npos) end = directories.size();
+        // An empty entry is the working directory, as for the shell.
+        const std::string directory = end > start ? directories.substr(start, end - start) : ".";
+        const std::string candidate = directory + "/" + name;
+        struct stat info {};
+        if (stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(candidate.c_str(), X_OK) == 0) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+bool LinkLayerUsable(LINK_LAYER_STATE& linkLayer) {
+    if (!ToolOnPath("ebtables")) {
+        NoteLinkLayerMissing(linkLayer, "no ebtables on the path", true);
+        return false;
+    }
+    if (!linkLayer.m_missing.empty()) {
+        // It was missing or refused: asked again, without changing anything.
+        for (const char* probe : kLinkLayerProbes) {
+            const COMMAND_OUTCOME outcome = RunCommand(probe);
+            NotifyWatchdog();
+            if (!outcome.Succeeded()) {
+                if (linkLayer.m_missing == "no ebtables on the path") {
+                    NoteLinkLayerMissing(
+                        linkLayer,
+                        Util::Format("ebtables cannot use the kernel's %s table: %s (%s)", EbtablesTable(probe).c_str(),
+                                     probe, DescribeOutcome(outcome).c_str()),
+                        true);
+                }
+                return false;
+            }
+        }
+        linkLayer.m_missing.clear();
+        linkLayer.m_bWarned = false;
+    }
+    return true;
+}
+
+bool BlockTwoPortBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!LinkLayerUsable(linkLayer)) return true;
+    linkLayer.m_bMayHaveRules = true;
+    if (!RunLinkLayerSteps(kBlockSteps<"eth1">, linkLayer, true, failure)) return false;
+    if (!linkLayer.m_missing.empty()) return true;
+    linkLayer.m_bEth1Blocked = true;
+    return RunLinkLayerSteps(kBlockSteps<"veth0">, linkLayer, true, failure);
+}
+
+bool LiftVeth0BlockOfBuild(const LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    return !linkLayer.m_missing.empty() || LiftVeth0Block(failure);
+}
+
+bool LiftEth1BlockOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!linkLayer.m_bEth1Blocked) return true;
+    if (!LiftEth1Block(failure)) return false;
+    linkLayer.m_bEth1Blocked = false;
+    return true;
+}
+
+bool BlockEth1AtStartUp(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!ToolOnPath("ebtables")) return true;
+    const KERNEL_SHAPE kernel = LookAtKernel();
+    const KERNEL_LINK* bridge = kernel.Link(kBridge);
+    const KERNEL_LINK* eth1 = kernel.Link("eth1");
+    if (bridge == nullptr || eth1 == nullptr || eth1->m_nMaster != bridge->m_nIndex) return true;
+    linkLayer.m_bMayHaveRules = true;
+    if (!RunLinkLayerSteps(kBlockSteps<"eth1">, linkLayer, false, failure)) return false;
+    linkLayer.m_bEth1Blocked = linkLayer.m_missing.empty();
+    return true;
+}
+
 bool SetupIsolationRules(WORK_FAILURE& failure) { return RunSteps(kIsolationRuleSteps, failure); }
 
 bool BlockEth1(WORK_FAILURE& failure) { return RunSteps(kBlockSteps<"eth1">, failure); }
@@ -727,12 +917,14 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
     }
     // No command: a file write, checked by the look like br0's own switches.
     MakeSureOfTaggedFiltering();
-    if (!RunSteps(kLinkLayerRuleSteps, failure)) {
+    LINK_LAYER_STATE& linkLayer = state.m_linkLayer;
+    if (linkLayer.m_missing.empty() && !RunLinkLayerSteps(kLinkLayerRuleSteps, linkLayer, true, failure)) {
         state.m_bInForce = false;
         state.m_problem = "setting it up failed: " + failure.m_command;
         return false;
     }
-    const ISOLATION_LOOK look = LookAtIsolation();
+    const bool withLinkLayer = linkLayer.m_missing.empty();
+    const ISOLATION_LOOK look = LookAtIsolation(withLinkLayer);
     if (!look.m_problems.empty()) {
         state.m_bInForce = false;
         state.m_problem = look.m_problems;
@@ -751,19 +943,41 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
         return true;
     }
     NoteInForce(state);
-    LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
-              Util::Format("Isolation in force: %u ARP, %u IP and %u link-layer rules, bridge netfilter for br0",
-                           kArpIsolationRules, kIpIsolationRules, kLinkLayerIsolationRules));
+    if (withLinkLayer) {
+        LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
+                  Util::Format("Isolation in force: %u ARP, %u IP and %u link-layer rules, bridge netfilter for br0",
+                               kArpIsolationRules, kIpIsolationRules, kLinkLayerIsolationRules));
+    } else {
+        LOG_ENTRY(
+            LOGGING_SEVERITY_INFO, false,
+            Util::Format("Isolation in force: %u ARP and %u IP rules, bridge netfilter for br0; no link-layer rules",
+                         kArpIsolationRules, kIpIsolationRules));
+    }
     return true;
 }
 
 bool RemoveLinkLayerRules(WORK_FAILURE& failure) { return RunSteps(kRemoveLinkLayerRuleSteps, failure); }
 
+bool RemoveLinkLayerRulesOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!linkLayer.m_bMayHaveRules) return true;
+    if (ToolOnPath("ebtables") && !RemoveLinkLayerRules(failure)) return false;
+    linkLayer.m_bMayHaveRules = false;
+    return true;
+}
+
 void SuperviseIsolation(ISOLATION_STATE& state) {
     std::vector<REPAIR_STEP> steps;
     if (!state.m_bRepairPending) {
         if (MonotonicMs() < state.m_nNextCheckMs) return;
-        ISOLATION_LOOK look = LookAtIsolation();
+        // A link layer that was missing and can now be had is put in as a repair.
+        if (state.m_bInForce && !state.m_linkLayer.m_missing.empty() && LinkLayerUsable(state.m_linkLayer)) {
+            state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
+            state.m_bRepairPending = true;
+            LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Link-layer isolation available; putting it in");
+            if (WorkDue(state.m_health)) RepairIsolation(state, {});
+            return;
+        }
+        ISOLATION_LOOK look = LookAtIsolation(state.m_linkLayer.m_missing.empty());
         state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
         // A look cut short by a stop found nothing.
         if (StopRequested()) return;

@@ -25,6 +25,22 @@ extern const unsigned int kLinkLayerIsolationRules;
 // doubled after each further failure up to the check interval.
 constexpr unsigned int kIsolationListingRetryMs = 1000;
 
+// Whether the link-layer part of the isolation can be had on this device
+// (ebtables on the path, and the kernel's tables for it), and what of it this
+// run may have left in ebtables. Kept across builds in every mode.
+struct LINK_LAYER_STATE {
+    // Why it cannot be had, in the log's words ("no ebtables on the path");
+    // empty while it can, as far as the daemon knows.
+    std::string m_missing;
+    // The WARN that says so was given for this absence.
+    bool m_bWarned = false;
+    // Link-layer rules or blocks may be in ebtables: this run put some, or
+    // (until the first build outside the two-port mode cleared them) an earlier run did.
+    bool m_bMayHaveRules = true;
+    // eth1 is blocked at the bridge (by start-up or a two-port build); a build lifts it.
+    bool m_bEth1Blocked = false;
+};
+
 // The isolation's state across passes (the two-port mode only).
 struct ISOLATION_STATE {
     // Found whole by the last look (a build's, a repair's or a periodic check's).
@@ -48,7 +64,18 @@ struct ISOLATION_STATE {
     unsigned int m_nListingRetryMs = 0;
     // Putting the isolation back, as retried work.
     WORK_HEALTH m_health;
+    // The link-layer part: without it the isolation is partial (ARP and IPv4 only).
+    LINK_LAYER_STATE m_linkLayer;
 };
+
+// Whether an executable of that name is in a directory of $PATH, looked for
+// in-process (no command is run to find out). Without $PATH, the shell's own default.
+bool ToolOnPath(const char* name);
+
+// Whether the link-layer steps can run now: ebtables on the path and, where
+// it refused the kernel's tables before, accepting them again (a quiet look,
+// the only command this runs). Notes why not, with one WARN per absence.
+bool LinkLayerUsable(LINK_LAYER_STATE& linkLayer);
 
 // What the kernel does with bridged traffic on a bridge: whether br_netfilter
 // is there at all, and whether it hands the bridge's IPv4 to iptables and its
@@ -86,6 +113,21 @@ TaggedFilterSwitch SetTaggedFilterSwitch(TaggedFilterSwitch tagSwitch);
 // as the build runs them; false at the first that failed.
 bool SetupIsolationRules(WORK_FAILURE& failure);
 
+// Before a two-port build or a repair, where the link layer can be had: eth1
+// blocked, then veth0, as BlockEth1 and BlockVeth0. Where ebtables refuses
+// the kernel's tables, whatever of the blocks went in is taken away again, the
+// absence is noted and the work goes on without the link layer (true).
+bool BlockTwoPortBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
+// Their lifts after it, each only where it was set.
+bool LiftVeth0BlockOfBuild(const LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
+bool LiftEth1BlockOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
+
+// At start-up: eth1 blocked only where a bridge an earlier run left carries it
+// (br0 with eth1 as its port, as the kernel shows it) and ebtables is on the
+// path; a build lifts it. Where ebtables refuses, the absence is noted (no
+// WARN: the mode may not need it) and start-up goes on.
+bool BlockEth1AtStartUp(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
+
 // Blocks every frame in and out of eth1 at the bridge, before anything of a build
 // runs; lasts until LiftEth1Block. Setting it twice leaves one block.
 bool BlockEth1(WORK_FAILURE& failure);
@@ -109,8 +151,11 @@ bool HoldEth1Down(WORK_FAILURE& failure);
 bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure);
 
 // After a build in another mode: the link-layer rules removed, and a block on
-// veth0 that a two-port build cut short left.
+// veth0 that a two-port build cut short left, each quietly and allowed to fail.
 bool RemoveLinkLayerRules(WORK_FAILURE& failure);
+// The same, only where there may be some: this run put link-layer rules in,
+// or this is the first build of the run and ebtables is on the path.
+bool RemoveLinkLayerRulesOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
 
 // The two-port mode's step of each pass, once br0 is built: looks at the
 // isolation when its time has come. The daemon's own rules are judged alone:

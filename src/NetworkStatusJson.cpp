@@ -220,6 +220,12 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     } else {
         json.String("problem", s.m_isolation.m_problem);
     }
+    // ARP and IPv4 only, and why: no link layer on this device.
+    if (s.m_isolation.m_partial.empty()) {
+        json.Null("partial");
+    } else {
+        json.String("partial", s.m_isolation.m_partial);
+    }
     json.Close('}');
 
     json.Open("interfaces", '[');

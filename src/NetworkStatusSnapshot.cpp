@@ -81,6 +81,11 @@ void TakeIsolation(const ISOLATION_STATE& isolation, const STATUS_SNAPSHOT& snap
     } else {
         shown.m_problem.clear();
     }
+    if (shown.m_bRequired && !isolation.m_linkLayer.m_missing.empty()) {
+        shown.m_partial.assign(isolation.m_linkLayer.m_missing);
+    } else {
+        shown.m_partial.clear();
+    }
     TakeWork(isolation.m_health, shown.m_work);
 }
 

@@ -56,6 +56,7 @@ struct STATUS_ISOLATION {
     bool m_bInForce = false;   // br0 is built for it, and the last look found it whole
     timespec m_verifiedAt{};   // the last look that found it whole; zero: none, or not required
     std::string m_problem;     // why it is not in force, in the log's words; empty while it is
+    std::string m_partial;     // why it covers ARP and IPv4 only (no link layer); empty: whole, or not required
     STATUS_WORK m_work;        // putting it back when a look found it broken
 
     bool operator==(const STATUS_ISOLATION&) const = default;

@@ -21,7 +21,11 @@ class FakeFilterTables {
 public:
     // Applies `command` when it is one of the filter tools'; returns the listing
     // for a listing command, nothing otherwise.
-    std::optional<std::string> Run(const std::string& command) {
+    std::optional<std::string> Run(std::string command) {
+        // The shell's redirection of a quiet step is no word of the tool's.
+        for (const std::string redirection : {" > /dev/null 2>&1", " 2>/dev/null"}) {
+            if (command.ends_with(redirection)) command.resize(command.size() - redirection.size());
+        }
         std::istringstream words(command);
         std::string tool;
         words >> tool;
@@ -200,10 +204,19 @@ private:
             if (!line.empty()) line += " ";
             line += option[0];
             for (size_t value = 1; value < option.size(); ++value) {
-                line += " " + (m_bLegacyEbtables ? ShortMac(option[value]) : option[value]);
+                line += " " + (m_bLegacyEbtables ? ShortMac(option[value]) : NftEtherType(option[0], option[value]));
             }
         }
         return m_bLegacyEbtables ? line + " " : line;
+    }
+
+    // The EtherTypes of the tagged rules as the nft ebtables prints them: the
+    // 802.1ad tag by its name, an encapsulated one as its number.
+    static std::string NftEtherType(const std::string& option, const std::string& value) {
+        if (option == "-p" && value == "0x88a8") return "S-TAG";
+        if (option == "--vlan-encap" && value == "802_1Q") return "8100";
+        if (option == "--vlan-encap" && value == "0x88a8") return "88A8";
+        return value;
     }
 
     std::map<std::string, std::vector<std::string>> m_tables;

@@ -11,8 +11,9 @@ def _commands(name):
     return timelines.commands(timelines.fixture(name, VETH1_MAC=VETH1_MAC))
 
 
-# eth1 blocked at the bridge (the nat table of ebtables) before anything of a build,
-# and at start-up before eth1 is raised; the block lifted as a build's last commands.
+# eth1 blocked at the bridge (the nat table of ebtables) before anything of a two-port
+# build or repair (and at start-up, only where br0 of an earlier run carries eth1);
+# the block lifted as its last commands.
 ETH1_BLOCK = _commands("eth1-block.timeline")
 ETH1_LIFT = _commands("eth1-lift.timeline")
 # veth0 blocked the same way around a two-port build and a repair.
@@ -23,7 +24,9 @@ VETH0_LIFT = _commands("veth0-lift.timeline")
 ETH1_BLOCKED = ["-A PREROUTING -i eth1 -j DROP", "-A POSTROUTING -o eth1 -j DROP"]
 VETH0_BLOCKED = ["-A PREROUTING -i veth0 -j DROP", "-A POSTROUTING -o veth0 -j DROP"]
 
-START_UP = ["ip link set dev lo up"] + ETH1_BLOCK + [
+# The design's start-up; no block on eth1 where no earlier br0 carries it.
+START_UP = [
+    "ip link set dev lo up",
     "ip link set dev eth1 down",
     "ip link set dev eth1 up",
 ]
@@ -51,10 +54,14 @@ ISOLATION_RULES = _commands("isolation-rules.timeline")
 # veth0 a cut-short two-port build left).
 REMOVE_LINK_LAYER_RULES = _commands("link-layer-removal.timeline")
 
-# Whole builds as a pass runs them: blocked, built, completed (or the link-layer
-# rules removed), lifted.
-BUILD_ETH0 = ETH1_BLOCK + BRIDGE_ETH0 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT
-BUILD_ETH1 = ETH1_BLOCK + BRIDGE_ETH1 + REMOVE_LINK_LAYER_RULES + ETH1_LIFT
+# Whole builds as a pass runs them. In the two-port mode: blocked, built, completed,
+# lifted. In the others the design's build, and, where there may be link-layer rules
+# (the run's first such build with ebtables on the path, or after a two-port
+# build), their quiet removal; LATER_BUILD_* where there are none.
+BUILD_ETH0 = BRIDGE_ETH0 + REMOVE_LINK_LAYER_RULES
+BUILD_ETH1 = BRIDGE_ETH1 + REMOVE_LINK_LAYER_RULES
+LATER_BUILD_ETH0 = BRIDGE_ETH0
+LATER_BUILD_ETH1 = BRIDGE_ETH1
 BUILD_ETH0ETH1 = ETH1_BLOCK + VETH0_BLOCK + BRIDGE_ETH0ETH1 + ISOLATION_COMPLETE + VETH0_LIFT + ETH1_LIFT
 
 # The isolation put back after a look found the IP and link-layer tables
@@ -64,6 +71,13 @@ ISOLATION_REPAIR_IP_AND_LINK_LAYER = (ETH1_BLOCK + VETH0_BLOCK +
                                       [c for c in ISOLATION_RULES if c.startswith("iptables -A ")] +
                                       [c for c in ISOLATION_COMPLETE if c.startswith("ebtables -A ")] +
                                       ISOLATION_LOOK + VETH0_LIFT + ETH1_LIFT)
+
+# The link layer put in as a repair once ebtables works: eth1 and veth0 blocked,
+# a look to find what is missing, the link-layer rules appended, a look, the
+# blocks lifted.
+ISOLATION_REPAIR_LINK_LAYER = (ETH1_BLOCK + VETH0_BLOCK + ISOLATION_LOOK +
+                               [c for c in ISOLATION_COMPLETE if c.startswith("ebtables -A ")] +
+                               ISOLATION_LOOK + VETH0_LIFT + ETH1_LIFT)
 
 
 def _appended_after_last_flush(commands, tool):

@@ -226,7 +226,10 @@ class ConfigGate:
 class Sandbox:
     """The work directory of one test and the daemons started from it."""
 
-    def __init__(self, daemon_path):
+    def __init__(self, daemon_path, design_only=False):
+        # design_only: stand-ins only for the design's tools (no ebtables), and no
+        # directory of the daemon's PATH holds a real one either.
+        self.design_only = design_only
         base = os.environ.get("TESSEL_SYSTEM_TEST_DIR", "/var/tmp")
         # The daemon gets a private /tmp; a work directory under the real one would vanish from its sight.
         real_tmp = os.path.realpath("/tmp")
@@ -260,7 +263,7 @@ class Sandbox:
         if CTL_PATH:
             self.ctl_path = os.path.join(self.work, "tessel-networkctl")
             shutil.copy2(CTL_PATH, self.ctl_path)
-        standins.install_controlled(self.work, device.TOOLS)
+        standins.install_controlled(self.work, device.DESIGN_TOOLS if self.design_only else device.TOOLS)
         self._write("cmdline", CMDLINE)
 
     def path(self, *parts):
@@ -459,7 +462,12 @@ class Sandbox:
             args = ["--config", self.config_path]
         environment = dict(os.environ)
         environment.update(env or {})
-        environment["PATH"] = self.path("bin") + os.pathsep + environment.get("PATH", "/usr/bin:/bin")
+        search = environment.get("PATH", "/usr/bin:/bin").split(os.pathsep)
+        if self.design_only:
+            # The stand-ins' own helpers stay reachable; no ebtables is.
+            search = [directory for directory in search if directory and os.path.isabs(directory)
+                      and not os.path.exists(os.path.join(directory, "ebtables"))]
+        environment["PATH"] = os.pathsep.join([self.path("bin")] + search)
         environment["TESSEL_WORK"] = self.work
         suffix = "" if not self.daemons else "-%d" % (len(self.daemons) + 1)
         output_path = self.path("output%s.log" % suffix)
@@ -715,7 +723,10 @@ _netfilter_problem = None
 class DaemonTestCase(unittest.TestCase):
     """A test with a fresh Sandbox in self.sandbox; skips (or fails when
     TESSEL_REQUIRE_NAMESPACES=1) where the namespaces cannot be had, and fails
-    where they come without bridge netfilter."""
+    where they come without bridge netfilter. A class with DESIGN_ONLY true runs
+    the daemon with only the design's tools (Sandbox design_only)."""
+
+    DESIGN_ONLY = False
 
     def setUp(self):
         global _netfilter_problem
@@ -730,7 +741,7 @@ class DaemonTestCase(unittest.TestCase):
             self.fail(_netfilter_problem)
         if not DAEMON_PATH:
             self.fail("no daemon: TESSEL_DAEMON is not set (CTest sets it; see README)")
-        self.sandbox = Sandbox(DAEMON_PATH)
+        self.sandbox = Sandbox(DAEMON_PATH, design_only=self.DESIGN_ONLY)
         self.addCleanup(self.sandbox.cleanup)
 
     def start_daemon(self, **kwargs):

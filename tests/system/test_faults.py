@@ -139,7 +139,7 @@ class FaultTest(harness.DaemonTestCase):
                 sandbox.set_only("ip", "link add name br0")
                 sandbox.set_delay("ip", 100)
                 daemon = sandbox.start()
-                sandbox.wait_for_commands(len(START_UP) + len(ETH1_BLOCK) + 8)
+                sandbox.wait_for_commands(len(START_UP) + 8)
                 self.assertEqual(sandbox.commands()[-1], "ip link add name br0 type bridge")
                 sent = time.monotonic()
                 daemon.send(sig)
@@ -231,7 +231,7 @@ class FaultTest(harness.DaemonTestCase):
         self.assertEqual(errors, ["Command failed (exit status 2): ip link add name br0 type bridge"] * 3)
         # The device converges: the last build is whole, and veth1 is addressed after it.
         commands = self.sandbox.commands()
-        last = len(commands) - 1 - commands[::-1].index(BRIDGE_ETH1[0]) - len(ETH1_BLOCK)
+        last = len(commands) - 1 - commands[::-1].index(BRIDGE_ETH1[0])
         self.assertEqual(commands[last:last + len(BUILD_ETH1)], BUILD_ETH1)
         self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1", count=4)
@@ -244,7 +244,7 @@ class FaultTest(harness.DaemonTestCase):
         entries = daemon.wait_for_message("Retrying bridge setup in 2 s (failed attempts: 2)")
         messages = [e.message for e in entries]
         self.assertIn("Command failed (not started (Permission denied)): ip link set dev lo up", messages)
-        # The build's first command is eth1's block.
+        # The build's first command is the design's.
         self.assertIn("Command failed (not started (Permission denied)): " + BUILD_ETH1[0], messages)
         self.assertEqual(self.sandbox.commands(), [])
         # /bin/sh is a link: the mount covers the file it names.

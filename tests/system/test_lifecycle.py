@@ -115,21 +115,29 @@ class LifecycleTest(harness.DaemonTestCase):
             ("main", "tessel-networkd exiting with code of 2"),
         ])
 
-    def test_start_up_blocks_eth1_before_raising_it(self):
-        daemon = self.start_running_daemon()
-        commands = self.sandbox.commands()
-        self.assertEqual(commands, START_UP)
-        # Whatever a daemon before this one left of br0, eth1 comes up blocked: the
-        # whole block (both directions) before it is raised, and nothing lifts it.
-        raised = commands.index("ip link set dev eth1 up")
-        self.assertEqual(commands[1:1 + len(ETH1_BLOCK)], ETH1_BLOCK)
+    def test_start_up_blocks_eth1_before_raising_it_where_an_earlier_br0_carries_it(self):
+        # br0 of an earlier run with eth1 as its port, made with the real ip in the
+        # daemon's namespace before it starts.
+        daemon = self.start_running_daemon(interfaces=["eth1"], setup=[
+            '"$IP" link add br0 type bridge && "$IP" link set eth1 master br0 || fail "cannot make br0"'])
+        commands = self.sandbox.wait_for_commands(len(START_UP) + len(ETH1_BLOCK))
+        self.assertEqual(commands, START_UP[:1] + ETH1_BLOCK + START_UP[1:])
+        # Whatever that daemon left of its rules, eth1 comes up blocked: the whole block
+        # (both directions) before it is raised, and nothing lifts it.
         self.assertLess(commands.index(ETH1_BLOCK[-1]), commands.index("ip link set dev eth1 down"))
-        self.assertLess(commands.index("ip link set dev eth1 down"), raised)
         self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED)
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())
         # No usable configuration, no build: the block stays.
         self.assertEqual(self.sandbox.rules("ebtables", "nat"), ETH1_BLOCKED)
+
+    def test_start_up_is_the_designs_where_no_earlier_br0_carries_eth1(self):
+        daemon = self.start_running_daemon(interfaces=["eth1"])
+        self.assertEqual(self.sandbox.commands(), ["ip link set dev lo up", "ip link set dev eth1 down",
+                                                   "ip link set dev eth1 up"])
+        self.assertEqual(self.sandbox.rules("ebtables", "nat"), [])
+        daemon.send(signal.SIGTERM)
+        self.assertEqual(daemon.wait_exit(), 0, daemon.output())
 
     def test_log_lines_carry_local_time_level_file_line_and_function(self):
         zone = datetime.timezone(datetime.timedelta(hours=5, minutes=30))

@@ -38,7 +38,7 @@ ONE_PORT_STATIC = config_text("eth1", "frame", "static 10.0.0.2 255.255.255.0 10
 ISO_TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d$")
 HEALTHY_WORK = {"failing": False, "failures": 0, "last_failure": None, "recovered_at": None, "outside_changes": 0,
                 "last_outside_change": None}
-NOT_REQUIRED = {"required": False, "in_force": False, "verified_at": None, "problem": None}
+NOT_REQUIRED = {"required": False, "in_force": False, "verified_at": None, "problem": None, "partial": None}
 LISTING_REFUSED = "the link-layer rules cannot be listed (exit status 1)"
 
 
@@ -131,7 +131,7 @@ class StatusTest(harness.DaemonTestCase):
         isolation = document["isolation"]
         self.recent(isolation, "verified_at")
         self.assertEqual(isolation, {"required": True, "in_force": True, "verified_at": isolation["verified_at"],
-                                     "problem": None})
+                                     "problem": None, "partial": None})
         self.assertEqual(document["interfaces"], [
             {"name": "veth1", "addressing": "static",
              "requested": {"address": "10.0.0.2", "mask": "255.255.255.0", "gateway": "10.0.0.1"},
@@ -265,7 +265,7 @@ class StatusTest(harness.DaemonTestCase):
         # Asked for and not built: required, and not in force.
         self.assertEqual(document["isolation"], {"required": True, "in_force": False, "verified_at": None,
                                                  "problem": "the bridge build stopped at: "
-                                                            "ip link add name br0 type bridge"})
+                                                            "ip link add name br0 type bridge", "partial": None})
         table = self.ctl_status(daemon, 1)
         self.assertIn("bridge build failing (ip link add name br0 type bridge: exit status 1)", table)
         self.assertRegex(table, r"\nbridge +failing +1 +" + re.escape(failed_at))
@@ -316,7 +316,8 @@ class StatusTest(harness.DaemonTestCase):
         # Not shown in force, as nothing found it so.
         document = self.document()
         self.assertEqual(document["isolation"], {"required": True, "in_force": False, "verified_at": None,
-                                                 "problem": "not looked at yet: " + LISTING_REFUSED})
+                                                 "problem": "not looked at yet: " + LISTING_REFUSED,
+                                                 "partial": None})
         self.assertFalse(document["work"]["bridge"]["failing"])
         self.assertEqual(document["bridge_mode"], "eth0eth1")
         self.ctl_status(daemon, 1)

@@ -6,6 +6,8 @@ import os
 
 # The device's tools the daemon runs; tests and tools give it stand-ins for them.
 TOOLS = ("ip", "bridge", "arptables", "iptables", "ebtables", "devmem", "udhcpc")
+# Those the design's device has: ebtables is an addition, used where it exists.
+DESIGN_TOOLS = tuple(tool for tool in TOOLS if tool != "ebtables")
 
 # The second internal network, which the isolation rules keep off eth1 and veth0:
 # veth3 and the host on eth0's side.

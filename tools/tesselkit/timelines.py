@@ -22,9 +22,21 @@ def fixture(name, **values):
     return timeline
 
 
+# Redirections of a command's output, which the shell applies and a stand-in never sees.
+REDIRECTIONS = (" > /dev/null 2>&1", " 2>/dev/null")
+
+
+def without_redirections(command):
+    for redirection in REDIRECTIONS:
+        if command.endswith(redirection):
+            return command[:-len(redirection)]
+    return command
+
+
 def commands(timeline):
-    """The commands of a timeline, as a recording stand-in sees them."""
-    return [line[2:] for line in timeline if line.startswith("$ ")]
+    """The commands of a timeline, as a recording stand-in sees them (without
+    the redirections of their output)."""
+    return [without_redirections(line[2:]) for line in timeline if line.startswith("$ ")]
 
 
 # The kinds of the two-port isolation's filter rules, each with its tool and the

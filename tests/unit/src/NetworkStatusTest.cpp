@@ -175,7 +175,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     "required": true,
     "in_force": true,
     "verified_at": "2038-01-19T03:14:37+00:00",
-    "problem": null
+    "problem": null,
+    "partial": null
   },
   "interfaces": [
     {
@@ -362,7 +363,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     "required": true,
     "in_force": false,
     "verified_at": "2038-01-19T03:14:37+00:00",
-    "problem": "0 of 38 ARP rules in place; br0 passes no bridged IPv4 to iptables"
+    "problem": "0 of 38 ARP rules in place; br0 passes no bridged IPv4 to iptables",
+    "partial": null
   },
   "interfaces": [
     {
@@ -528,7 +530,7 @@ TEST(StatusJsonTest, TheIsolationIsNotRequiredInTheOneBridgeModes) {
         state.m_eLastBridgeMode = mode;
         const json doc = Document(state);
         EXPECT_EQ(doc["isolation"], json::parse(R"({"required": false, "in_force": false, "verified_at": null,
-                                                    "problem": null})"))
+                                                    "problem": null, "partial": null})"))
             << mode;
         // Its work is the record of what happened, whatever the mode.
         EXPECT_EQ(doc["work"]["isolation"], json::parse(R"({"failing": false, "failures": 0, "last_failure":
