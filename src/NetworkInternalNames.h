@@ -11,6 +11,7 @@
 template <size_t N>
 struct FIXED_TEXT {
     // Implicit, so that a string literal stands as a piece of its own.
+    // cppcheck-suppress noExplicitConstructor
     constexpr FIXED_TEXT(const char (&text)[N]) { std::copy_n(text, N, m_text); }
 
     constexpr const char* Text() const { return m_text; }
