@@ -399,8 +399,8 @@ std::vector<OWN_RULE> ReadOwnRules(const RULE_LISTING& table) {
         if (!command.starts_with(append)) continue;
         const std::string rest = command.substr(append.size());
         const std::string chain = FirstWord(rest);
-        const std::string spec = rest.substr(std::min(rest.size(), chain.size() + 1));
-        rules.push_back({chain, spec, command, ReadRule(spec)});
+        const std::string options = rest.substr(std::min(rest.size(), chain.size() + 1));
+        rules.push_back({chain, options, command, ReadRule(options)});
     }
     return rules;
 }
