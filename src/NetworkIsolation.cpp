@@ -585,6 +585,7 @@ void NoteInForce(ISOLATION_STATE& state) {
     if (!state.m_unverified.empty()) LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Isolation looked at again: in force");
     state.m_bInForce = true;
     state.m_verifiedAt = Util::RealTimeNow();
+    state.m_nVerifiedMs = MonotonicMs();
     state.m_problem.clear();
     state.m_unverified.clear();
     state.m_nListingRetryMs = 0;

@@ -47,6 +47,9 @@ struct ISOLATION_STATE {
     bool m_bInForce = false;
     // Real time of the last look that found it whole; zero: never.
     timespec m_verifiedAt{};
+    // The same look's monotonic time (MonotonicMs), which the status judges its
+    // age by: a clock step neither ages nor renews it. Zero: never.
+    int64_t m_nVerifiedMs = 0;
     // Why it is not in force, in the log's words; empty while it is.
     std::string m_problem;
     // Monotonic time of the next periodic look.

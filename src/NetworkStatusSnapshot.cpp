@@ -63,6 +63,10 @@ void TakeInterface(const CYCLE_STATE& state, const IP_CONFIG& configured, const 
     shown.m_nClientStarts = iface.m_nClientStarts;
 }
 
+// Why the document stops saying "in force" when no look has found it whole lately.
+constexpr const char* kIsolationNotLookedAtLately = "not found whole by a look for over 25 s";
+static_assert(kIsolationVerifiedWithinSeconds == 25, "the text above says the period");
+
 // Required while br0 is built for the two-port mode, and while a usable file asks
 // for that mode and no build for it has worked yet: a failing build shows as an
 // isolation not in force rather than as one not required.
@@ -73,10 +77,18 @@ void TakeIsolation(const ISOLATION_STATE& isolation, const STATUS_SNAPSHOT& snap
     shown.m_bRequired = bBuilt || bAskedFor;
     // Without br0 built for it there is nothing to be in force; in another mode
     // what is left from an earlier two-port period is not shown.
-    shown.m_bInForce = bBuilt && isolation.m_bInForce;
+    // In force as the last verdict says, and only while a look found it whole
+    // within its period: a listing that keeps failing leaves the verdict
+    // standing, but the document no longer vouches for it.
+    const bool bLookedAtLately = isolation.m_nVerifiedMs != 0 &&
+                                 MonotonicMs() - isolation.m_nVerifiedMs <= kIsolationVerifiedWithinSeconds * 1000;
+    shown.m_bInForce = bBuilt && isolation.m_bInForce && bLookedAtLately;
     shown.m_verifiedAt = shown.m_bRequired ? isolation.m_verifiedAt : timespec{};
     // assign() and clear() keep the text's storage: the snapshot is taken after every pass.
-    if (shown.m_bRequired && !shown.m_bInForce) {
+    if (bBuilt && isolation.m_bInForce && !bLookedAtLately) {
+        shown.m_problem.assign(kIsolationNotLookedAtLately);
+        if (!isolation.m_unverified.empty()) shown.m_problem.append(": ").append(isolation.m_unverified);
+    } else if (shown.m_bRequired && !shown.m_bInForce) {
         shown.m_problem.assign(isolation.m_problem);
     } else {
         shown.m_problem.clear();

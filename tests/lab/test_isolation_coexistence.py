@@ -88,6 +88,11 @@ class CoexistenceLegacyTest(CoexistenceTest):
                     down.append(time.monotonic() - held)
                 time.sleep(0.5)
             lasted = time.monotonic() - held
+            # The document no longer vouches for what no look has found whole lately.
+            document = self.lab.status_document()["isolation"]
+            self.assertFalse(document["in_force"], document)
+            self.assertTrue(document["problem"].startswith("not found whole by a look for over 25 s: "
+                                                           "the IP rules cannot be listed"), document)
             # Nothing could list the IP rules meanwhile.
             self.assertIsNone(self.lab.logged("INFO", "Isolation looked at again", mark),
                               self.lab.daemon_log_since(mark)[-3000:])

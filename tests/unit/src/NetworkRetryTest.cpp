@@ -8,6 +8,7 @@
 #include "src/NetworkStop.h"
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/SteppedClock.h"
 
 #include <gtest/gtest.h>
 #include <time.h>
@@ -22,21 +23,6 @@ using Lines = std::vector<std::string>;
 
 constexpr long long kInstant = 2147483647LL;  // 2038-01-19T03:14:07Z
 
-// The monotonic clock of these tests, stepped by hand while in scope.
-int64_t g_nNowMs = 0;
-int64_t TestNow() { return g_nNowMs; }
-
-class TestClock {
-public:
-    explicit TestClock(int64_t startMs) : m_previous(SetMonotonicClock(TestNow)) { g_nNowMs = startMs; }
-    ~TestClock() { SetMonotonicClock(m_previous); }
-    TestClock(const TestClock&) = delete;
-    TestClock& operator=(const TestClock&) = delete;
-
-private:
-    MonotonicClock m_previous;
-};
-
 WORK_FAILURE Failure(const std::string& command, int status) {
     WORK_FAILURE failure;
     failure.m_command = command;
@@ -45,15 +31,15 @@ WORK_FAILURE Failure(const std::string& command, int status) {
 }
 
 TEST(WorkDueTest, HealthyWorkIsAlwaysDue) {
-    TestClock clock(0);
+    SteppedClock clock(0);
     const WORK_HEALTH health;
     EXPECT_TRUE(WorkDue(health));
-    g_nNowMs = -5000;
+    clock.Set(-5000);
     EXPECT_TRUE(WorkDue(health));
 }
 
 TEST(NoteWorkFailedTest, WaitsDoubleFromASecondToAMinuteAndTheWorkIsDueWhenTheyEnd) {
-    TestClock clock(100000);
+    SteppedClock clock(100000);
     LogCapture log;
     WORK_HEALTH health;
     const std::vector<int64_t> waits = {1, 2, 4, 8, 16, 32, 60, 60, 60};
@@ -61,10 +47,10 @@ TEST(NoteWorkFailedTest, WaitsDoubleFromASecondToAMinuteAndTheWorkIsDueWhenTheyE
         SCOPED_TRACE(i);
         NoteWorkFailed(health, "bridge setup", Failure("ip link add name br0 type bridge", 2));
         EXPECT_EQ(health.m_nFailures, i + 1);
-        EXPECT_EQ(health.m_nRetryAtMs, g_nNowMs + waits[i] * 1000);
-        g_nNowMs += waits[i] * 1000 - 1;
+        EXPECT_EQ(health.m_nRetryAtMs, SteppedClock::Now() + waits[i] * 1000);
+        clock.Step(waits[i] * 1000 - 1);
         EXPECT_FALSE(WorkDue(health));
-        ++g_nNowMs;
+        clock.Step(1);
         EXPECT_TRUE(WorkDue(health));
     }
     EXPECT_EQ(log.Messages(), (Lines{
@@ -82,7 +68,7 @@ TEST(NoteWorkFailedTest, WaitsDoubleFromASecondToAMinuteAndTheWorkIsDueWhenTheyE
 }
 
 TEST(NoteWorkFailedTest, KeepsTheLastFailureAndItsTime) {
-    TestClock clock(0);
+    SteppedClock clock(0);
     LogCapture log;
     WORK_HEALTH health;
     health.m_recoveredAt = {kInstant - 10, 0};
@@ -96,7 +82,7 @@ TEST(NoteWorkFailedTest, KeepsTheLastFailureAndItsTime) {
 }
 
 TEST(NoteWorkDoneTest, ASuccessAfterFailuresIsANoticeAndMakesTheWorkHealthy) {
-    TestClock clock(0);
+    SteppedClock clock(0);
     LogCapture log;
     WORK_HEALTH health;
     {
@@ -117,7 +103,7 @@ TEST(NoteWorkDoneTest, ASuccessAfterFailuresIsANoticeAndMakesTheWorkHealthy) {
 }
 
 TEST(NoteWorkDoneTest, ASuccessOfHealthyWorkChangesAndLogsNothing) {
-    TestClock clock(0);
+    SteppedClock clock(0);
     LogCapture log;
     WORK_HEALTH health;
     NoteWorkDone(health, "bridge setup");
@@ -127,7 +113,7 @@ TEST(NoteWorkDoneTest, ASuccessOfHealthyWorkChangesAndLogsNothing) {
 }
 
 TEST(NoteWorkFailedTest, WorkCutShortByAStopIsNoFault) {
-    TestClock clock(0);
+    SteppedClock clock(0);
     LogCapture log;
     WORK_HEALTH health;
     RequestStop();
@@ -147,7 +133,7 @@ TEST(MonotonicMsTest, ReadsTheRunnersSteadyClockUnlessATestSetsItsOwn) {
     EXPECT_LE(before, now);
     EXPECT_LE(now, after);
     {
-        TestClock clock(42);
+        SteppedClock clock(42);
         EXPECT_EQ(MonotonicMs(), 42);
     }
     EXPECT_GE(MonotonicMs(), after);
@@ -155,7 +141,7 @@ TEST(MonotonicMsTest, ReadsTheRunnersSteadyClockUnlessATestSetsItsOwn) {
 }
 
 TEST(NoteWorkUndoneTest, OnceIsDueAtOnceAndAFightWaitsLikeFailures) {
-    TestClock clock(100000);
+    SteppedClock clock(100000);
     FixedClock wall(kInstant, 0);
     LogCapture log;
     WORK_HEALTH health;
@@ -171,17 +157,17 @@ TEST(NoteWorkUndoneTest, OnceIsDueAtOnceAndAFightWaitsLikeFailures) {
         EXPECT_EQ(health.m_lastUndone, "br0 was removed");
         EXPECT_EQ(health.m_undoneAt, (timespec{kInstant, 0}));
         if (waitMs != 0) {
-            g_nNowMs += waitMs - 1;
+            clock.Step(waitMs - 1);
             EXPECT_FALSE(WorkDue(health));
-            g_nNowMs += 1;
+            clock.Step(1);
         }
         EXPECT_TRUE(WorkDue(health));
         NoteWorkDone(health, "bridge setup");
         EXPECT_FALSE(health.m_bUndonePending);
         EXPECT_TRUE(WorkDue(health));
-        g_nNowMs += 500;
+        clock.Step(500);
     }
-    g_nNowMs += kUndoneAgainMs;
+    clock.Step(kUndoneAgainMs);
     NoteWorkUndone(health, "eth1 was taken out of br0");
     EXPECT_EQ(health.m_nUndone, 1U);
     EXPECT_TRUE(WorkDue(health));
@@ -196,14 +182,14 @@ TEST(NoteWorkUndoneTest, OnceIsDueAtOnceAndAFightWaitsLikeFailures) {
 }
 
 TEST(NoteWorkUndoneTest, FailuresOfTheRepairKeepTheirOwnWaits) {
-    TestClock clock(100000);
+    SteppedClock clock(100000);
     LogCapture log;
     WORK_HEALTH health;
     NoteWorkUndone(health, "br0 was removed");
     EXPECT_TRUE(WorkDue(health));
     NoteWorkFailed(health, "bridge setup", Failure("ip link add name br0 type bridge", 2));
     EXPECT_FALSE(WorkDue(health));
-    g_nNowMs += 1000;
+    clock.Step(1000);
     EXPECT_TRUE(WorkDue(health));
     NoteWorkDone(health, "bridge setup");
     EXPECT_EQ(log.Messages(), (Lines{"WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",

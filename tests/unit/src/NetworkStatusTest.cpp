@@ -9,6 +9,7 @@
 
 #include "src/NetworkConfig.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
 #include "src/NetworkStatusFile.h"
@@ -19,6 +20,7 @@
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
+#include "tests/support/SteppedClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -140,6 +142,7 @@ CYCLE_STATE IsolatedTwoPortState() {
     CYCLE_STATE state = TwoPortState();
     state.m_isolation.m_bInForce = true;
     state.m_isolation.m_verifiedAt = {kInstant + 30, 0};
+    state.m_isolation.m_nVerifiedMs = MonotonicMs();
     return state;
 }
 
@@ -695,6 +698,49 @@ TEST(StatusSnapshotTest, TheIsolationIsRequiredWhileBr0IsBuiltOrBeingBuiltForThe
     neverUsable.m_settings.m_eBridgeMode = BRIDGE_MODE_ETH0ETH1;
     TakeStatusSnapshot(neverUsable, snapshot);
     EXPECT_FALSE(snapshot.m_isolation.m_bRequired);
+}
+
+TEST(StatusSnapshotTest, TheIsolationIsInForceOnlyWhileALookFoundItWholeWithinItsPeriod) {
+    SteppedClock clock(30000);
+    CYCLE_STATE state = IsolatedTwoPortState();
+    STATUS_SNAPSHOT snapshot;
+    // 25 s after the look that found it whole: still vouched for.
+    clock.Step(25000);
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_TRUE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_problem, "");
+
+    // A moment later, with no look since (the listings failing): the verdict
+    // stands in the daemon, the document no longer says so, and says why.
+    clock.Step(1);
+    state.m_isolation.m_unverified = "the IP rules cannot be listed (iptables -S: exit status 4)";
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
+    EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kInstant + 30);
+    EXPECT_EQ(snapshot.m_isolation.m_problem,
+              "not found whole by a look for over 25 s: the IP rules cannot be listed (iptables -S: exit status 4)");
+    const json document = json::parse(StatusJson(Daemon(), snapshot));
+    EXPECT_EQ(document["isolation"]["in_force"], false);
+    EXPECT_EQ(document["isolation"]["problem"],
+              "not found whole by a look for over 25 s: the IP rules cannot be listed (iptables -S: exit status 4)");
+
+    // No look due at all (a pass that never came round to it): the same, without a reason.
+    state.m_isolation.m_unverified.clear();
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_problem, "not found whole by a look for over 25 s");
+
+    // The next look that finds it whole vouches for it again.
+    state.m_isolation.m_nVerifiedMs = SteppedClock::Now();
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_TRUE(snapshot.m_isolation.m_bInForce);
+    EXPECT_EQ(snapshot.m_isolation.m_problem, "");
+
+    // Never looked at: not in force, whatever the verdict says.
+    state.m_isolation.m_nVerifiedMs = 0;
+    TakeStatusSnapshot(state, snapshot);
+    EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
 }
 
 TEST(StatusSnapshotTest, EachLookThatFindsTheIsolationWholeChangesItAndNothingElseOfTheLookDoes) {
