@@ -154,7 +154,7 @@ void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
     if (watch.m_kernel.IsOpen()) {
         // A notification lost or too long for the buffer: the look finds what it said.
         Drain(watch.m_kernel.Get(), true, [&watch, &events](const char* data, size_t length, int error) {
-            if (error != 0) events.m_bKernel = true;
+            if (error != 0) events.m_bKernelLost = true;
             if (data != nullptr) NoteKernelMessages(data, length, events, &watch.m_owned);
         });
     }
@@ -220,6 +220,13 @@ bool WaitForEvents(EVENT_WATCH& watch, int64_t untilMs, EVENTS& events) {
 void CannotFollow(const char* what, const char* instead) {
     LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
               Util::Format("Cannot follow changes of %s (%s); %s", what, strerror(errno), instead));
+}
+
+// The look lost kernel notifications bring; true when it found a change worth the pass.
+bool LookForLostNotifications(EVENT_WATCH& watch, CYCLE_STATE& state) {
+    watch.m_nLostLookDueMs = -1;
+    watch.m_nLastLostLookMs = SteadyMs();
+    return CheckForOutsideChanges(state);
 }
 
 // Notes a writer that has the configuration file open, or is done with it.
@@ -345,9 +352,30 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
     // the link down, and a build's before it queried the link, so a link lost
     // after the query is a loss, however early it came.
     EVENTS events;
-    while (WaitForEvents(watch, untilMs, events)) {
+    for (;;) {
+        const int64_t dueMs = watch.m_nLostLookDueMs;
+        if (!WaitForEvents(watch, dueMs < 0 ? untilMs : std::min(untilMs, dueMs), events)) {
+            // The look lost notifications owe, when its time has come; else the
+            // pass (the debt is kept for the next wait).
+            if (dueMs < 0 || SteadyMs() < dueMs || StopRequested()) break;
+            if (LookForLostNotifications(watch, state)) return;
+            continue;
+        }
         NoteConfigWriting(events, state);
-        if (events.m_bKernel && CheckForOutsideChanges(state)) return;
+        if (events.m_bKernel) {
+            // The look reads everything: what was lost meanwhile included.
+            watch.m_nLostLookDueMs = -1;
+            if (CheckForOutsideChanges(state)) return;
+        } else if (events.m_bKernelLost) {
+            // Overflows come in storms (of links the daemon does not own, most
+            // likely): one look a second finds whatever they hid.
+            const int64_t nowMs = SteadyMs();
+            if (watch.m_nLastLostLookMs < 0 || nowMs - watch.m_nLastLostLookMs >= kFileWakeSpacingMs) {
+                if (LookForLostNotifications(watch, state)) return;
+            } else if (watch.m_nLostLookDueMs < 0) {
+                watch.m_nLostLookDueMs = watch.m_nLastLostLookMs + kFileWakeSpacingMs;
+            }
+        }
         if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
         // Only the daemon's own user can put a lease it takes in place: no one else drives these.
         if (events.m_bLeaseWritten) return;

@@ -34,6 +34,8 @@ struct EVENT_WATCH {
     std::string m_configName;  // the configuration file's name in its directory
     OWNED_LINKS m_owned;
     int64_t m_nLastFileWakeMs = -1;  // steady ms of the last pass the files brought early; -1: none yet
+    int64_t m_nLastLostLookMs = -1;  // steady ms of the last look lost kernel notifications brought; -1: none yet
+    int64_t m_nLostLookDueMs = -1;   // a look they owe, held back to then (steady ms); -1: none owed
 };
 
 // The directory the DHCP client's script puts its lease files in.
@@ -45,7 +47,8 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath);
 
 // What a batch of notifications said.
 struct EVENTS {
-    bool m_bKernel = false;         // a link, address or route changed, or notifications were lost
+    bool m_bKernel = false;         // an owned link, an address or a route changed
+    bool m_bKernelLost = false;     // kernel notifications were lost (queue overflow, one too long to read)
     bool m_bEth0Reported = false;   // eth0's link was reported ...
     bool m_bEth0Running = false;    // ... last as up and running (or not)
     bool m_bConfigWritten = false;  // the configuration file was closed after writing, put in place or removed
@@ -77,7 +80,8 @@ constexpr int64_t kFileWakeSpacingMs = 1000;
 // pass would take put in place, eth0's link lost, or something the daemon
 // built undone from outside (CheckForOutsideChanges). The configuration's
 // writes and lost file notifications bring at most one pass a second early
-// (kFileWakeSpacingMs); a lease file another user wrote brings none (the
+// (kFileWakeSpacingMs), and lost kernel notifications one look a second at
+// most; a lease file another user wrote brings none (the
 // passes, once a second, remove it). A burst of notifications is taken as one, a few
 // milliseconds after it stops. What queued during the pass itself (mostly the
 // pass's own commands) counts only as far as the kernel's state differs from

@@ -488,6 +488,48 @@ TEST_F(AwaitAfterABuildTest, AStormOfAnotherLinksReportsBringsNoLookAndNoPass) {
     EXPECT_EQ(log.Timeline(), Lines{"WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"});
 }
 
+// A notification longer than the 8 KiB the wait reads one into: lost to it,
+// as an overflow's are.
+std::string TooLong(std::string datagram) {
+    auto* header = reinterpret_cast<nlmsghdr*>(datagram.data());
+    datagram.resize(header->nlmsg_len);
+    datagram.append(10460 - datagram.size(), '\0');
+    header = reinterpret_cast<nlmsghdr*>(datagram.data());
+    header->nlmsg_len = static_cast<uint32_t>(datagram.size());
+    return datagram;
+}
+
+TEST_F(AwaitAfterABuildTest, LostNotificationsBringOneLookASecondAndTheLookTheyOweComes) {
+    // A storm of notifications the wait cannot read, one every 5 ms for 3 s:
+    // a look each second, not one per burst, and no pass.
+    std::vector<std::string> storm(600, TooLong(LinkReport(RTM_NEWLINK, 4242, "dummy7", true)));
+    std::thread sender = recorded.SendLater(storm, 0, 5);
+    const int64_t startMs = SteadyMs();
+    int passes = 0;
+    while (SteadyMs() - startMs < 3000) {
+        AwaitNextPass(recorded.m_watch, state, 1000);
+        ++passes;
+    }
+    sender.join();
+    EXPECT_LE(passes, 4);
+    EXPECT_GE(kernel.m_nReads, 2);
+    EXPECT_LE(kernel.m_nReads, 5);
+    EXPECT_EQ(log.Timeline(), Lines{});
+
+    // br0 removed under the cover of a lost notification that came within a
+    // second of the last look: the look it owes, at the end of that second, finds it.
+    // What the storm left queued after the last wait, taken away unlooked at.
+    TakeEvents(recorded.m_watch);
+    const int reads = kernel.m_nReads;
+    kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
+    recorded.Send({storm.front()});
+    const int64_t tookMs = TimedWait(recorded.m_watch, state, 5000);
+    EXPECT_LT(tookMs, 2500);
+    EXPECT_EQ(kernel.m_nReads, reads + 1);
+    EXPECT_EQ(log.Timeline(), Lines{"WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"});
+    EXPECT_TRUE(state.m_bBridgeSetupPending);
+}
+
 // Writes a lease file at `path` as `uid` would (owner and mode set before it is
 // closed, so the close's notification finds them).
 bool WriteLease(const char* path, uid_t uid, mode_t mode) {
