@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -29,15 +30,22 @@ namespace {
 // Where the read in progress notes the problems it logs, when its caller asked.
 std::vector<std::string>* s_problems = nullptr;
 
+// ... and where the line being handled notes them, when its caller asked.
+std::vector<std::string>* s_lineProblems = nullptr;
+
 void NoteProblem(const std::string& message) {
     if (s_problems != nullptr) s_problems->push_back(message);
+    if (s_lineProblems != nullptr) s_lineProblems->push_back(message);
 }
 
-// Sets where problems are noted for one read, and clears it on every way out.
+// Sets where problems are noted for one read, and clears both on every way out.
 class ProblemNotes {
 public:
     explicit ProblemNotes(std::vector<std::string>* problems) { s_problems = problems; }
-    ~ProblemNotes() { s_problems = nullptr; }
+    ~ProblemNotes() {
+        s_problems = nullptr;
+        s_lineProblems = nullptr;
+    }
     ProblemNotes(const ProblemNotes&) = delete;
     ProblemNotes& operator=(const ProblemNotes&) = delete;
 };
@@ -45,11 +53,11 @@ public:
 // Line kinds in the order their keywords are looked for: the first keyword that
 // occurs anywhere in the line decides, so "bridge" beats everything else.
 enum LineKind { LINE_BRIDGE, LINE_PHY, LINE_VETH1, LINE_VETH3, LINE_VRX0, LINE_VRX1, LINE_OTHER };
-const char* const kKeywords[] = {"bridge", "phy", "veth1", "veth3", "vrx0", "vrx1"};
+static_assert(std::size(kConfigKeywords) == LINE_OTHER, "a keyword per kind, in the kinds' order");
 
 LineKind FindLineKind(const char* line) {
     for (int kind = LINE_BRIDGE; kind < LINE_OTHER; ++kind) {
-        if (strstr(line, kKeywords[kind]) != nullptr) return static_cast<LineKind>(kind);
+        if (strstr(line, kConfigKeywords[kind]) != nullptr) return static_cast<LineKind>(kind);
     }
     return LINE_OTHER;
 }
@@ -172,7 +180,7 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
 }
 
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
-                    bool& bVrx1Valid, std::vector<std::string>* problems) {
+                    bool& bVrx1Valid, std::vector<std::string>* problems, std::vector<CONFIG_LINE>* lines) {
     ProblemNotes notes(problems);
     // A phy line without a value has no message of its own and shares this one.
     static const char kNoValueWord[] = "Invalid bridge mode line in config file";
@@ -198,6 +206,8 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
     // Lines go into a copy that replaces the settings only once the whole file
     // was read, so a read that breaks off part-way leaves the last whole read.
     USER_SETTINGS read = settings;
+    // The file's line the next piece belongs to.
+    unsigned int nNextLine = 1;
     for (;;) {
         bool bGotLine = bReadable && ReadPiece(text, line, sizeof line);
         // Reading also stops on a read error: only a read that met the file's
@@ -213,11 +223,22 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             bStarted = true;
         }
         if (!bGotLine) break;
+        const unsigned int nLine = nNextLine;
+        const size_t length = strlen(line);
+        if (length > 0 && line[length - 1] == '\n') ++nNextLine;
         // Only the very first character makes a comment or an empty line.
         if (line[0] == '#' || line[0] == '\n') continue;
 
+        const LineKind kind = FindLineKind(line);
+        if (lines != nullptr) {
+            CONFIG_LINE& taken = lines->emplace_back();
+            taken.m_nNumber = nLine;
+            taken.m_text.assign(line, length > 0 && line[length - 1] == '\n' ? length - 1 : length);
+            taken.m_szKeyword = kind == LINE_OTHER ? nullptr : kConfigKeywords[kind];
+            s_lineProblems = &taken.m_problems;
+        }
         // The value is always the second word; the first is skipped unread.
-        switch (FindLineKind(line)) {
+        switch (kind) {
             case LINE_BRIDGE: {
                 bridge.m_bAny = true;
                 // As long as the longest word ("eth0eth1"): a longer one is cut, and then no word.
@@ -263,6 +284,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             case LINE_OTHER:
                 break;
         }
+        s_lineProblems = nullptr;
     }
     settings = read;
     bSettingsValid = bridge.m_bGood && veth1.m_bGood && veth3.m_bGood;

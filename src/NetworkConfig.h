@@ -68,8 +68,27 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config);
 // `problems`, when given, gets (appended) each message the read logs and, for a
 // file read to its end that is not usable, each missing line that makes it so
 // ("No veth1 line in config file"), which is not logged.
+// `lines`, when given, gets each line the read classified (the configuration
+// check names the line of each message from it).
+struct CONFIG_LINE;
 int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSettingsValid, bool& bVrx0Valid,
-                    bool& bVrx1Valid, std::vector<std::string>* problems = nullptr);
+                    bool& bVrx1Valid, std::vector<std::string>* problems = nullptr,
+                    std::vector<CONFIG_LINE>* lines = nullptr);
+
+// The keywords a line's kind is found by, in the order they are looked for.
+inline constexpr const char* kConfigKeywords[] = {"bridge", "phy", "veth1", "veth3", "vrx0", "vrx1"};
+
+// One line as a read took it: its number in the file (a line longer than 255
+// characters is read as pieces, each listed with the same number), its text
+// without the newline, the keyword that decided its kind (nullptr: none, and
+// the line was ignored) and the messages it drew. Comments and empty lines are
+// not listed.
+struct CONFIG_LINE {
+    unsigned int m_nNumber = 0;
+    std::string m_text;
+    const char* m_szKeyword = nullptr;
+    std::vector<std::string> m_problems;
+};
 
 // --- Mode words -------------------------------------------------------------
 // One table each for the bridge and PHY modes: the configuration file's (the

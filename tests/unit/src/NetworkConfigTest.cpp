@@ -270,6 +270,41 @@ TEST_F(ParseConfigFileTest, ProblemsOfAnEmptyAnUnreadableAndAUsableFile) {
     EXPECT_EQ(problems, Lines{});
 }
 
+// What a caller that lists the lines gets: each classified line with its
+// number in the file, its keyword and its messages; comments and empty lines
+// are counted, not listed; a line longer than a piece is several, one number.
+TEST_F(ParseConfigFileTest, LinesAreListedWithTheirNumbersKeywordsAndMessages) {
+    std::vector<CONFIG_LINE> lines;
+    const std::string longLine = "veth1 dhcp" + std::string(250, ' ') + "vrx9 x";
+    Write("# comment\n\nbridge eth2\ngateway 1.2.3.4\n" + longLine + "\nveth3 static 10.0.0.2 banana 10.0.0.1");
+    EXPECT_EQ(ParseConfigFile(path, settings, bSettingsValid, bVrx0Valid, bVrx1Valid, nullptr, &lines), 0);
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_EQ(lines[0].m_nNumber, 3U);
+    EXPECT_STREQ(lines[0].m_szKeyword, "bridge");
+    EXPECT_EQ(lines[0].m_text, "bridge eth2");
+    EXPECT_EQ(lines[0].m_problems, Lines{"Invalid bridge mode entry, expected eth0|eth1|eth0eth1"});
+    EXPECT_EQ(lines[1].m_nNumber, 4U);
+    EXPECT_EQ(lines[1].m_szKeyword, nullptr);
+    EXPECT_EQ(lines[1].m_problems, Lines{});
+    // The long line's two pieces: 255 characters, then the rest.
+    EXPECT_EQ(lines[2].m_nNumber, 5U);
+    EXPECT_STREQ(lines[2].m_szKeyword, "veth1");
+    EXPECT_EQ(lines[2].m_text, longLine.substr(0, 255));
+    EXPECT_EQ(lines[2].m_problems, Lines{});
+    EXPECT_EQ(lines[3].m_nNumber, 5U);
+    EXPECT_EQ(lines[3].m_szKeyword, nullptr);
+    EXPECT_EQ(lines[3].m_text, longLine.substr(255));
+    // The last line has no newline; its message is its own.
+    EXPECT_EQ(lines[4].m_nNumber, 6U);
+    EXPECT_STREQ(lines[4].m_szKeyword, "veth3");
+    EXPECT_EQ(lines[4].m_problems, Lines{"Invalid static subnet mask veth3"});
+    // The missing lines are the file's, no line's; the log is as without the list.
+    EXPECT_EQ(log.Messages(), (Lines{
+                                  "ERROR ParseConfigFile: Invalid bridge mode entry, expected eth0|eth1|eth0eth1",
+                                  "ERROR ParseInterfaceLine: Invalid static subnet mask veth3",
+                              }));
+}
+
 TEST_F(ParseConfigFileTest, CrlfEndingsReadTheSame) {
     std::string text;
     for (const char* c = kExampleFile; *c != '\0'; ++c) text += *c == '\n' ? std::string("\r\n") : std::string(1, *c);
