@@ -35,6 +35,33 @@ bool SetupInterface(const std::string& interfaceName, unsigned int metric, IP_CO
     return SetAddrAndRouting(interfaceName, metric, config.m_ipAddress, config.m_subnetMask, config.m_gateway, &noted);
 }
 
+namespace {
+
+// A client that gets no lease says nothing; the daemon says it once after
+// kNoLeaseWarnAfterMs and then every kNoLeaseWarnEveryMs while none comes, so
+// the log tells why the interface has no address.
+void WarnWhileNoLease(const std::string& interfaceName, INTERFACE_STATE& iface) {
+    const int64_t nowMs = MonotonicMs();
+    if (iface.m_dhcp.m_bLeaseValid) {
+        iface.m_nNoLeaseSinceMs = 0;
+        return;
+    }
+    if (iface.m_nNoLeaseSinceMs == 0) {
+        iface.m_nNoLeaseSinceMs = nowMs;
+        iface.m_nNoLeaseWarnAtMs = nowMs + kNoLeaseWarnAfterMs;
+    }
+    if (nowMs < iface.m_nNoLeaseWarnAtMs) return;
+    iface.m_nNoLeaseWarnAtMs = nowMs + kNoLeaseWarnEveryMs;
+    const long long seconds = (nowMs - iface.m_nNoLeaseSinceMs) / 1000;
+    const std::string client = iface.m_clientPid != 0 ? Util::Format("its client (pid %d) is still asking",
+                                                                     static_cast<int>(iface.m_clientPid))
+                                                      : std::string("no client of it runs");
+    LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+              Util::Format("No DHCP lease for %s for %lld s; %s", interfaceName.c_str(), seconds, client.c_str()));
+}
+
+}  // namespace
+
 void ServiceVethX(const std::string& interfaceName, unsigned int metric, const IP_CONFIG& wantedConfig,
                   INTERFACE_STATE& iface) {
     const std::string work = "addressing of " + interfaceName;
@@ -49,6 +76,8 @@ void ServiceVethX(const std::string& interfaceName, unsigned int metric, const I
         if (wantedConfig.m_bDhcp) {
             iface.m_bLeasePending = false;
             iface.m_leaseAt = timespec{};
+            // A fresh client has no lease yet: its wait starts now.
+            iface.m_nNoLeaseSinceMs = 0;
             if (done) {
                 ++iface.m_nClientStarts;
                 // The client has gone to the background under a pid of its own by now.
@@ -70,6 +99,7 @@ void ServiceVethX(const std::string& interfaceName, unsigned int metric, const I
             NoteWorkFailed(iface.m_health, work, failure);
         }
     }
+    if (!wantedConfig.m_bDhcp) iface.m_nNoLeaseSinceMs = 0;
     if (!wantedConfig.m_bDhcp || iface.m_bReconfigure) return;
 
     // Also in the cycle that started the client, in case its lease is already there.
@@ -82,6 +112,7 @@ void ServiceVethX(const std::string& interfaceName, unsigned int metric, const I
         iface.m_leaseAt = iface.m_dhcp.m_bLeaseValid ? Util::RealTimeNow() : timespec{};
         NoteWorkDone(iface.m_health, work);
     }
+    WarnWhileNoLease(interfaceName, iface);
 
     // A client that has died leaves the address in force past its lease; one
     // read of its command line every few seconds finds that out.

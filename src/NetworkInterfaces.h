@@ -31,6 +31,11 @@ struct INTERFACE_STATE {
     unsigned int m_nClientStarts = 0;
     // Monotonic time of the next check that the client still runs.
     int64_t m_nClientCheckAtMs = 0;
+    // Monotonic time since when the interface's DHCP client has had no lease
+    // (it was started, or its lease ended); 0 while it has one, or in static mode.
+    int64_t m_nNoLeaseSinceMs = 0;
+    // When the next WARN that none came is due.
+    int64_t m_nNoLeaseWarnAtMs = 0;
     // Setting up the interface and putting its leases in force.
     WORK_HEALTH m_health;
 };
@@ -38,6 +43,11 @@ struct INTERFACE_STATE {
 // How often a DHCP client is looked for; a dead one is replaced at the next
 // cycle after the check.
 constexpr unsigned int kClientCheckIntervalMs = 5000;
+
+// A DHCP client without a lease this long is said to be so (a WARN), and
+// again at this interval while none comes.
+constexpr int64_t kNoLeaseWarnAfterMs = 30000;
+constexpr int64_t kNoLeaseWarnEveryMs = 600000;
 
 // Configures the interface statically or starts a fresh DHCP client. False when
 // a step it needs failed.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
+#include "tests/support/SteppedClock.h"
 
 namespace {
 
@@ -297,6 +299,50 @@ TEST_F(ServiceVethXTest, UnchangedDhcpOnlyChecksForALeaseEachCycle) {
                             "$ ip route add default via 10.0.0.1 dev " + N() + " metric 10",
                         }));
     EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
+TEST_F(ServiceVethXTest, AClientWithoutALeaseIsSaidToBeSoAfter30SecondsAndEvery10Minutes) {
+    SteppedClock clock(1000000);
+    m_applied = IpConfig(true, "0.0.0.0", "0.0.0.0", "0.0.0.0");
+    m_wanted = m_applied;
+    m_iface.m_clientPid = 4242;
+    // The client's own check is not what this is about.
+    m_iface.m_nClientCheckAtMs = INT64_MAX;
+    const std::string warning = "WARN WarnWhileNoLease: No DHCP lease for " + N();
+    Lines timeline;
+    // A pass a second for 11 minutes, the lease coming at last after 700 s.
+    for (int second = 0; second <= 760; ++second) {
+        if (second == 700) m_shell.WriteLease(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+        for (const std::string& line : Cycle()) {
+            if (line.rfind("WARN", 0) == 0) timeline.push_back(std::to_string(second) + " " + line);
+        }
+        clock.Step(1000);
+    }
+    EXPECT_EQ(timeline, (Lines{
+                            "30 " + warning + " for 30 s; its client (pid 4242) is still asking",
+                            "630 " + warning + " for 630 s; its client (pid 4242) is still asking",
+                        }));
+    EXPECT_EQ(Describe(m_state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+
+    // A client started anew waits anew, and without a pid found says so.
+    m_bReconfigure = true;
+    Cycle();
+    m_iface.m_clientPid = 0;
+    m_iface.m_nClientCheckAtMs = INT64_MAX;
+    timeline.clear();
+    for (int second = 0; second <= 31; ++second) {
+        clock.Step(1000);
+        for (const std::string& line : Cycle()) {
+            if (line.rfind("WARN", 0) == 0) timeline.push_back(line);
+        }
+    }
+    EXPECT_EQ(timeline, (Lines{warning + " for 30 s; no client of it runs"}));
+
+    // Static addressing: nothing to wait for.
+    m_wanted = IpConfig(false, "10.0.0.2", "255.255.255.0", "0.0.0.0");
+    Cycle();
+    clock.Step(700000);
+    for (const std::string& line : Cycle()) EXPECT_NE(line.rfind("WARN", 0), 0U) << line;
 }
 
 TEST_F(ServiceVethXTest, BytesBetweenTheFieldsDoNotCountAsAChange) {
