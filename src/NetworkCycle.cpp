@@ -197,6 +197,16 @@ void SuperviseLastUsableShape(CYCLE_STATE& state) {
 
 }  // namespace
 
+void NoteEth0Recovery(CYCLE_STATE& state) {
+    const int64_t nowMs = MonotonicMs();
+    if (state.m_nEth0StreakRecoveries == 0 || nowMs - state.m_nEth0RecoveredMs > kEth0StreakGapMs) {
+        state.m_nEth0StreakRecoveries = 0;
+        state.m_eth0StreakSince = state.m_eth0RecoveredAt;
+    }
+    ++state.m_nEth0StreakRecoveries;
+    state.m_nEth0RecoveredMs = nowMs;
+}
+
 void RunStartupCommands(CYCLE_STATE& state) {
     WORK_FAILURE failure;
     if (RunSteps(kLoopbackSteps, failure) && BlockEth1AtStartUp(state.m_isolation.m_linkLayer, failure) &&
@@ -267,6 +277,7 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
             RunSteps(kEth0DownSteps, failure);
             ++state.m_nEth0Recoveries;
             state.m_eth0RecoveredAt = Util::RealTimeNow();
+            NoteEth0Recovery(state);
             bRegisterWritesDue = true;
         }
     }

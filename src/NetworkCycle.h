@@ -28,6 +28,10 @@ struct SMALL_REPAIR {
 
 // What the cycle remembers from one pass to the next. A new record is the state
 // before the first pass: everything is due, no lease is in force.
+// eth0's recoveries no more than this apart are one streak, shown in the
+// status while it lasts (until this long after the last).
+constexpr int64_t kEth0StreakGapMs = 60000;
+
 struct CYCLE_STATE {
     // The settings, refilled from the file by every pass (a field changes only
     // when a line for it is read).
@@ -56,6 +60,12 @@ struct CYCLE_STATE {
     // How often eth0 was found down and recovered, and when last (real time).
     unsigned int m_nEth0Recoveries = 0;
     timespec m_eth0RecoveredAt{};
+    // The recoveries of the streak the last one belongs to (each within
+    // kEth0StreakGapMs of the one before), since when (real time), and the
+    // last one's monotonic time.
+    unsigned int m_nEth0StreakRecoveries = 0;
+    timespec m_eth0StreakSince{};
+    int64_t m_nEth0RecoveredMs = 0;
     // No pass has found the configuration usable yet: the register writes are due.
     bool m_bFirstCycle = true;
     // The register writes could not all be run and are due again.
@@ -104,6 +114,10 @@ constexpr int64_t kConfigWriteWaitMs = 5000;
 // pass; when one that must succeed fails, they are run again at the start of
 // later passes until they do.
 void RunStartupCommands(CYCLE_STATE& state);
+
+// Counts a recovery of eth0 (found down, bounced) into its streak: a new
+// streak when the last recovery came more than kEth0StreakGapMs ago.
+void NoteEth0Recovery(CYCLE_STATE& state);
 
 // One pass: reads the file at `configPath` into `state` and, when it is usable,
 // rebuilds, recovers and re-applies what the state says is due or changed. An

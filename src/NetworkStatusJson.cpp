@@ -209,6 +209,14 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     }
     json.Number("recoveries", s.m_nEth0Recoveries);
     json.Time("last_recovery", s.m_eth0RecoveredAt);
+    if (s.m_nEth0StreakRecoveries != 0) {
+        json.Open("streak", '{');
+        json.Number("recoveries", s.m_nEth0StreakRecoveries);
+        json.Time("since", s.m_eth0StreakSince);
+        json.Close('}');
+    } else {
+        json.Null("streak");
+    }
     json.Close('}');
 
     json.Open("isolation", '{');

@@ -125,6 +125,10 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_bEth0LinkUp = snapshot.m_bEth0Used && state.m_bEth0LinkUp;
     snapshot.m_nEth0Recoveries = state.m_nEth0Recoveries;
     snapshot.m_eth0RecoveredAt = state.m_eth0RecoveredAt;
+    const bool bStreak =
+        state.m_nEth0StreakRecoveries != 0 && MonotonicMs() - state.m_nEth0RecoveredMs <= kEth0StreakGapMs;
+    snapshot.m_nEth0StreakRecoveries = bStreak ? state.m_nEth0StreakRecoveries : 0;
+    snapshot.m_eth0StreakSince = bStreak ? state.m_eth0StreakSince : timespec{};
     TakeWork(state.m_startupHealth, snapshot.m_startup);
     TakeWork(state.m_bridgeHealth, snapshot.m_bridge);
     TakeWork(state.m_registerHealth, snapshot.m_registers);

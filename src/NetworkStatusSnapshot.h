@@ -85,6 +85,10 @@ struct STATUS_SNAPSHOT {
     bool m_bEth0LinkUp = false;
     unsigned int m_nEth0Recoveries = 0;
     timespec m_eth0RecoveredAt{};
+    // The streak of recoveries going on (the last within kEth0StreakGapMs):
+    // how many, since when; 0 and zero when none is.
+    unsigned int m_nEth0StreakRecoveries = 0;
+    timespec m_eth0StreakSince{};
     STATUS_WORK m_startup;
     STATUS_WORK m_bridge;
     STATUS_WORK m_registers;  // eth0's register writes

@@ -127,7 +127,8 @@ class StatusTest(harness.DaemonTestCase):
             "path": self.sandbox.config_path, "read": True, "usable": True, "problems": [],
             "bridge_mode": "eth0eth1", "phy_mode": "frame", "last_usable_supervised": False})
         self.assertEqual((document["bridge_mode"], document["phy_mode"]), ("eth0eth1", "frame"))
-        self.assertEqual(document["eth0"], {"used": True, "link": "up", "recoveries": 0, "last_recovery": None})
+        self.assertEqual(document["eth0"], {"used": True, "link": "up", "recoveries": 0, "last_recovery": None,
+                                            "streak": None})
         isolation = document["isolation"]
         self.recent(isolation, "verified_at")
         self.assertEqual(isolation, {"required": True, "in_force": True, "verified_at": isolation["verified_at"],
@@ -213,6 +214,8 @@ class StatusTest(harness.DaemonTestCase):
         eth0 = self.document()["eth0"]
         self.assertEqual((eth0["used"], eth0["link"], eth0["recoveries"]), (True, "down", 1))
         self.recent(eth0, "last_recovery")
+        self.assertEqual(eth0["streak"]["recoveries"], 1)
+        self.recent(eth0["streak"], "since")
         table = self.ctl_status(daemon, 1)
         self.assertIn("eth0's link is down", table)
         self.assertRegex(table, r"eth0: +down, 1 recoveries, last ")

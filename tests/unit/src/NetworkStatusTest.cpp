@@ -117,7 +117,8 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
                                                     "phy_mode": "frame", "last_usable_supervised": false})"));
     EXPECT_EQ(doc["bridge_mode"], "eth0eth1");
     EXPECT_EQ(doc["phy_mode"], "frame");
-    EXPECT_EQ(doc["eth0"], json::parse(R"({"used": true, "link": "up", "recoveries": 0, "last_recovery": null})"));
+    EXPECT_EQ(doc["eth0"],
+              json::parse(R"({"used": true, "link": "up", "recoveries": 0, "last_recovery": null, "streak": null})"));
     ASSERT_EQ(doc["interfaces"].size(), 2U);
     EXPECT_EQ(doc["interfaces"][0], json::parse(R"({"name": "veth1", "addressing": "dhcp", "requested": null,
         "address": "192.168.77.100", "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10,
@@ -172,7 +173,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     "used": true,
     "link": "up",
     "recoveries": 0,
-    "last_recovery": null
+    "last_recovery": null,
+    "streak": null
   },
   "isolation": {
     "required": true,
@@ -360,7 +362,8 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     "used": true,
     "link": "up",
     "recoveries": 0,
-    "last_recovery": null
+    "last_recovery": null,
+    "streak": null
   },
   "isolation": {
     "required": true,
@@ -741,6 +744,42 @@ TEST(StatusSnapshotTest, TheIsolationIsInForceOnlyWhileALookFoundItWholeWithinIt
     state.m_isolation.m_nVerifiedMs = 0;
     TakeStatusSnapshot(state, snapshot);
     EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
+}
+
+TEST(Eth0StreakTest, RecoveriesMoreThanAMinuteApartStartANewStreak) {
+    SteppedClock clock(1000000);
+    FixedClock wall(kInstant, 0);
+    CYCLE_STATE state;
+    std::vector<std::pair<unsigned int, long long>> seen;
+    // A recovery a second for 5 s, then one a minute and 1 ms later, then one
+    // a minute after that: the streak starts anew once, and goes on after it.
+    for (const int64_t stepMs : {0L, 1000L, 1000L, 1000L, 1000L, kEth0StreakGapMs + 1, kEth0StreakGapMs}) {
+        clock.Step(stepMs);
+        state.m_eth0RecoveredAt = {kInstant + SteppedClock::Now() / 1000, 0};
+        NoteEth0Recovery(state);
+        seen.emplace_back(state.m_nEth0StreakRecoveries, state.m_eth0StreakSince.tv_sec - kInstant);
+    }
+    EXPECT_EQ(seen, (std::vector<std::pair<unsigned int, long long>>{
+                        {1, 1000}, {2, 1000}, {3, 1000}, {4, 1000}, {5, 1000}, {1, 1064}, {2, 1064}}));
+}
+
+TEST(StatusSnapshotTest, AStreakOfEth0RecoveriesIsShownWhileItLasts) {
+    Utc utc;
+    SteppedClock clock(1000000);
+    CYCLE_STATE state = TwoPortState();
+    state.m_nEth0Recoveries = 7;
+    state.m_eth0RecoveredAt = {kInstant + 100, 0};
+    state.m_nEth0StreakRecoveries = 5;
+    state.m_eth0StreakSince = {kInstant + 90, 0};
+    state.m_nEth0RecoveredMs = SteppedClock::Now();
+    clock.Step(kEth0StreakGapMs);
+    EXPECT_EQ(Document(state)["eth0"],
+              json::parse(R"({"used": true, "link": "up", "recoveries": 7, "last_recovery": "2038-01-19T03:15:47+00:00",
+                              "streak": {"recoveries": 5, "since": "2038-01-19T03:15:37+00:00"}})"));
+    // A minute without one: over, the counts stay.
+    clock.Step(1);
+    EXPECT_EQ(Document(state)["eth0"]["streak"], nullptr);
+    EXPECT_EQ(Document(state)["eth0"]["recoveries"], 7);
 }
 
 TEST(StatusSnapshotTest, EachLookThatFindsTheIsolationWholeChangesItAndNothingElseOfTheLookDoes) {
