@@ -1,6 +1,8 @@
 // The supervision cycle, one pass at a time, against the state the caller keeps.
 #include "src/NetworkCycle.h"
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <initializer_list>
 #include <optional>
@@ -23,8 +25,6 @@
 #include "util/Format.h"
 
 namespace {
-
-const char* const kPhyModeFile = "/proc/marvell-phy-0-port";
 
 // Register writes that recover the eth0 link, in run order, each with the pause
 // that follows it; the 0x701/0x700 pulse is written twice on purpose, each pair
@@ -70,6 +70,20 @@ const SHELL_STEP kEth0DownSteps[] = {
 const SHELL_STEP kEth0UpSteps[] = {
     {"ip link set eth0 master br0 > /dev/null 2>&1", false},
 };
+// After a PHY mode write that found no driver file, whether the file is there
+// now, looked at only when the PHY work's wait is over and nothing else makes
+// it due: no command, no entry. Still missing, the look counts as one more
+// failed attempt, so the looks thin out to one a minute.
+bool PhyModeFileBack(const USER_SETTINGS& settings, CYCLE_STATE& state) {
+    if (!state.m_bPhyFileMissing || state.m_bPhyModePending || settings.m_ePhyMode != state.m_eLastPhyMode) {
+        return false;
+    }
+    if (!WorkDue(state.m_phyHealth)) return false;
+    if (access(state.m_phyModeFile.c_str(), F_OK) == 0) return true;
+    NoteWorkFailedQuietly(state.m_phyHealth, state.m_phyHealth.m_lastFailure);
+    return false;
+}
+
 // False, with the failure, when a write could not be run (started, and ended
 // before its deadline); a write that fails is not run again. Not begun once a
 // stop's grace is over; once begun, run to its end whatever stop comes (each
@@ -296,15 +310,22 @@ void RunSupervisionCycle(const std::string& configPath, CYCLE_STATE& state) {
         ServiceServed("veth3", kVeth3Metric, settings.m_veth3Config, SHAPE_REPAIR_VETH3, state.m_veth3, state);
     }
 
-    if (settings.m_ePhyMode != state.m_eLastPhyMode || (state.m_bPhyModePending && WorkDue(state.m_phyHealth))) {
-        // Recorded as applied whatever the write does: a missing driver file is
-        // not retried until the mode changes. eth1's bounce is, when it could not be run.
+    const bool phyFileBack = PhyModeFileBack(settings, state);
+    if (settings.m_ePhyMode != state.m_eLastPhyMode || phyFileBack ||
+        (state.m_bPhyModePending && WorkDue(state.m_phyHealth))) {
+        // A failed write is not tried again until the mode changes or its file
+        // is found (PhyModeFileBack). eth1's bounce is, when it could not be run.
         state.m_eLastPhyMode = settings.m_ePhyMode;
-        SetEthernetPhyMode(kPhyModeFile, state.m_eLastPhyMode);
+        WORK_FAILURE writeFailure;
+        state.m_bPhyWriteFailed = !SetEthernetPhyMode(state.m_phyModeFile, state.m_eLastPhyMode, &writeFailure);
+        state.m_bPhyFileMissing = state.m_bPhyWriteFailed && access(state.m_phyModeFile.c_str(), F_OK) != 0;
         WORK_FAILURE failure;
         state.m_bPhyModePending = !RunSteps(kBounceEth1Steps, failure);
         if (state.m_bPhyModePending) {
             NoteWorkFailed(state.m_phyHealth, "PHY mode", failure);
+        } else if (state.m_bPhyWriteFailed) {
+            // The write's own ERROR has said it; no retry is announced.
+            NoteWorkFailedQuietly(state.m_phyHealth, writeFailure);
         } else {
             NoteWorkDone(state.m_phyHealth, "PHY mode");
         }

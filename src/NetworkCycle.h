@@ -14,6 +14,9 @@
 #include "src/NetworkRetry.h"
 #include "src/NetworkShape.h"
 
+// The PHY driver's file, unless the command line names another.
+constexpr const char* kPhyModeFile = "/proc/marvell-phy-0-port";
+
 // The route metrics of the served interfaces: veth1's default route is preferred.
 constexpr unsigned int kVeth1Metric = 10;
 constexpr unsigned int kVeth3Metric = 100;
@@ -55,6 +58,14 @@ struct CYCLE_STATE {
     // The PHY mode last written (or attempted: a failed write is not retried,
     // but eth1's bounce after it is when it could not be run).
     PHY_MODE m_eLastPhyMode = PHY_MODE_COPPER;
+    // The driver's file the PHY mode is written to.
+    std::string m_phyModeFile = kPhyModeFile;
+    // The last write of the PHY mode failed: the mode is not in force, and the
+    // write is not tried again until the mode changes. Where the file was
+    // missing, it is looked for (no command, no entry) each time the PHY work's
+    // wait is over, and written once it is there.
+    bool m_bPhyWriteFailed = false;
+    bool m_bPhyFileMissing = false;
     // eth0's link as last queried; false when the query failed.
     bool m_bEth0LinkUp = false;
     // How often eth0 was found down and recovered, and when last (real time).

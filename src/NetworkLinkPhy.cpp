@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -38,22 +39,39 @@ int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {
     return 0;
 }
 
-void SetEthernetPhyMode(const std::string& path, PHY_MODE mode) {
+namespace {
+
+// A failure of the write, for the PHY work's record: no process ran, the
+// error says why.
+void NoteWriteFailure(WORK_FAILURE* failure, const std::string& what, int error) {
+    WORK_FAILURE& noted = FailureOrScratch(failure);
+    noted.m_command = what;
+    noted.m_outcome = COMMAND_OUTCOME{};
+    noted.m_outcome.m_bStarted = false;
+    noted.m_outcome.m_nError = error;
+}
+
+}  // namespace
+
+bool SetEthernetPhyMode(const std::string& path, PHY_MODE mode, WORK_FAILURE* failure) {
     // A descriptor, opened as fopen(path, "w") would (created or emptied), and
     // no C++ file stream: the daemon then needs none of the C++ runtime's
     // stream and locale machinery, which made up a third of the runtime pages
     // it kept resident.
     const Util::UniqueFd port(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!port.IsOpen()) {
+        const int error = errno;
         // The file comes from a patch to the PHY driver; without it there is
         // nothing to set. Sent to the system log as well so it gets noticed.
-        LOG_ENTRY(LOGGING_SEVERITY_ERROR, true, "Unable to open " + path + " patch is required");
-        return;
+        const std::string message = "Unable to open " + path + " patch is required";
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, true, message);
+        NoteWriteFailure(failure, message, error);
+        return false;
     }
 
     // The driver takes its PHY type number, not the enum's value. Logged first
-    // so the choice is on record even if the write fails; that failure, like
-    // one on close, is not reported.
+    // so the choice is on record even if the write fails; a failure on close
+    // is not reported.
     char type = '0';
     if (mode == PHY_MODE_SGMII) {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using ETH PHY type 4, RGMII to SGMII");
@@ -61,5 +79,14 @@ void SetEthernetPhyMode(const std::string& path, PHY_MODE mode) {
     } else {
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using ETH PHY type 0, RGMII to copper");
     }
-    [[maybe_unused]] const ssize_t written = write(port.Get(), &type, 1);
+    const ssize_t written = write(port.Get(), &type, 1);
+    if (written != 1) {
+        // Nothing written without an error is taken as an I/O error.
+        const int error = written < 0 ? errno : EIO;
+        const std::string message = "Unable to write the PHY type to " + path;
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, message + ": " + strerror(error));
+        NoteWriteFailure(failure, message, error);
+        return false;
+    }
+    return true;
 }

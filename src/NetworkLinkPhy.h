@@ -4,10 +4,15 @@
 #include <string>
 
 #include "src/NetworkConfig.h"
+#include "src/NetworkShell.h"
 
 // 0 and `up` set when the query worked (up = administratively up and running);
 // -1 and `up` false when it failed.
 int GenericInterfaceLinkIsUp(const std::string& name, bool& up);
 
 // Writes the PHY type character ("4" SGMII, "0" otherwise) to the driver's file.
-void SetEthernetPhyMode(const std::string& path, PHY_MODE mode);
+// True once the byte is written. False, with `failure` (when given) holding
+// what failed in the log's words as its command and the error as an outcome
+// that never started, when the file cannot be opened (the design's ERROR) or
+// the byte is refused (an ERROR with the system's reason).
+bool SetEthernetPhyMode(const std::string& path, PHY_MODE mode, WORK_FAILURE* failure = nullptr);

@@ -52,6 +52,16 @@ void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAI
                            static_cast<long long>(delayMs / 1000), health.m_nFailures));
 }
 
+void NoteWorkFailedQuietly(WORK_HEALTH& health, const WORK_FAILURE& failure) {
+    ++health.m_nFailures;
+    health.m_nRetryAtMs = MonotonicMs() + RetryDelayMs(health.m_nFailures);
+    // A copy first: `failure` may be the record's own last failure.
+    WORK_FAILURE noted = failure;
+    health.m_lastFailure = std::move(noted);
+    health.m_failedAt = Util::RealTimeNow();
+    health.m_recoveredAt = timespec{};
+}
+
 void NoteWorkDone(WORK_HEALTH& health, const std::string& work) {
     if (health.m_bUndonePending) {
         health.m_bUndonePending = false;

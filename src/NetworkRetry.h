@@ -41,6 +41,9 @@ MonotonicClock SetMonotonicClock(MonotonicClock clock);
 bool WorkDue(const WORK_HEALTH& health);
 // Notes a failed attempt of the work named `work` and when to try it again.
 void NoteWorkFailed(WORK_HEALTH& health, const std::string& work, const WORK_FAILURE& failure);
+// Notes a failed attempt as NoteWorkFailed does, without an entry: for work
+// whose failure has said so once already in words of its own.
+void NoteWorkFailedQuietly(WORK_HEALTH& health, const WORK_FAILURE& failure);
 // Notes a successful attempt; after failures, a NOTICE entry says it recovered,
 // and after an outside change, that it is whole again.
 void NoteWorkDone(WORK_HEALTH& health, const std::string& work);

@@ -118,8 +118,9 @@ void TakeStatusSnapshot(const CYCLE_STATE& state, STATUS_SNAPSHOT& snapshot) {
     snapshot.m_bBridgeInForce = !state.m_bBridgeSetupPending;
     snapshot.m_eBridgeMode = snapshot.m_bBridgeInForce ? state.m_eLastBridgeMode : BRIDGE_MODE_ETH0;
     // Written in every usable pass that found it due: once one has run, the mode
-    // last written is in force (a failed bounce of eth1 after it is the PHY work's).
-    snapshot.m_bPhyInForce = !state.m_bFirstCycle;
+    // last written is in force unless its write failed (that failure, and a
+    // failed bounce of eth1 after it, are the PHY work's).
+    snapshot.m_bPhyInForce = !state.m_bFirstCycle && !state.m_bPhyWriteFailed;
     snapshot.m_ePhyMode = snapshot.m_bPhyInForce ? state.m_eLastPhyMode : PHY_MODE_COPPER;
     snapshot.m_bEth0Used = snapshot.m_bBridgeInForce && BridgesEth0(snapshot.m_eBridgeMode);
     snapshot.m_bEth0LinkUp = snapshot.m_bEth0Used && state.m_bEth0LinkUp;

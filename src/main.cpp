@@ -64,6 +64,8 @@ int main(int argc, char** argv) {
     cli.AddParam("02status-dir", "--status-dir", "-s", PARAM_OPTIONAL, false,
                  "Directory of the status document (default /run/tessel-networkd)", "");
     cli.AddParam("03version", "--version", "-V", PARAM_OVERRIDE, true, "Shows the version and the source revision", "");
+    cli.AddParam("04phy-file", "--phy-file", "-p", PARAM_OPTIONAL, false,
+                 std::string("PHY driver's file the PHY mode is written to (default ") + kPhyModeFile + ")", "");
     if (cli.ProcessCmdLine(argc, argv) != 0) {
         ShowUsage(cli);
         exit(1);
@@ -91,6 +93,7 @@ int main(int argc, char** argv) {
     }
 
     CYCLE_STATE state;
+    if (!cli["04phy-file"].empty()) state.m_phyModeFile = cli["04phy-file"];
 
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Bringing up loopback lo");
     RunStartupCommands(state);

@@ -230,9 +230,10 @@ class TwoPortTestCase(unittest.TestCase):
         self.addCleanup(self.ports.close)
 
 
-def lab_module(test_module_globals, start_config=None):
+def lab_module(test_module_globals, start_config=None, phy_file=None):
     """Gives a test module setUpModule/tearDownModule that build one lab for its
-    tests and remove it, whatever happened."""
+    tests and remove it, whatever happened; the daemon, started on `start_config`,
+    writes the PHY mode to `phy_file` (see Lab.start)."""
     holder = {}
 
     def setUpModule():
@@ -241,7 +242,7 @@ def lab_module(test_module_globals, start_config=None):
         try:
             built.up()
             if start_config is not None:
-                built.start(start_config)
+                built.start(start_config, phy_file)
         except BaseException:
             built.down()
             raise

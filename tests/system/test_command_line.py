@@ -12,6 +12,8 @@ USAGE = (
     "    -s, --status-dir                             [Optional ] Directory of the status document (default "
     "/run/tessel-networkd)\n"
     "    -V, --version                                [Override ] Shows the version and the source revision\n"
+    "    -p, --phy-file                               [Optional ] PHY driver's file the PHY mode is written to (default "
+    "/proc/marvell-phy-0-port)\n"
     "\n"
 )
 

@@ -39,6 +39,7 @@ ISO_TIME = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d$")
 HEALTHY_WORK = {"failing": False, "failures": 0, "last_failure": None, "recovered_at": None, "outside_changes": 0,
                 "last_outside_change": None}
 NOT_REQUIRED = {"required": False, "in_force": False, "verified_at": None, "problem": None, "partial": None}
+PHY_FILE = "/tmp/marvell-phy-0-port"
 LISTING_REFUSED = "the link-layer rules cannot be listed (exit status 1)"
 
 
@@ -51,8 +52,10 @@ class StatusTest(harness.DaemonTestCase):
     # --- helpers ---------------------------------------------------------------------
 
     def start(self):
-        """The daemon with a real eth0 that is up, its start-up done."""
-        daemon = self.start_daemon(interfaces=["eth0"], up=["eth0"])
+        """The daemon with a real eth0 that is up, its start-up done, and a plain file in its
+        private /tmp standing in for the PHY driver's, so that the PHY mode is in force."""
+        daemon = self.start_daemon(args=["--config", self.sandbox.config_path, "--phy-file", PHY_FILE],
+                                   interfaces=["eth0"], up=["eth0"])
         daemon.wait_for_config_read()
         return daemon
 

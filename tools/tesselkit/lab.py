@@ -106,10 +106,12 @@ class Lab:
             f.write(text)
         return path
 
-    def start(self, config_text):
+    def start(self, config_text, phy_file=None):
+        """Starts the daemon on `config_text`; `phy_file`: a path on the device the
+        daemon writes the PHY mode to (--phy-file), else it finds no driver file."""
         path = self._write_config(config_text)
         self.start_mark = len(self.daemon_log()) if os.path.exists(self.env["DAEMON_LOG"]) else 0
-        self.tool("start", path)
+        self.tool("start", path, extra_env={"TESSEL_PHY_FILE": phy_file or ""})
 
     def config(self, config_text):
         self.tool("config", self._write_config(config_text))
@@ -204,9 +206,12 @@ class Lab:
     def wait_for_first_cycle(self, timeout=20):
         """Waits until the daemon's first usable cycle is over. It ends with the
         PHY mode write (for which the lab has no driver file: its complaint
-        shows it) and a bounce of eth1; the next cycle's start is the end."""
-        wait_until(lambda: "/proc/marvell-phy-0-port" in self.daemon_log_since(self.start_mark),
-                   "the PHY mode write of the daemon's first cycle", timeout, interval=0.05)
+        shows it; or, with a file of the start's, the mode's line) and a bounce
+        of eth1; the next cycle's start is the end."""
+        def written():
+            log = self.daemon_log_since(self.start_mark)
+            return "/proc/marvell-phy-0-port" in log or "Using ETH PHY type" in log
+        wait_until(written, "the PHY mode write of the daemon's first cycle", timeout, interval=0.05)
         self.wait_for_cycles(1)
 
     # --- what the device looks like -------------------------------------------

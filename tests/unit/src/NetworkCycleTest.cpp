@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -26,10 +27,12 @@
 #include "src/NetworkCycleShape.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
+#include "src/NetworkStatusSnapshot.h"
 #include "tests/support/CommandRecorder.h"
 #include "tests/support/ExpectedTimelines.h"
 #include "tests/support/FakeClient.h"
 #include "tests/support/FakeFilterTables.h"
+#include "tests/support/Files.h"
 #include "tests/support/KernelCommandLine.h"
 #include "tests/support/KernelShapes.h"
 #include "tests/support/LogCapture.h"
@@ -430,6 +433,133 @@ std::string Text(const Lines& timeline) {
     std::string text;
     for (const std::string& line : timeline) text += line + "\n";
     return text;
+}
+
+const char* const kEth1Frame =
+    "bridge eth1\n"
+    "phy frame\n"
+    "veth1 static 192.168.1.2 255.255.255.0 192.168.1.1\n"
+    "veth3 static 192.168.100.1 255.255.255.0 0.0.0.0\n";
+
+// `count` passes one second apart in the mode `config`, the PHY mode written to
+// `phyFile`; `beforePass` changes the device before a pass. Each pass's timeline
+// under "pass N", then, where it changed, the PHY work as status takes it:
+// "phy failures N: <what failed>", "phy in force <mode file>" or "phy ok".
+// Passes that changed nothing are left out.
+Lines RunPhyPasses(const std::string& config, const std::string& phyFile, int count,
+                   const std::function<void(int pass)>& beforePass, const Faults& faults = nullptr) {
+    return InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWPID, [&] {
+        if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
+        if (!WriteFile(kConfigPath, config)) return Lines{"cannot write"};
+        KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
+        g_nNowMs = 100000;
+        MonotonicClock previous = SetMonotonicClock(TestNow);
+        LogCapture log;
+        CommandRecorder commands;
+        int pass = 0;
+        if (faults) commands.SetOutcomes([&](const std::string& command) { return faults(pass, command); });
+        FakeFilterTables tables;
+        commands.SetOutputs([&tables](const std::string& command) { return tables.Run(command); });
+        BridgeFilterScript bridgeFilter;
+        PauseRecorder pauses;
+        CYCLE_STATE state;
+        state.m_phyModeFile = phyFile;
+        Lines lines;
+        size_t seen = 0;
+        std::string shown;
+        for (pass = 1; pass <= count; ++pass) {
+            beforePass(pass);
+            RunSupervisionCycle(kConfigPath, state);
+            Lines timeline = log.Timeline();
+            STATUS_SNAPSHOT snapshot;
+            TakeStatusSnapshot(state, snapshot);
+            std::string phy = snapshot.m_phy.m_nFailures != 0
+                                  ? "phy failures " + std::to_string(snapshot.m_phy.m_nFailures) + ": " +
+                                        snapshot.m_phy.m_command + ": " + DescribeOutcome(snapshot.m_phy.m_outcome)
+                                  : "phy ok";
+            if (snapshot.m_bPhyInForce) phy += ", in force " + std::string(PhyModeWord(snapshot.m_ePhyMode));
+            if (timeline.size() > seen || phy != shown) {
+                lines.push_back("pass " + std::to_string(pass));
+                lines.insert(lines.end(), timeline.begin() + static_cast<std::ptrdiff_t>(seen), timeline.end());
+                if (phy != shown) lines.push_back(phy);
+            }
+            seen = timeline.size();
+            shown = phy;
+            g_nNowMs += 1000;
+        }
+        SetMonotonicClock(previous);
+        return lines;
+    });
+}
+
+const Lines kBounceEth1 = {"$ ip link set dev eth1 down", "$ ip link set dev eth1 up"};
+
+// The design's one ERROR, and eth1 bounced, as before; the mode is not in force
+// and status says why. The file is then looked for without a command or an
+// entry, 1, 2, 4 ... s apart; once it is there, the mode is written and eth1
+// bounced as after a change of mode.
+TEST(NetworkCycleFaultTest, AMissingPhyFileIsAFailureLookedForQuietlyAndWrittenOnceThere) {
+    TESSEL_NEED_NAMESPACES();
+    const std::string file = "/tmp/driver/marvell-phy-0-port";
+    const std::string missing = "Unable to open " + file + " patch is required";
+    // The file appears before pass 9 (second 8); the look after it is due at second 15.
+    Lines timeline = RunPhyPasses(kEth1Frame, file, 18, [&](int pass) {
+        if (pass == 9 && (mkdir("/tmp/driver", 0755) != 0 || !WriteFile(file, ""))) ADD_FAILURE() << "no file made";
+    });
+    EXPECT_EQ(timeline,
+              Join({{"pass 1"},
+                    BuildEth1(),
+                    RegisterWrites(),
+                    kVeth1Static,
+                    {"ERROR SetEthernetPhyMode: " + missing},
+                    kBounceEth1,
+                    {"phy failures 1: " + missing + ": not started (No such file or directory)"},
+                    {"pass 2", "phy failures 2: " + missing + ": not started (No such file or directory)"},
+                    {"pass 4", "phy failures 3: " + missing + ": not started (No such file or directory)"},
+                    {"pass 8", "phy failures 4: " + missing + ": not started (No such file or directory)"},
+                    {"pass 16", "INFO SetEthernetPhyMode: Using ETH PHY type 4, RGMII to SGMII"},
+                    kBounceEth1,
+                    {"NOTICE NoteWorkDone: Recovered PHY mode after 4 failed attempts", "phy ok, in force frame"}}))
+        << Text(timeline);
+}
+
+// The driver's file in place: the mode is written, and in force.
+TEST(NetworkCycleTest, APhyFileInPlaceIsWrittenAndTheModeInForce) {
+    TESSEL_NEED_NAMESPACES();
+    Lines timeline = RunPhyPasses(kEth1Frame, "/tmp/port", 3, [](int pass) {
+        if (pass == 1 && !WriteFile("/tmp/port", "")) ADD_FAILURE() << "no file made";
+        if (pass == 3 && ReadFile("/tmp/port") != "4") ADD_FAILURE() << "not written: " << ReadFile("/tmp/port");
+    });
+    EXPECT_EQ(timeline, Join({{"pass 1"},
+                              BuildEth1(),
+                              RegisterWrites(),
+                              kVeth1Static,
+                              {"INFO SetEthernetPhyMode: Using ETH PHY type 4, RGMII to SGMII"},
+                              kBounceEth1,
+                              {"phy ok, in force frame"}}));
+}
+
+// A file that takes no byte fails with its own ERROR once; it is there, so
+// nothing is looked for, and the write waits for a change of mode.
+TEST(NetworkCycleFaultTest, AFailedPhyWriteIsAFailureNotRetriedUntilTheModeChanges) {
+    TESSEL_NEED_NAMESPACES();
+    const std::string refused = "Unable to write the PHY type to /dev/full";
+    Lines timeline = RunPhyPasses(kEth1Frame, "/dev/full", 6, [](int pass) {
+        if (pass == 5 && !WriteFile(kConfigPath, kEth1Static)) ADD_FAILURE() << "cannot write";
+    });
+    EXPECT_EQ(timeline, Join({{"pass 1"},
+                              BuildEth1(),
+                              RegisterWrites(),
+                              kVeth1Static,
+                              {"INFO SetEthernetPhyMode: Using ETH PHY type 4, RGMII to SGMII",
+                               "ERROR SetEthernetPhyMode: " + refused + ": No space left on device"},
+                              kBounceEth1,
+                              {"phy failures 1: " + refused + ": not started (No space left on device)"},
+                              {"pass 5", "INFO SetEthernetPhyMode: Using ETH PHY type 0, RGMII to copper",
+                               "ERROR SetEthernetPhyMode: " + refused + ": No space left on device"},
+                              kBounceEth1,
+                              {"phy failures 2: " + refused + ": not started (No space left on device)"}}))
+        << Text(timeline);
 }
 
 // The passes whose timeline holds `line`, from a RunTimedPasses timeline.

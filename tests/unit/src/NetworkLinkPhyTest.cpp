@@ -17,6 +17,7 @@
 
 #include "src/NetworkConfig.h"
 #include "src/NetworkLinkPhy.h"
+#include "src/NetworkShell.h"
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
@@ -166,16 +167,45 @@ TEST(SetEthernetPhyModeTest, EachCallLeavesExactlyOneByte) {
 }
 
 // /dev/full opens but refuses the byte: the choice is logged all the same, and
-// the failed write is not reported.
+// the failed write after it, with the system's reason; the mode is not set.
 TEST(SetEthernetPhyModeTest, LogsTheChoiceEvenWhenTheWriteFails) {
     LogCapture log;
-    SetEthernetPhyMode("/dev/full", PHY_MODE_SGMII);
-    SetEthernetPhyMode("/dev/full", PHY_MODE_COPPER);
+    WORK_FAILURE failure;
+    EXPECT_FALSE(SetEthernetPhyMode("/dev/full", PHY_MODE_SGMII, &failure));
+    EXPECT_EQ(failure.m_command, "Unable to write the PHY type to /dev/full");
+    EXPECT_EQ(DescribeOutcome(failure.m_outcome), "not started (No space left on device)");
+    EXPECT_FALSE(SetEthernetPhyMode("/dev/full", PHY_MODE_COPPER));
     EXPECT_EQ(log.Timeline(), (Lines{
                                   "INFO SetEthernetPhyMode: Using ETH PHY type 4, RGMII to SGMII",
+                                  "ERROR SetEthernetPhyMode: Unable to write the PHY type to /dev/full: No space left "
+                                  "on device",
                                   "INFO SetEthernetPhyMode: Using ETH PHY type 0, RGMII to copper",
+                                  "ERROR SetEthernetPhyMode: Unable to write the PHY type to /dev/full: No space left "
+                                  "on device",
                               }));
     EXPECT_TRUE(log.SystemLog().empty());
+}
+
+TEST(SetEthernetPhyModeTest, AWrittenModeIsReportedAsSetAndLeavesTheFailureAlone) {
+    TempDir dir;
+    LogCapture log;
+    WORK_FAILURE failure;
+    failure.m_command = "untouched";
+    EXPECT_TRUE(SetEthernetPhyMode(dir.Path("port"), PHY_MODE_COPPER, &failure));
+    EXPECT_EQ(failure.m_command, "untouched");
+    EXPECT_TRUE(failure.m_outcome.Succeeded());
+}
+
+// The design's one ERROR is the whole log; the failure carries its words and the reason.
+TEST(SetEthernetPhyModeTest, AMissingDriverFileIsAFailureInTheLogsWords) {
+    TempDir dir;
+    const std::string path = dir.Path("missing-dir/marvell-phy-0-port");
+    LogCapture log;
+    WORK_FAILURE failure;
+    EXPECT_FALSE(SetEthernetPhyMode(path, PHY_MODE_SGMII, &failure));
+    EXPECT_EQ(failure.m_command, "Unable to open " + path + " patch is required");
+    EXPECT_EQ(DescribeOutcome(failure.m_outcome), "not started (No such file or directory)");
+    EXPECT_EQ(log.Timeline(), Lines{"ERROR SetEthernetPhyMode: Unable to open " + path + " patch is required"});
 }
 
 TEST(SetEthernetPhyModeTest, UnopenablePathOnlyReportsTheMissingPatch) {

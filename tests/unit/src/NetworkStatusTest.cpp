@@ -9,6 +9,7 @@
 
 #include "src/NetworkConfig.h"
 #include "src/NetworkCycle.h"
+#include "src/NetworkLinkPhy.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
@@ -603,6 +604,40 @@ TEST(StatusJsonTest, AFailureNotYetRecoveredAndOneThatRecovered) {
     EXPECT_EQ(doc["work"]["veth3"]["failing"], false);
     EXPECT_EQ(doc["work"]["veth3"]["recovered_at"], "2038-01-19T03:14:09+00:00");
     EXPECT_EQ(doc["work"]["veth3"]["last_failure"]["command"], "ip addr add 10.253.254.253/255.255.255.0 dev veth3");
+}
+
+// The write found no driver file: the mode is not in force, and the PHY work
+// fails with the log's words and the reason, however good eth1's bounce was.
+TEST(StatusJsonTest, APhyModeWhoseWriteFailedIsNotInForceAndItsWorkFails) {
+    Utc utc;
+    TempDir dir;
+    const std::string path = dir.Path("missing-dir/marvell-phy-0-port");
+    CYCLE_STATE state = TwoPortState();
+    WORK_FAILURE failure;
+    {
+        LogCapture log;  // the write's ERROR stays out of the test's output
+        ASSERT_FALSE(SetEthernetPhyMode(path, PHY_MODE_SGMII, &failure));
+    }
+    state.m_bPhyWriteFailed = true;
+    state.m_bPhyFileMissing = true;
+    NoteWorkFailedQuietly(state.m_phyHealth, failure);
+    const json doc = Document(state);
+    EXPECT_EQ(doc["configuration"]["phy_mode"], "frame");
+    EXPECT_EQ(doc["phy_mode"], nullptr);
+    EXPECT_EQ(doc["work"]["phy"]["failing"], true);
+    EXPECT_EQ(doc["work"]["phy"]["failures"], 1);
+    EXPECT_EQ(doc["work"]["phy"]["last_failure"]["command"], "Unable to open " + path + " patch is required");
+    EXPECT_EQ(doc["work"]["phy"]["last_failure"]["outcome"], "not started (No such file or directory)");
+    // Written at last: in force, and the work recovered.
+    state.m_bPhyWriteFailed = false;
+    state.m_bPhyFileMissing = false;
+    {
+        LogCapture log;
+        NoteWorkDone(state.m_phyHealth, "PHY mode");
+    }
+    const json written = Document(state);
+    EXPECT_EQ(written["phy_mode"], "frame");
+    EXPECT_EQ(written["work"]["phy"]["failing"], false);
 }
 
 TEST(StatusJsonTest, WorkUndoneFromOutsideAndItsRepair) {
