@@ -29,6 +29,7 @@ expected="-rwxr-xr-x etc/init.d/tessel-networkd
 -rw-r--r-- usr/lib/systemd/system/tessel-networkd.service
 -rw-r--r-- usr/lib/tmpfiles.d/tessel-networkd.conf
 -rwxr-xr-x usr/sbin/tessel-networkd
+-rw-r--r-- usr/share/doc/tessel-networkd/TROUBLESHOOTING.md
 -rw-r--r-- usr/share/doc/tessel-networkd/changelog.gz
 -rw-r--r-- usr/share/doc/tessel-networkd/copyright
 -rw-r--r-- usr/share/man/man1/tessel-netcheck.1.gz
