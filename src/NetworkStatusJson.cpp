@@ -210,6 +210,13 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
     json.Number("recoveries", s.m_nEth0Recoveries);
     json.Time("last_recovery", s.m_eth0RecoveredAt);
     json.Close('}');
+    json.Open("eth1", '{');
+    if (s.m_eEth1Link == STATUS_LINK_UNKNOWN) {
+        json.Null("link");
+    } else {
+        json.String("link", s.m_eEth1Link == STATUS_LINK_UP ? "up" : "down");
+    }
+    json.Close('}');
 
     json.Open("isolation", '{');
     json.Bool("required", s.m_isolation.m_bRequired);

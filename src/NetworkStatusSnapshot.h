@@ -62,6 +62,13 @@ struct STATUS_ISOLATION {
     bool operator==(const STATUS_ISOLATION&) const = default;
 };
 
+// A link's state as the document shows it.
+enum STATUS_LINK : unsigned char {
+    STATUS_LINK_UNKNOWN,  // no such link, or it could not be read
+    STATUS_LINK_DOWN,     // administratively down, or up without carrier
+    STATUS_LINK_UP,       // up, with carrier
+};
+
 // Every field of the document that can change while the daemon runs. Taken after
 // each pass and compared with the one last written: the document is built and
 // written only when they differ. Nothing in it changes by itself from pass to
@@ -85,6 +92,8 @@ struct STATUS_SNAPSHOT {
     bool m_bEth0LinkUp = false;
     unsigned int m_nEth0Recoveries = 0;
     timespec m_eth0RecoveredAt{};
+    // eth1's link, read when the snapshot is compared (the cycle keeps no record of it).
+    STATUS_LINK m_eEth1Link = STATUS_LINK_UNKNOWN;
     STATUS_WORK m_startup;
     STATUS_WORK m_bridge;
     STATUS_WORK m_registers;  // eth0's register writes

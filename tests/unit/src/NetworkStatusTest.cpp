@@ -171,6 +171,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     "recoveries": 0,
     "last_recovery": null
   },
+  "eth1": {
+    "link": null
+  },
   "isolation": {
     "required": true,
     "in_force": true,
@@ -358,6 +361,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     "link": "up",
     "recoveries": 0,
     "last_recovery": null
+  },
+  "eth1": {
+    "link": null
   },
   "isolation": {
     "required": true,
@@ -778,6 +784,7 @@ FieldChanges<STATUS_SNAPSHOT> SnapshotChanges() {
         {"m_bEth0Used", [](STATUS_SNAPSHOT& s) { s.m_bEth0Used = !s.m_bEth0Used; }},
         {"m_bEth0LinkUp", [](STATUS_SNAPSHOT& s) { s.m_bEth0LinkUp = !s.m_bEth0LinkUp; }},
         {"m_nEth0Recoveries", [](STATUS_SNAPSHOT& s) { ++s.m_nEth0Recoveries; }},
+        {"m_eEth1Link", [](STATUS_SNAPSHOT& s) { s.m_eEth1Link = static_cast<STATUS_LINK>(s.m_eEth1Link + 1U); }},
     };
     AddFieldChanges(changes, "m_eth0RecoveredAt", &STATUS_SNAPSHOT::m_eth0RecoveredAt, TimeChanges());
     AddFieldChanges(changes, "m_startup", &STATUS_SNAPSHOT::m_startup, WorkChanges());
@@ -860,6 +867,25 @@ TEST(UpdateStatusTest, WritesOnlyWhenWhatItShowsChanged) {
     UpdateStatus(writer, state);
     EXPECT_NE(Inode(path), first);
     EXPECT_EQ(json::parse(ReadFile(path))["eth0"]["link"], "down");
+}
+
+TEST(UpdateStatusTest, Eth1sLinkIsReadAtEachUpdateAndAChangeRewritesTheDocument) {
+    TempDir dir;
+    STATUS_WRITER writer;
+    StartStatus(writer, dir.Path("run"), "/etc/x.conf");
+    // The loopback link is there wherever the test runs (up, or down in a new
+    // namespace); a link that is not there is not known.
+    writer.m_eth1 = "lo";
+    const CYCLE_STATE state = TwoPortState();
+    UpdateStatus(writer, state);
+    const std::string path = dir.Path("run/status.json");
+    const json link = json::parse(ReadFile(path))["eth1"]["link"];
+    EXPECT_TRUE(link == "up" || link == "down") << link;
+    const ino_t first = Inode(path);
+    writer.m_eth1 = "tsl-no-such0";
+    UpdateStatus(writer, state);
+    EXPECT_NE(Inode(path), first);
+    EXPECT_EQ(json::parse(ReadFile(path))["eth1"], json::parse(R"({"link": null})"));
 }
 
 TEST(UpdateStatusTest, InTheTwoPortModeEachLookThatFindsTheIsolationWholeRewritesIt) {
