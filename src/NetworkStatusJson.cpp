@@ -147,6 +147,7 @@ void WriteInterface(JsonWriter& json, const char* name, const STATUS_INTERFACE& 
     json.Number("metric", iface.m_nMetric);
     json.Bool("from_dhcp", iface.m_bFromDhcp);
     json.Time("lease_at", iface.m_leaseAt);
+    json.Address("lease_server", iface.m_leaseServer.s_addr != 0, iface.m_leaseServer);
     json.Open("dhcp_client", '{');
     if (iface.m_clientPid != 0) {
         json.Number("pid", iface.m_clientPid);

@@ -42,8 +42,9 @@ struct STATUS_INTERFACE {
     in_addr m_mask{};
     in_addr m_gateway{};  // 0.0.0.0: no default route
     unsigned int m_nMetric = 0;
-    timespec m_leaseAt{};   // when the lease in force was taken up; zero: none
-    pid_t m_clientPid = 0;  // the DHCP client, 0 when none is known
+    timespec m_leaseAt{};     // when the lease in force was taken up; zero: none
+    in_addr m_leaseServer{};  // the server that gave it; 0.0.0.0: none, or not named
+    pid_t m_clientPid = 0;    // the DHCP client, 0 when none is known
     unsigned int m_nClientStarts = 0;
     STATUS_WORK m_work;  // its addressing work
 

@@ -143,12 +143,14 @@ class StatusTest(harness.DaemonTestCase):
             {"name": "veth1", "addressing": "static",
              "requested": {"address": "10.0.0.2", "mask": "255.255.255.0", "gateway": "10.0.0.1"},
              "address": "10.0.0.2", "mask": "255.255.255.0", "gateway": "10.0.0.1", "metric": 10,
-             "from_dhcp": False, "lease_at": None, "dhcp_client": {"pid": None, "starts": 0},
+             "from_dhcp": False, "lease_at": None, "lease_server": None,
+             "dhcp_client": {"pid": None, "starts": 0},
              "work": HEALTHY_WORK},
             {"name": "veth3", "addressing": "static",
              "requested": {"address": "10.1.0.2", "mask": "255.255.255.0", "gateway": None},
              "address": "10.1.0.2", "mask": "255.255.255.0", "gateway": None, "metric": 100,
-             "from_dhcp": False, "lease_at": None, "dhcp_client": {"pid": None, "starts": 0},
+             "from_dhcp": False, "lease_at": None, "lease_server": None,
+             "dhcp_client": {"pid": None, "starts": 0},
              "work": HEALTHY_WORK},
         ])
         self.assertEqual(document["work"], {name: HEALTHY_WORK for name in
@@ -192,23 +194,24 @@ class StatusTest(harness.DaemonTestCase):
         self.assertEqual(self.interface(self.document(), "veth1")["dhcp_client"], {"pid": clients[0], "starts": 1})
         self.assertIn("veth1 has no address in force", self.ctl_status(daemon, 1))
 
-        self.sandbox.write_lease("veth1", "veth1 192.168.5.20 255.255.255.0\n192.168.5.1\n")
+        self.sandbox.write_lease("veth1", "veth1 192.168.5.20 255.255.255.0 192.168.5.254\n192.168.5.1\n")
         daemon.run_cycle(TWO_PORT_DHCP)
         veth1 = self.interface(self.document(), "veth1")
-        self.assertEqual((veth1["address"], veth1["mask"], veth1["gateway"], veth1["metric"], veth1["from_dhcp"]),
-                         ("192.168.5.20", "255.255.255.0", "192.168.5.1", 10, True))
+        self.assertEqual((veth1["address"], veth1["mask"], veth1["gateway"], veth1["metric"], veth1["from_dhcp"],
+                          veth1["lease_server"]),
+                         ("192.168.5.20", "255.255.255.0", "192.168.5.1", 10, True, "192.168.5.254"))
         self.recent(veth1, "lease_at")
         self.assertEqual(veth1["dhcp_client"]["starts"], 1)
         table = self.ctl_status(daemon, 0)
-        self.assertRegex(table, r"\nveth1: +dhcp 192\.168\.5\.20/24 via 192\.168\.5\.1, metric 10\n +lease, taken "
+        self.assertRegex(table, r"\nveth1: +dhcp 192\.168\.5\.20/24 via 192\.168\.5\.1, metric 10\n +lease from 192\.168\.5\.254, taken "
                                 + re.escape(veth1["lease_at"][11:19]) + r", \d+s old\n +DHCP client pid %d, 1 started\n"
                                 % veth1["dhcp_client"]["pid"])
 
         self.sandbox.write_lease("veth1", "veth1 0.0.0.0 0.0.0.0\n")
         daemon.run_cycle(TWO_PORT_DHCP)
         veth1 = self.interface(self.document(), "veth1")
-        self.assertEqual((veth1["address"], veth1["gateway"], veth1["from_dhcp"], veth1["lease_at"]),
-                         (None, None, False, None))
+        self.assertEqual((veth1["address"], veth1["gateway"], veth1["from_dhcp"], veth1["lease_at"],
+                          veth1["lease_server"]), (None, None, False, None, None))
         self.assertIn("veth1 has no address in force", self.ctl_status(daemon, 1))
 
     def test_eth0_down_and_back(self):

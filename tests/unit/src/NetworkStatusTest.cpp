@@ -80,6 +80,7 @@ CYCLE_STATE TwoPortState() {
     state.m_veth1.m_bReconfigure = false;
     state.m_veth1.m_applied = state.m_settings.m_veth1Config;
     state.m_veth1.m_dhcp = LeaseState(true, "192.168.77.100", "255.255.255.0", "192.168.77.1");
+    state.m_veth1.m_dhcp.m_server = Ip("192.168.77.2");
     state.m_veth1.m_leaseAt = {kInstant + 5, 0};
     state.m_veth1.m_clientPid = 77;
     state.m_veth1.m_nClientStarts = 1;
@@ -119,12 +120,12 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
     ASSERT_EQ(doc["interfaces"].size(), 2U);
     EXPECT_EQ(doc["interfaces"][0], json::parse(R"({"name": "veth1", "addressing": "dhcp", "requested": null,
         "address": "192.168.77.100", "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10,
-        "from_dhcp": true, "lease_at": "2038-01-19T03:14:12+00:00", "dhcp_client": {"pid": 77, "starts": 1},
+        "from_dhcp": true, "lease_at": "2038-01-19T03:14:12+00:00", "lease_server": "192.168.77.2", "dhcp_client": {"pid": 77, "starts": 1},
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     EXPECT_EQ(doc["interfaces"][1], json::parse(R"({"name": "veth3", "addressing": "static",
         "requested": {"address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null},
         "address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null, "metric": 100,
-        "from_dhcp": false, "lease_at": null, "dhcp_client": {"pid": null, "starts": 0},
+        "from_dhcp": false, "lease_at": null, "lease_server": null, "dhcp_client": {"pid": null, "starts": 0},
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
                                          "recovered_at": null, "outside_changes": 0, "last_outside_change": null})");
@@ -192,6 +193,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "metric": 10,
       "from_dhcp": true,
       "lease_at": "2038-01-19T03:14:12+00:00",
+      "lease_server": "192.168.77.2",
       "dhcp_client": {
         "pid": 77,
         "starts": 1
@@ -219,6 +221,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "metric": 100,
       "from_dhcp": false,
       "lease_at": null,
+      "lease_server": null,
       "dhcp_client": {
         "pid": null,
         "starts": 0
@@ -383,6 +386,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
       "metric": 10,
       "from_dhcp": true,
       "lease_at": "2038-01-19T03:14:12+00:00",
+      "lease_server": "192.168.77.2",
       "dhcp_client": {
         "pid": 77,
         "starts": 1
@@ -410,6 +414,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
       "metric": 100,
       "from_dhcp": false,
       "lease_at": null,
+      "lease_server": null,
       "dhcp_client": {
         "pid": null,
         "starts": 0
@@ -749,6 +754,7 @@ FieldChanges<STATUS_INTERFACE> InterfaceChanges() {
     AddFieldChanges(changes, "m_mask", &STATUS_INTERFACE::m_mask, AddressChanges());
     AddFieldChanges(changes, "m_gateway", &STATUS_INTERFACE::m_gateway, AddressChanges());
     AddFieldChanges(changes, "m_leaseAt", &STATUS_INTERFACE::m_leaseAt, TimeChanges());
+    AddFieldChanges(changes, "m_leaseServer", &STATUS_INTERFACE::m_leaseServer, AddressChanges());
     AddFieldChanges(changes, "m_work", &STATUS_INTERFACE::m_work, WorkChanges());
     return changes;
 }
