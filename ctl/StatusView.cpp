@@ -297,7 +297,7 @@ std::string Age(long long seconds) {
 // A time in a table: of today (in its own zone) the time of day, else the date
 // and the minute; whole with `full`; "-" for none.
 std::string When(const json& stamp, bool full) {
-    const std::string text = Text(stamp);
+    std::string text = Text(stamp);
     const long long at = IsoSeconds(text);
     if (full || at < 0 || text.size() < 19) return text;
     tm fields{};
@@ -490,6 +490,7 @@ std::vector<CAUSE> Causes(const json& document) {
     }
     std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<CAUSE> causes;
+    causes.reserve(found.size());
     for (auto& entry : found) causes.push_back(std::move(entry.second));
     return causes;
 }
