@@ -19,13 +19,25 @@ enum STATUS_HEALTH : int {
 // interpreter's), is tessel-networkd, and it is not a zombie.
 bool DaemonRunning(long pid, const std::string& procRoot = "/proc");
 
-// Why the device is degraded by the document (empty: healthy): a failure not
-// yet recovered, an interface without the address it should have, eth0 down
-// in a mode that bridges it, a configuration file the daemon cannot use, the
-// two-port mode's isolation not in force.
+// One reason the device is degraded, and what an operator can do about it.
+struct CAUSE {
+    std::string m_text;
+    std::string m_advice;  // one short line
+};
+
+// Why the device is degraded by the document (empty: healthy), the first cause
+// first (a configuration file the daemon cannot use before the works it stops,
+// the bridge before the ports on it, the isolation before the addresses): the
+// daemon still starting, a configuration file it cannot use, a failure not yet
+// recovered or an outside change not yet repaired, eth0 down in a mode that
+// bridges it, the two-port mode's isolation not in force (or not verified
+// lately, or partial), an interface without the address it should have.
+std::vector<CAUSE> Causes(const nlohmann::json& document);
+// The causes' texts, in the same order.
 std::vector<std::string> Degradations(const nlohmann::json& document);
 
 // The document as a table for people. `running`: the daemon that wrote it still
-// runs; `colour`: ANSI colours for a terminal.
+// runs; `colour`: ANSI colours for a terminal. Every line fits 80 columns, long
+// texts wrapped or cut with "..."; `full`: long texts whole, however wide.
 std::string StatusTable(const nlohmann::json& document, bool running, const std::vector<std::string>& reasons,
-                        bool colour);
+                        bool colour, bool full = false);

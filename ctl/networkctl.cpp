@@ -1,5 +1,5 @@
 // tessel-networkctl: the operator's view of tessel-networkd.
-//   tessel-networkctl status [--json] [--status-dir DIR]   what is configured, in force and wrong
+//   tessel-networkctl status [--full] [--json] [--status-dir DIR]   what is configured, in force and wrong
 //   tessel-networkctl check FILE                          a configuration file, as the daemon reads it
 // Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or
 // its document is stale; of check: 0 usable, 1 not usable, 2 unreadable; 2 for
@@ -26,8 +26,10 @@ namespace {
 const char kUsage[] =
     "Usage: tessel-networkctl COMMAND\n"
     "Commands:\n"
-    "  status [--json] [--status-dir DIR]  what tessel-networkd has configured, what is in force\n"
-    "                                      and what went wrong; --json prints its status document\n"
+    "  status [--full] [--json] [--status-dir DIR]\n"
+    "                                      what tessel-networkd has configured, what is in force\n"
+    "                                      and what went wrong, within 80 columns; --full shows\n"
+    "                                      long texts whole; --json prints its status document\n"
     "  check FILE                          reads a configuration file as the daemon would\n"
     "  help                                this text\n"
     "  --version                           the version and the source revision it was built from\n"
@@ -46,10 +48,13 @@ bool UseColour() {
 
 int Status(const std::vector<std::string>& args) {
     bool bJson = false;
+    bool bFull = false;
     std::string directory = kStatusDirectory;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--json") {
             bJson = true;
+        } else if (args[i] == "--full") {
+            bFull = true;
         } else if (args[i] == "--status-dir" && i + 1 < args.size()) {
             directory = args[++i];
         } else {
@@ -90,7 +95,7 @@ int Status(const std::vector<std::string>& args) {
         // As the daemon wrote it.
         fwrite(text.data(), 1, text.size(), stdout);
     } else {
-        fputs(StatusTable(document, bRunning, reasons, UseColour()).c_str(), stdout);
+        fputs(StatusTable(document, bRunning, reasons, UseColour(), bFull).c_str(), stdout);
     }
     if (!bRunning) return STATUS_NOT_RUNNING;
     return reasons.empty() ? STATUS_HEALTHY : STATUS_DEGRADED;

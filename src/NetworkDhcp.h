@@ -17,8 +17,14 @@ struct DHCP_STATE {
     in_addr m_ipAddress;
     in_addr m_subnetMask;
     in_addr m_gateway;
+    in_addr m_server;  // the server that gave it, for the status; 0.0.0.0: not named
 
-    bool operator==(const DHCP_STATE&) const = default;
+    // The same lease in force: the server is not part of it, so a renewal that
+    // names another server puts nothing in force again.
+    bool operator==(const DHCP_STATE& other) const {
+        return m_bLeaseValid == other.m_bLeaseValid && m_ipAddress.s_addr == other.m_ipAddress.s_addr &&
+               m_subnetMask.s_addr == other.m_subnetMask.s_addr && m_gateway.s_addr == other.m_gateway.s_addr;
+    }
 };
 
 // The file the DHCP client's script leaves a lease in: /tmp/dhcp_<interface>.txt.

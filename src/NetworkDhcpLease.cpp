@@ -177,7 +177,8 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
         return true;
     }
 
-    // Line 1: "name address mask"; line 2: "gateway", left out when the server gave none.
+    // Line 1: "name address mask [server]"; line 2: "gateway", left out when the
+    // server gave none.
     // A line longer than the buffer is read in pieces, the next piece as the next line.
     DHCP_STATE candidate{};
     char line[256];
@@ -185,9 +186,11 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     char address[15 + 1];
     char mask[15 + 1];
     char gateway[15 + 1];
+    char server[15 + 1] = {};
+    int nFields = 0;
     if (fgets(line, sizeof line, file.get()) == nullptr) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read DHCP lease file for " + interfaceName);
-    } else if (sscanf(line, "%16s %15s %15s", name, address, mask) != 3) {
+    } else if ((nFields = sscanf(line, "%16s %15s %15s %15s", name, address, mask, server)) < 3) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
                   "Unable to parse DHCP lease file for " + interfaceName + " invalid first line");
     } else if (!ToAddress(address, candidate.m_ipAddress)) {
@@ -200,8 +203,10 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
         // The script's way of saying the lease was lost.
         LOG_ENTRY(LOGGING_SEVERITY_INFO, false, kNoLease + interfaceName);
     } else {
-        // A missing or bad gateway only means no default route, never no lease.
+        // A missing or bad gateway only means no default route, never no lease;
+        // a missing or bad server only that the status cannot name it.
         candidate.m_bLeaseValid = true;
+        if (nFields == 4 && !ToAddress(server, candidate.m_server)) candidate.m_server = in_addr{};
         if (fgets(line, sizeof line, file.get()) == nullptr) {
             LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
                       "DHCP did not provide gateway for " + EscapeControlCharacters(name));

@@ -22,13 +22,15 @@ struct STATUS_WRITER {
     STATUS_SNAPSHOT m_current;      // taken after the last pass
     bool m_bWritten = false;        // the document on disk is the one of m_written
     bool m_bFailureLogged = false;  // a failed write was logged and none has worked since
+    std::string m_eth1 = "eth1";    // the link whose state the document shows as eth1's
 };
 
 // Before the first pass: the daemon's version, pid and start time, and the path
 // of its configuration file.
 void StartStatus(STATUS_WRITER& writer, const std::string& directory, const std::string& configPath);
 
-// After each pass: writes the document when what it shows changed since the last
-// write, or the last write failed. A failure is logged once (WARN) and tried
+// After each pass: reads eth1's link (one ioctl, nothing logged), and writes
+// the document when what it shows changed since the last write, or the last
+// write failed. A failure is logged once (WARN) and tried
 // again after the next pass; it never stops the cycle.
 void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state);

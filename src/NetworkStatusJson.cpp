@@ -147,6 +147,7 @@ void WriteInterface(JsonWriter& json, const char* name, const STATUS_INTERFACE& 
     json.Number("metric", iface.m_nMetric);
     json.Bool("from_dhcp", iface.m_bFromDhcp);
     json.Time("lease_at", iface.m_leaseAt);
+    json.Address("lease_server", iface.m_leaseServer.s_addr != 0, iface.m_leaseServer);
     json.Open("dhcp_client", '{');
     if (iface.m_clientPid != 0) {
         json.Number("pid", iface.m_clientPid);
@@ -216,6 +217,13 @@ std::string StatusJson(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s) {
         json.Close('}');
     } else {
         json.Null("streak");
+    }
+    json.Close('}');
+    json.Open("eth1", '{');
+    if (s.m_eEth1Link == STATUS_LINK_UNKNOWN) {
+        json.Null("link");
+    } else {
+        json.String("link", s.m_eEth1Link == STATUS_LINK_UP ? "up" : "down");
     }
     json.Close('}');
 

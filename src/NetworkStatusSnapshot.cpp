@@ -59,6 +59,7 @@ void TakeInterface(const CYCLE_STATE& state, const IP_CONFIG& configured, const 
     shown.m_mask = bStatic ? iface.m_applied.m_subnetMask : bLease ? iface.m_dhcp.m_subnetMask : in_addr{};
     shown.m_gateway = bStatic ? iface.m_applied.m_gateway : bLease ? iface.m_dhcp.m_gateway : in_addr{};
     shown.m_leaseAt = bLease ? iface.m_leaseAt : timespec{};
+    shown.m_leaseServer = bLease ? iface.m_dhcp.m_server : in_addr{};
     shown.m_clientPid = bShown ? iface.m_clientPid : 0;
     shown.m_nClientStarts = iface.m_nClientStarts;
 }

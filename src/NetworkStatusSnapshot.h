@@ -42,8 +42,9 @@ struct STATUS_INTERFACE {
     in_addr m_mask{};
     in_addr m_gateway{};  // 0.0.0.0: no default route
     unsigned int m_nMetric = 0;
-    timespec m_leaseAt{};   // when the lease in force was taken up; zero: none
-    pid_t m_clientPid = 0;  // the DHCP client, 0 when none is known
+    timespec m_leaseAt{};     // when the lease in force was taken up; zero: none
+    in_addr m_leaseServer{};  // the server that gave it; 0.0.0.0: none, or not named
+    pid_t m_clientPid = 0;    // the DHCP client, 0 when none is known
     unsigned int m_nClientStarts = 0;
     STATUS_WORK m_work;  // its addressing work
 
@@ -60,6 +61,13 @@ struct STATUS_ISOLATION {
     STATUS_WORK m_work;        // putting it back when a look found it broken
 
     bool operator==(const STATUS_ISOLATION&) const = default;
+};
+
+// A link's state as the document shows it.
+enum STATUS_LINK : unsigned char {
+    STATUS_LINK_UNKNOWN,  // no such link, or it could not be read
+    STATUS_LINK_DOWN,     // administratively down, or up without carrier
+    STATUS_LINK_UP,       // up, with carrier
 };
 
 // Every field of the document that can change while the daemon runs. Taken after
@@ -89,6 +97,8 @@ struct STATUS_SNAPSHOT {
     // how many, since when; 0 and zero when none is.
     unsigned int m_nEth0StreakRecoveries = 0;
     timespec m_eth0StreakSince{};
+    // eth1's link, read when the snapshot is compared (the cycle keeps no record of it).
+    STATUS_LINK m_eEth1Link = STATUS_LINK_UNKNOWN;
     STATUS_WORK m_startup;
     STATUS_WORK m_bridge;
     STATUS_WORK m_registers;  // eth0's register writes

@@ -154,13 +154,26 @@ class TesselScriptTest(unittest.TestCase):
             f.write("precious\n")
         return path
 
-    def test_bound_writes_interface_address_mask_and_first_router(self):
+    def test_bound_writes_interface_address_mask_server_and_first_router(self):
         for shell in shells():
             with self.subTest(shell=shell[0]):
                 result = self.run_script(shell, "bound", **self.bound_env(router="192.168.77.1 192.168.77.2"))
                 self.assertEqual(0, result.returncode, result.stderr)
-                self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n", self.read_lease())
+                self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0 192.168.77.1\n192.168.77.1\n", self.read_lease())
                 self.assertEqual([], self.leftovers())
+
+    def test_the_server_follows_the_mask_only_when_udhcpc_names_one(self):
+        for shell in shells():
+            with self.subTest(shell=shell[0]):
+                env = self.bound_env(serverid="192.168.77.254")
+                result = self.run_script(shell, "bound", **env)
+                self.assertEqual(0, result.returncode, result.stderr)
+                self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0 192.168.77.254\n192.168.77.1\n",
+                                 self.read_lease())
+                del env["serverid"]
+                result = self.run_script(shell, "renew", **env)
+                self.assertEqual(0, result.returncode, result.stderr)
+                self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n", self.read_lease())
 
     def test_renew_without_router_leaves_out_the_second_line(self):
         for shell in shells():
@@ -169,7 +182,7 @@ class TesselScriptTest(unittest.TestCase):
                 del env["router"]
                 result = self.run_script(shell, "renew", **env)
                 self.assertEqual(0, result.returncode, result.stderr)
-                self.assertEqual(self.interface + " 10.0.0.5 255.255.0.0\n", self.read_lease())
+                self.assertEqual(self.interface + " 10.0.0.5 255.255.0.0 192.168.77.1\n", self.read_lease())
 
     def test_deconfig_reports_no_lease(self):
         for shell in shells():
@@ -193,7 +206,7 @@ class TesselScriptTest(unittest.TestCase):
                     before = os.stat(self.lease)
                     result = self.run_script(shell, command, message="no offer")
                     self.assertEqual(0, result.returncode, result.stderr)
-                    self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n",
+                    self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0 192.168.77.1\n192.168.77.1\n",
                                      self.read_lease())
                     self.assertEqual(before.st_ino, os.stat(self.lease).st_ino)
 
@@ -207,8 +220,8 @@ class TesselScriptTest(unittest.TestCase):
                 os.link(self.lease, old)
                 self.run_script(shell, "bound", **self.bound_env(ip="192.168.77.124"))
                 with open(old) as f:
-                    self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n", f.read())
-                self.assertEqual(self.interface + " 192.168.77.124 255.255.255.0\n192.168.77.1\n", self.read_lease())
+                    self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0 192.168.77.1\n192.168.77.1\n", f.read())
+                self.assertEqual(self.interface + " 192.168.77.124 255.255.255.0 192.168.77.1\n192.168.77.1\n", self.read_lease())
                 self.assertNotEqual(os.stat(old).st_ino, os.stat(self.lease).st_ino)
                 self.assertEqual([], self.leftovers())
                 os.remove(old)
@@ -309,7 +322,7 @@ class TesselScriptTest(unittest.TestCase):
                         # The rename replaces the link itself, never what it points at.
                         self.assertEqual(0, result.returncode, result.stderr)
                         self.assertFalse(os.path.islink(self.lease))
-                        self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n",
+                        self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0 192.168.77.1\n192.168.77.1\n",
                                          self.read_lease())
                     self.assertEqual([], [path for path in self.leftovers() if path != directory])
                     shutil.rmtree(directory)
@@ -337,7 +350,7 @@ class TesselScriptTest(unittest.TestCase):
                 self.assertEqual(0, result.returncode, result.stderr)
                 with open(victim) as f:
                     self.assertEqual("precious\n", f.read())
-                self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0\n192.168.77.1\n", self.read_lease())
+                self.assertEqual(self.interface + " 192.168.77.123 255.255.255.0 192.168.77.1\n192.168.77.1\n", self.read_lease())
                 self.assertFalse(os.path.islink(self.lease))
 
     def test_full_tmp_leaves_the_lease_in_place_and_fails(self):

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """tessel-networkctl on the simulated device: both ports bridged, veth1 by DHCP
-from the lab's server, veth3 static. The command's table (printed here) and its
-JSON agree with what the device has: the lease dnsmasq gave, the client that got
-it, eth0's link. Stopped, the daemon is reported as not running."""
+from the lab's server, veth3 static. The command's table (printed here, within
+80 columns) and its JSON agree with what the device has: the lease dnsmasq gave
+and its server, the client that got it, eth0's and eth1's links. Stopped, the daemon is reported as not running."""
 import json
 import re
 
@@ -32,18 +32,22 @@ class StatusOnTheDeviceTest(LabTestCase):
         clients = self.lab.udhcpc_clients()
         self.assertEqual(len(clients), 1, clients)
         pid = list(clients)[0]
-        self.assertRegex(table, r"\nveth1 +dhcp +%s +255\.255\.255\.0 +%s +10 +lease \S+ +pid %d, 1 started\n"
-                         % (re.escape(lease), re.escape(self.lab.env["PEER1_ADDR"]), pid))
-        self.assertRegex(table, r"\nveth3 +static %s/255\.255\.255\.0 +%s +255\.255\.255\.0 +- +100 +static +-\n"
-                         % (re.escape(VETH3_ADDR), re.escape(VETH3_ADDR)))
+        # dnsmasq is the router too: it names itself as the lease's server.
+        server = re.escape(self.lab.env["PEER1_ADDR"])
+        self.assertRegex(table, r"\nveth1: +dhcp %s/24 via %s, metric 10\n +lease from %s, taken \S+, \d+s old\n"
+                                r" +DHCP client pid %d, 1 started\n" % (re.escape(lease), server, server, pid))
+        self.assertRegex(table, r"\nveth3: +static %s/24, no gateway, metric 100\n" % re.escape(VETH3_ADDR))
+        self.assertRegex(table, r"\neth1: +link up\n")
+        self.assertLessEqual(max(len(line) for line in table.split("\n")), 80, table)
 
         result = self.lab.ctl("status", "--json")
         self.assertEqual(result.returncode, 0, result.stderr)
         document = self.lab.status_document()
         self.assertEqual(json.loads(result.stdout), document)
         veth1 = document["interfaces"][0]
-        self.assertEqual((veth1["name"], veth1["address"], veth1["from_dhcp"], veth1["dhcp_client"]["pid"]),
-                         ("veth1", lease, True, pid))
+        self.assertEqual((veth1["name"], veth1["address"], veth1["from_dhcp"], veth1["dhcp_client"]["pid"],
+                          veth1["lease_server"]), ("veth1", lease, True, pid, self.lab.env["PEER1_ADDR"]))
+        self.assertEqual(document["eth1"], {"link": "up"})
 
         self.lab.stop()
         result = self.lab.ctl("status")

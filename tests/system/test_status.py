@@ -43,6 +43,11 @@ PHY_FILE = "/tmp/marvell-phy-0-port"
 LISTING_REFUSED = "the link-layer rules cannot be listed (exit status 1)"
 
 
+def widest(text):
+    """The widest line of `text`, in characters."""
+    return max((len(line) for line in text.split("\n")), default=0)
+
+
 class StatusTest(harness.DaemonTestCase):
     def setUp(self):
         super().setUp()
@@ -74,6 +79,8 @@ class StatusTest(harness.DaemonTestCase):
         result = daemon.ctl("status")
         self.assertEqual(result.returncode, expected_exit, result.stdout + result.stderr)
         self.assertNotIn("\033", result.stdout, "colour without a terminal")
+        # A serial console's width, whatever the state.
+        self.assertLessEqual(widest(result.stdout), 80, result.stdout)
         return result.stdout
 
     def ctl_json(self, daemon, expected_exit):
@@ -140,12 +147,14 @@ class StatusTest(harness.DaemonTestCase):
             {"name": "veth1", "addressing": "static",
              "requested": {"address": "10.0.0.2", "mask": "255.255.255.0", "gateway": "10.0.0.1"},
              "address": "10.0.0.2", "mask": "255.255.255.0", "gateway": "10.0.0.1", "metric": 10,
-             "from_dhcp": False, "lease_at": None, "dhcp_client": {"pid": None, "starts": 0},
+             "from_dhcp": False, "lease_at": None, "lease_server": None,
+             "dhcp_client": {"pid": None, "starts": 0},
              "work": HEALTHY_WORK},
             {"name": "veth3", "addressing": "static",
              "requested": {"address": "10.1.0.2", "mask": "255.255.255.0", "gateway": None},
              "address": "10.1.0.2", "mask": "255.255.255.0", "gateway": None, "metric": 100,
-             "from_dhcp": False, "lease_at": None, "dhcp_client": {"pid": None, "starts": 0},
+             "from_dhcp": False, "lease_at": None, "lease_server": None,
+             "dhcp_client": {"pid": None, "starts": 0},
              "work": HEALTHY_WORK},
         ])
         self.assertEqual(document["work"], {name: HEALTHY_WORK for name in
@@ -153,9 +162,8 @@ class StatusTest(harness.DaemonTestCase):
                                              "links", "ports", "macs", "eth0_port")})
         table = self.ctl_status(daemon, 0)
         self.assertRegex(table, r"State: +healthy\n")
-        self.assertRegex(table, r"\nveth1 +static 10\.0\.0\.2/255\.255\.255\.0 +10\.0\.0\.2 +255\.255\.255\.0 +"
-                                r"10\.0\.0\.1 +10 +static +-\n")
-        self.assertRegex(table, r"\nveth3 +static .* +10\.1\.0\.2 +255\.255\.255\.0 +- +100 ")
+        self.assertIn("\nveth1:          static 10.0.0.2/24 via 10.0.0.1, metric 10\n"
+                      "veth3:          static 10.1.0.2/24, no gateway, metric 100\n", table)
         self.assertEqual(self.ctl_json(daemon, 0), document)
 
         # Passes that change nothing leave the file alone: not even rewritten.
@@ -190,22 +198,24 @@ class StatusTest(harness.DaemonTestCase):
         self.assertEqual(self.interface(self.document(), "veth1")["dhcp_client"], {"pid": clients[0], "starts": 1})
         self.assertIn("veth1 has no address in force", self.ctl_status(daemon, 1))
 
-        self.sandbox.write_lease("veth1", "veth1 192.168.5.20 255.255.255.0\n192.168.5.1\n")
+        self.sandbox.write_lease("veth1", "veth1 192.168.5.20 255.255.255.0 192.168.5.254\n192.168.5.1\n")
         daemon.run_cycle(TWO_PORT_DHCP)
         veth1 = self.interface(self.document(), "veth1")
-        self.assertEqual((veth1["address"], veth1["mask"], veth1["gateway"], veth1["metric"], veth1["from_dhcp"]),
-                         ("192.168.5.20", "255.255.255.0", "192.168.5.1", 10, True))
+        self.assertEqual((veth1["address"], veth1["mask"], veth1["gateway"], veth1["metric"], veth1["from_dhcp"],
+                          veth1["lease_server"]),
+                         ("192.168.5.20", "255.255.255.0", "192.168.5.1", 10, True, "192.168.5.254"))
         self.recent(veth1, "lease_at")
         self.assertEqual(veth1["dhcp_client"]["starts"], 1)
         table = self.ctl_status(daemon, 0)
-        self.assertRegex(table, r"\nveth1 +dhcp +192\.168\.5\.20 +255\.255\.255\.0 +192\.168\.5\.1 +10 +lease "
-                                + re.escape(veth1["lease_at"]) + " +pid %d, 1 started\n" % veth1["dhcp_client"]["pid"])
+        self.assertRegex(table, r"\nveth1: +dhcp 192\.168\.5\.20/24 via 192\.168\.5\.1, metric 10\n +lease from 192\.168\.5\.254, taken "
+                                + re.escape(veth1["lease_at"][11:19]) + r", \d+s old\n +DHCP client pid %d, 1 started\n"
+                                % veth1["dhcp_client"]["pid"])
 
         self.sandbox.write_lease("veth1", "veth1 0.0.0.0 0.0.0.0\n")
         daemon.run_cycle(TWO_PORT_DHCP)
         veth1 = self.interface(self.document(), "veth1")
-        self.assertEqual((veth1["address"], veth1["gateway"], veth1["from_dhcp"], veth1["lease_at"]),
-                         (None, None, False, None))
+        self.assertEqual((veth1["address"], veth1["gateway"], veth1["from_dhcp"], veth1["lease_at"],
+                          veth1["lease_server"]), (None, None, False, None, None))
         self.assertIn("veth1 has no address in force", self.ctl_status(daemon, 1))
 
     def test_eth0_down_and_back(self):
@@ -245,7 +255,7 @@ class StatusTest(harness.DaemonTestCase):
         self.assertEqual(document["bridge_mode"], "eth0eth1")
         self.assertEqual(self.interface(document, "veth3")["address"], "10.1.0.2")
         table = self.ctl_status(daemon, 1)
-        self.assertIn("(not usable, keeping the last usable configuration, still supervised)", table)
+        self.assertRegex(table, r"\(not usable, keeping the last usable configuration, still\n +supervised\)\n")
         self.assertRegex(table, r"\n +Invalid static subnet mask veth3\n")
 
         # A missing line is not logged, but it is the reason.
@@ -273,8 +283,13 @@ class StatusTest(harness.DaemonTestCase):
                                                  "problem": "the bridge build stopped at: "
                                                             "ip link add name br0 type bridge", "partial": None})
         table = self.ctl_status(daemon, 1)
-        self.assertIn("bridge build failing (ip link add name br0 type bridge: exit status 1)", table)
-        self.assertRegex(table, r"\nbridge +failing +1 +" + re.escape(failed_at))
+        self.assertRegex(table, r"\nFirst cause: +bridge build failing \(ip link add name br0 type bridge: exit\n"
+                                r" +status 1\)\n")
+        self.assertIn("bridge build failing (ip link add name br0 type bridge: exit status 1)\n",
+                      daemon.ctl("status", "--full").stdout)
+        # The last failure wrapped under its column.
+        self.assertRegex(table, r"\nbridge +failing +1 +- +" + re.escape(failed_at[11:19]) +
+                         r" ip link add name br0 type\s+bridge: exit status 1\n")
 
         self.sandbox.set_status("ip", 0)
 
@@ -291,8 +306,9 @@ class StatusTest(harness.DaemonTestCase):
         self.assertEqual(document["bridge_mode"], "eth0eth1")
         self.assertTrue(any(message.startswith("Recovered bridge setup after ") for message in daemon.messages()))
         table = self.ctl_status(daemon, 0)
-        self.assertRegex(table, r"\nbridge +recovered +0 +" + re.escape(bridge["last_failure"]["at"]) +
-                         " ip link add name br0 type bridge: exit status 1 +" + re.escape(bridge["recovered_at"]))
+        self.assertRegex(table, r"\nbridge +recovered +0 +" + re.escape(bridge["recovered_at"][11:19]) + " +" +
+                         re.escape(bridge["last_failure"]["at"][11:19]) +
+                         r" ip link add name br0 type\s+bridge: exit status 1\n")
 
     def test_an_isolation_that_cannot_be_looked_at_is_shown_not_in_force_and_eth1_stays_up(self):
         daemon = self.start()
@@ -343,6 +359,30 @@ class StatusTest(harness.DaemonTestCase):
         # The build's own "ip link set eth1 down" alone.
         self.assertEqual(self.sandbox.commands().count("ip link set eth1 down"), 1)
         self.ctl_status(daemon, 0)
+
+    def test_the_table_fits_a_console_healthy_and_degraded_and_full_shows_it_whole(self):
+        daemon = self.start()
+        daemon.run_cycle(TWO_PORT_STATIC)
+        healthy = self.ctl_status(daemon, 0)
+        self.assertLessEqual(widest(healthy), 80, healthy)
+        self.assertRegex(healthy, r"\neth1: +link (up|down|not known)\n")
+        self.assertNotIn("First cause:", healthy)
+
+        # Degraded twice over: eth0's link down, and then a file the daemon cannot use.
+        daemon.ns_run([self.ip, "link", "set", "eth0", "down"])
+        self.wait_for_eth0(daemon, False)
+        daemon.run_cycle(TWO_PORT_STATIC)
+        daemon.run_cycle(BAD_MASK)
+        degraded = self.ctl_status(daemon, 1)
+        self.assertLessEqual(widest(degraded), 80, degraded)
+        # The file first, what to do about it, then the rest.
+        self.assertRegex(degraded, r"\nState: +degraded, 2 causes\nFirst cause: +configuration file\n(?: {18}.*\n)*"
+                                   r"What to do: +run tessel-networkctl check .*\nAlso: +eth0's link is down\n")
+        full = daemon.ctl("status", "--full")
+        self.assertEqual(full.returncode, 1, full.stderr)
+        self.assertIn("First cause:    configuration file %s is not usable\n" % self.sandbox.config_path, full.stdout)
+        self.assertIn("What to do:     run tessel-networkctl check %s and fix what it names\n"
+                      % self.sandbox.config_path, full.stdout)
 
     def test_the_daemon_stopped(self):
         daemon = self.start()

@@ -143,6 +143,27 @@ TEST_F(CheckForNewDhcpAddressTest, SameLeaseAgainChangesNothing) {
     EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
 }
 
+TEST_F(CheckForNewDhcpAddressTest, TheServerIsRecordedAndAloneIsNoNewLease) {
+    DHCP_STATE state{};
+    EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0 10.0.0.254\n10.0.0.1\n", state, 100),
+              (Lines{
+                  "INFO CheckForNewDhcpAddress: New DHCP lease for " + N(),
+                  "$ ip route flush dev " + N(),
+                  "$ ip addr flush dev " + N(),
+                  "INFO SetAddrAndRouting: Configuring " + N() + " for 10.0.0.5/255.255.255.0",
+                  "$ ip addr add 10.0.0.5/255.255.255.0 dev " + N(),
+                  "INFO SetAddrAndRouting: Adding default gateway 10.0.0.1 for " + N(),
+                  "$ ip route add default via 10.0.0.1 dev " + N() + " metric 100",
+              }));
+    EXPECT_EQ(Dotted(state.m_server), "10.0.0.254");
+    // A renewal naming another server (or none, or a bad one) puts nothing in force again.
+    EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0 10.0.0.253\n10.0.0.1\n", state, 100), Lines{});
+    EXPECT_EQ(Dotted(state.m_server), "10.0.0.253");
+    EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0 banana\n10.0.0.1\n", state, 100), Lines{});
+    EXPECT_EQ(Dotted(state.m_server), "0.0.0.0");
+    EXPECT_EQ(Describe(state), "valid 10.0.0.5 255.255.255.0 10.0.0.1");
+}
+
 TEST_F(CheckForNewDhcpAddressTest, CallersMetricAndFurtherLinesIgnored) {
     DHCP_STATE state{};
     EXPECT_EQ(Check(N() + " 10.0.0.5 255.255.255.0\n10.0.0.1\ngarbage\n\n", state, 100),

@@ -83,6 +83,7 @@ CYCLE_STATE TwoPortState() {
     state.m_veth1.m_bReconfigure = false;
     state.m_veth1.m_applied = state.m_settings.m_veth1Config;
     state.m_veth1.m_dhcp = LeaseState(true, "192.168.77.100", "255.255.255.0", "192.168.77.1");
+    state.m_veth1.m_dhcp.m_server = Ip("192.168.77.2");
     state.m_veth1.m_leaseAt = {kInstant + 5, 0};
     state.m_veth1.m_clientPid = 77;
     state.m_veth1.m_nClientStarts = 1;
@@ -123,12 +124,12 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
     ASSERT_EQ(doc["interfaces"].size(), 2U);
     EXPECT_EQ(doc["interfaces"][0], json::parse(R"({"name": "veth1", "addressing": "dhcp", "requested": null,
         "address": "192.168.77.100", "mask": "255.255.255.0", "gateway": "192.168.77.1", "metric": 10,
-        "from_dhcp": true, "lease_at": "2038-01-19T03:14:12+00:00", "dhcp_client": {"pid": 77, "starts": 1},
+        "from_dhcp": true, "lease_at": "2038-01-19T03:14:12+00:00", "lease_server": "192.168.77.2", "dhcp_client": {"pid": 77, "starts": 1},
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     EXPECT_EQ(doc["interfaces"][1], json::parse(R"({"name": "veth3", "addressing": "static",
         "requested": {"address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null},
         "address": "10.253.254.253", "mask": "255.255.255.0", "gateway": null, "metric": 100,
-        "from_dhcp": false, "lease_at": null, "dhcp_client": {"pid": null, "starts": 0},
+        "from_dhcp": false, "lease_at": null, "lease_server": null, "dhcp_client": {"pid": null, "starts": 0},
         "work": {"failing": false, "failures": 0, "last_failure": null, "recovered_at": null, "outside_changes": 0, "last_outside_change": null}})"));
     const json healthy = json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
                                          "recovered_at": null, "outside_changes": 0, "last_outside_change": null})");
@@ -177,6 +178,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     "last_recovery": null,
     "streak": null
   },
+  "eth1": {
+    "link": null
+  },
   "isolation": {
     "required": true,
     "in_force": true,
@@ -195,6 +199,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "metric": 10,
       "from_dhcp": true,
       "lease_at": "2038-01-19T03:14:12+00:00",
+      "lease_server": "192.168.77.2",
       "dhcp_client": {
         "pid": 77,
         "starts": 1
@@ -222,6 +227,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
       "metric": 100,
       "from_dhcp": false,
       "lease_at": null,
+      "lease_server": null,
       "dhcp_client": {
         "pid": null,
         "starts": 0
@@ -366,6 +372,9 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     "last_recovery": null,
     "streak": null
   },
+  "eth1": {
+    "link": null
+  },
   "isolation": {
     "required": true,
     "in_force": false,
@@ -384,6 +393,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
       "metric": 10,
       "from_dhcp": true,
       "lease_at": "2038-01-19T03:14:12+00:00",
+      "lease_server": "192.168.77.2",
       "dhcp_client": {
         "pid": 77,
         "starts": 1
@@ -411,6 +421,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
       "metric": 100,
       "from_dhcp": false,
       "lease_at": null,
+      "lease_server": null,
       "dhcp_client": {
         "pid": null,
         "starts": 0
@@ -863,6 +874,7 @@ FieldChanges<STATUS_INTERFACE> InterfaceChanges() {
     AddFieldChanges(changes, "m_mask", &STATUS_INTERFACE::m_mask, AddressChanges());
     AddFieldChanges(changes, "m_gateway", &STATUS_INTERFACE::m_gateway, AddressChanges());
     AddFieldChanges(changes, "m_leaseAt", &STATUS_INTERFACE::m_leaseAt, TimeChanges());
+    AddFieldChanges(changes, "m_leaseServer", &STATUS_INTERFACE::m_leaseServer, AddressChanges());
     AddFieldChanges(changes, "m_work", &STATUS_INTERFACE::m_work, WorkChanges());
     return changes;
 }
@@ -898,6 +910,7 @@ FieldChanges<STATUS_SNAPSHOT> SnapshotChanges() {
         {"m_bEth0Used", [](STATUS_SNAPSHOT& s) { s.m_bEth0Used = !s.m_bEth0Used; }},
         {"m_bEth0LinkUp", [](STATUS_SNAPSHOT& s) { s.m_bEth0LinkUp = !s.m_bEth0LinkUp; }},
         {"m_nEth0Recoveries", [](STATUS_SNAPSHOT& s) { ++s.m_nEth0Recoveries; }},
+        {"m_eEth1Link", [](STATUS_SNAPSHOT& s) { s.m_eEth1Link = static_cast<STATUS_LINK>(s.m_eEth1Link + 1U); }},
     };
     AddFieldChanges(changes, "m_eth0RecoveredAt", &STATUS_SNAPSHOT::m_eth0RecoveredAt, TimeChanges());
     AddFieldChanges(changes, "m_startup", &STATUS_SNAPSHOT::m_startup, WorkChanges());
@@ -980,6 +993,25 @@ TEST(UpdateStatusTest, WritesOnlyWhenWhatItShowsChanged) {
     UpdateStatus(writer, state);
     EXPECT_NE(Inode(path), first);
     EXPECT_EQ(json::parse(ReadFile(path))["eth0"]["link"], "down");
+}
+
+TEST(UpdateStatusTest, Eth1sLinkIsReadAtEachUpdateAndAChangeRewritesTheDocument) {
+    TempDir dir;
+    STATUS_WRITER writer;
+    StartStatus(writer, dir.Path("run"), "/etc/x.conf");
+    // The loopback link is there wherever the test runs (up, or down in a new
+    // namespace); a link that is not there is not known.
+    writer.m_eth1 = "lo";
+    const CYCLE_STATE state = TwoPortState();
+    UpdateStatus(writer, state);
+    const std::string path = dir.Path("run/status.json");
+    const json link = json::parse(ReadFile(path))["eth1"]["link"];
+    EXPECT_TRUE(link == "up" || link == "down") << link;
+    const ino_t first = Inode(path);
+    writer.m_eth1 = "tsl-no-such0";
+    UpdateStatus(writer, state);
+    EXPECT_NE(Inode(path), first);
+    EXPECT_EQ(json::parse(ReadFile(path))["eth1"], json::parse(R"({"link": null})"));
 }
 
 TEST(UpdateStatusTest, InTheTwoPortModeEachLookThatFindsTheIsolationWholeRewritesIt) {
