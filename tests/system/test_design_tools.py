@@ -160,7 +160,7 @@ class DesignToolsTest(harness.DaemonTestCase):
                                        and sandbox.status()["isolation"], "the whole isolation in the status")
         self.assertTrue(isolation["in_force"])
         # The only fault left is the PHY driver this machine lacks: its write failed.
-        shown = daemon.ctl("status")
+        shown = daemon.ctl("status", "--full")
         self.assertEqual(shown.returncode, 1, shown.stdout + shown.stderr)
         self.assertNotIn("isolation of eth0 and eth1", shown.stdout)
         self.assertIn("PHY mode failing (" + PHY_ERROR[1] + ": not started (", shown.stdout)

@@ -30,7 +30,8 @@ class PhyStatusTest(harness.DaemonTestCase):
         return self.start_daemon(args=args, interfaces=["eth0"], up=["eth0"])
 
     def ctl_status(self, daemon, expected_exit):
-        result = daemon.ctl("status")
+        # Whole texts: the table wraps long ones at 80 columns.
+        result = daemon.ctl("status", "--full")
         self.assertEqual(result.returncode, expected_exit, result.stdout + result.stderr)
         return result.stdout
 
@@ -48,7 +49,7 @@ class PhyStatusTest(harness.DaemonTestCase):
         self.assertEqual(phy["last_failure"]["command"], MISSING % DESIGN_FILE)
         self.assertRegex(phy["last_failure"]["outcome"], r"^not started \(.+\)$")
         table = self.ctl_status(daemon, 1)
-        self.assertRegex(table, r"State: +degraded\n +PHY mode failing \(" + MISSING % DESIGN_FILE + r": not started ")
+        self.assertRegex(table, r"State: +degraded\nFirst cause: +PHY mode failing \(" + MISSING % DESIGN_FILE + r": not started ")
         self.assertRegex(table, r"PHY mode: +none \(configured frame\)")
         # The design's one ERROR, however many passes: no retry announced, nothing run for it.
         self.assertEqual(self.missing_entries(daemon), [("ERROR", MISSING % DESIGN_FILE)])
