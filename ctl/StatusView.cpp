@@ -470,7 +470,12 @@ std::vector<CAUSE> Causes(const json& document) {
     }
     const json& eth0 = At(document, "eth0");
     if (Flag(At(eth0, "used")) && Text(At(eth0, "link")) == "down") {
-        found.push_back({RANK_ETH0, {"eth0's link is down", "check eth0's cable and the port it is plugged into"}});
+        const json& streak = At(eth0, "streak");
+        const std::string cause = streak.is_object() && Number(At(streak, "recoveries")) > 1
+                                      ? "eth0's link is down (" + std::to_string(Number(At(streak, "recoveries"))) +
+                                            " recoveries since " + When(At(streak, "since"), false) + ")"
+                                      : std::string("eth0's link is down");
+        found.push_back({RANK_ETH0, {cause, "check eth0's cable and the port it is plugged into"}});
     }
     // Why is on the table's own row for it: the reason stays one short line.
     const json& isolation = At(document, "isolation");
@@ -595,6 +600,12 @@ std::string StatusTable(const json& document, bool running, const std::vector<st
     link += ", " + std::to_string(Number(At(eth0, "recoveries"))) + " recoveries";
     if (!At(eth0, "last_recovery").is_null()) link += ", last " + Text(At(eth0, "last_recovery"));
     head.Row({"eth0:", link});
+    // A streak going on: how long eth0 has kept going down (one recovery is none).
+    const json& streak = At(eth0, "streak");
+    if (streak.is_object() && Number(At(streak, "recoveries")) > 1) {
+        head.Row({"", "streak: " + std::to_string(Number(At(streak, "recoveries"))) + " recoveries since " +
+                          When(At(streak, "since"), full)});
+    }
     // A document of a daemon that does not report eth1 has no row for it.
     const json& eth1 = At(document, "eth1");
     if (eth1.is_object()) {

@@ -555,4 +555,23 @@ TEST(StatusTableTest, Eth1sLinkAndTheLeasesServerWhenTheDocumentHasThem) {
     EXPECT_EQ(LineOf(StatusTable(doc, true, {}, false), "eth1:"), "eth1:           link not known");
 }
 
+TEST(StatusTableTest, AStreakOfEth0RecoveriesLeadsTheCauseAndHasItsRow) {
+    const FixedClock now(1795450920, 0);
+    json doc = json::parse(kHealthy);
+    doc["eth0"]["link"] = "down";
+    doc["eth0"]["streak"] = {{"recoveries", 42}, {"since", "2026-11-23T16:20:00+00:00"}};
+    const std::string table = StatusTable(doc, true, Degradations(doc), false);
+    EXPECT_EQ(LineOf(table, "First cause:"), "First cause:    eth0's link is down (42 recoveries since 16:20:00)")
+        << table;
+    EXPECT_NE(table.find("\n                streak: 42 recoveries since 16:20:00\n"), std::string::npos) << table;
+    EXPECT_EQ(LinesWiderThan80(table), std::vector<std::string>{});
+    // One recovery is no streak yet; none at all, no row.
+    doc["eth0"]["streak"]["recoveries"] = 1;
+    EXPECT_EQ(StatusTable(doc, true, Degradations(doc), false).find("streak:"), std::string::npos);
+    EXPECT_EQ(LineOf(StatusTable(doc, true, Degradations(doc), false), "First cause:"),
+              "First cause:    eth0's link is down");
+    doc["eth0"]["streak"] = nullptr;
+    EXPECT_EQ(StatusTable(doc, true, Degradations(doc), false).find("streak:"), std::string::npos);
+}
+
 }  // namespace
