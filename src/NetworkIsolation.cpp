@@ -852,7 +852,7 @@ std::string FoundOnPath(const char* name) {
         if (end == std::string::npos) end = directories.size();
         // An empty entry is the working directory, as for the shell.
         const std::string directory = end > start ? directories.substr(start, end - start) : ".";
-        const std::string candidate = directory + "/" + name;
+        std::string candidate = directory + "/" + name;
         struct stat info {};
         if (stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(candidate.c_str(), X_OK) == 0) {
             return candidate;
