@@ -111,7 +111,7 @@ bool BuildBridge(BRIDGE_MODE bridgeMode, ISOLATION_STATE& isolation, WORK_FAILUR
     isolation.m_problem.clear();
     LINK_LAYER_STATE& linkLayer = isolation.m_linkLayer;
     bool built = (!twoPorts || BlockTwoPortBuild(linkLayer, failure)) && SetupBridge(bridgeMode, "", "", &failure);
-    if (built && twoPorts) built = CompleteIsolation(isolation, failure) && LiftVeth0BlockOfBuild(linkLayer, failure);
+    if (built && twoPorts) built = CompleteIsolation(isolation, failure) && LiftBlocksOfBuild(linkLayer, failure);
     if (built && !twoPorts) built = RemoveLinkLayerRulesOfBuild(linkLayer, failure);
     if (built) built = LiftEth1BlockOfBuild(linkLayer, failure);
     if (!twoPorts) {

@@ -625,12 +625,51 @@ std::string EbtablesTable(const std::string& command) {
     return command.substr(start, command.find(' ', start) - start);
 }
 
-// Runs link-layer steps. A step that must succeed and that ebtables refuses
-// (it ran and exited with a failure: no such table in the kernel, or no
-// ebtables at all) is no failure of the work: the blocks that went in are
-// taken away again, quietly, the absence is noted, and the rest is not run
-// (true, with linkLayer.m_missing set). False, as RunStep, for anything else
-// that stops the work.
+// How a link-layer command that must succeed went, for the work.
+enum class LINK_LAYER_OUTCOME {
+    DONE,     // it succeeded
+    REFUSED,  // ebtables refused it: the absence noted, the work goes on without the link layer
+    FAILED,   // the work stops, as at a step RunStep judges so
+};
+
+// Runs one link-layer command that must succeed (with `output`, one the work
+// reads). A command that ebtables refuses (it ran and exited with a failure:
+// no such table in the kernel, or no ebtables at all) is no failure of the
+// work: the blocks that went in are taken away again, quietly, and the absence
+// is noted, naming `table` and the command as `shown`. Anything else that stops
+// the work fills in `failure`, with an ERROR entry as RunStep gives.
+LINK_LAYER_OUTCOME RunLinkLayerCommand(const std::string& command, const std::string& shown, const std::string& table,
+                                       LINK_LAYER_STATE& linkLayer, bool warn, WORK_FAILURE& failure,
+                                       std::string* output = nullptr) {
+    const COMMAND_OUTCOME outcome = output != nullptr ? RunCommandForOutput(command, *output) : RunCommand(command);
+    NotifyWatchdog();
+    if (outcome.Succeeded()) return LINK_LAYER_OUTCOME::DONE;
+    const bool refused = outcome.m_bStarted && !outcome.m_bTimedOut && outcome.m_bExited;
+    if (!refused || StopRequested()) {
+        failure.m_command = CommandInOneLine(command);
+        failure.m_outcome = outcome;
+        // As RunStep: a deadline was reported when it struck, a stop is no fault.
+        if (!outcome.m_bTimedOut && !StopRequested()) {
+            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                      "Command failed (" + DescribeOutcome(outcome) + "): " + failure.m_command);
+        }
+        return LINK_LAYER_OUTCOME::FAILED;
+    }
+    WORK_FAILURE ignored;
+    RunSteps(kQuietLiftSteps<"veth0">, ignored);
+    RunSteps(kQuietLiftSteps<"eth1">, ignored);
+    linkLayer.m_bEth1Blocked = false;
+    NoteLinkLayerMissing(linkLayer,
+                         Util::Format("ebtables cannot use the kernel's %s table: %s (%s)", table.c_str(),
+                                      shown.c_str(), DescribeOutcome(outcome).c_str()),
+                         warn);
+    return LINK_LAYER_OUTCOME::REFUSED;
+}
+
+// Runs link-layer steps, those that must succeed as RunLinkLayerCommand: at
+// the first that ebtables refuses the rest is not run (true, with
+// linkLayer.m_missing set). False, as RunStep, for anything else that stops
+// the work.
 bool RunLinkLayerSteps(std::span<const SHELL_STEP> steps, LINK_LAYER_STATE& linkLayer, bool warn,
                        WORK_FAILURE& failure) {
     for (const SHELL_STEP& step : steps) {
@@ -638,30 +677,10 @@ bool RunLinkLayerSteps(std::span<const SHELL_STEP> steps, LINK_LAYER_STATE& link
             if (!RunStep(step.m_szCommand, false, failure)) return false;
             continue;
         }
-        const COMMAND_OUTCOME outcome = RunCommand(step.m_szCommand);
-        NotifyWatchdog();
-        if (outcome.Succeeded()) continue;
-        const bool refused = outcome.m_bStarted && !outcome.m_bTimedOut && outcome.m_bExited;
-        if (!refused || StopRequested()) {
-            failure.m_command = step.m_szCommand;
-            failure.m_outcome = outcome;
-            // As RunStep: a deadline was reported when it struck, a stop is no fault.
-            if (!outcome.m_bTimedOut && !StopRequested()) {
-                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
-                          "Command failed (" + DescribeOutcome(outcome) + "): " + step.m_szCommand);
-            }
-            return false;
-        }
-        WORK_FAILURE ignored;
-        RunSteps(kQuietLiftSteps<"veth0">, ignored);
-        RunSteps(kQuietLiftSteps<"eth1">, ignored);
-        linkLayer.m_bEth1Blocked = false;
-        NoteLinkLayerMissing(
-            linkLayer,
-            Util::Format("ebtables cannot use the kernel's %s table: %s (%s)", EbtablesTable(step.m_szCommand).c_str(),
-                         step.m_szCommand, DescribeOutcome(outcome).c_str()),
-            warn);
-        return true;
+        const LINK_LAYER_OUTCOME outcome = RunLinkLayerCommand(
+            step.m_szCommand, step.m_szCommand, EbtablesTable(step.m_szCommand), linkLayer, warn, failure);
+        if (outcome == LINK_LAYER_OUTCOME::REFUSED) return true;
+        if (outcome == LINK_LAYER_OUTCOME::FAILED) return false;
     }
     return true;
 }
@@ -707,7 +726,7 @@ void RepairIsolation(ISOLATION_STATE& state, std::vector<REPAIR_STEP> steps) {
             }
         }
     }
-    done = done && LiftVeth0BlockOfBuild(linkLayer, failure) && LiftEth1BlockOfBuild(linkLayer, failure);
+    done = done && LiftBlocksOfBuild(linkLayer, failure);
     if (!done) {
         if (StopRequested()) return;
         state.m_bInForce = false;
@@ -820,7 +839,10 @@ TaggedFilterSwitch SetTaggedFilterSwitch(TaggedFilterSwitch tagSwitch) {
 
 bool HoldEth1Down(WORK_FAILURE& failure) { return RunSteps(kHoldEth1DownSteps, failure); }
 
-bool ToolOnPath(const char* name) {
+namespace {
+
+// Where the shell finds `name` first: the file's path, empty where it finds none.
+std::string FoundOnPath(const char* name) {
     const char* path = std::getenv("PATH");
     // What the shell searches without one.
     const std::string directories =
@@ -831,15 +853,146 @@ bool ToolOnPath(const char* name) {
         if (end == std::string::npos) end = directories.size();
         // An empty entry is the working directory, as for the shell.
         const std::string directory = end > start ? directories.substr(start, end - start) : ".";
-        const std::string candidate = directory + "/" + name;
+        std::string candidate = directory + "/" + name;
         struct stat info {};
         if (stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(candidate.c_str(), X_OK) == 0) {
-            return true;
+            return candidate;
         }
         start = end + 1;
     }
-    return false;
+    return "";
 }
+
+}  // namespace
+
+bool ToolOnPath(const char* name) { return !FoundOnPath(name).empty(); }
+
+namespace {
+
+// Where ebtables takes a batch, the link-layer steps of a build go to it in one
+// process: what would be the steps' commands, as ebtables-restore's lines.
+// --noflush: only what the lines say changes, every other rule stays.
+const char* const kEbtablesRestore = "ebtables-restore --noflush";
+const char* const kNatListing = "ebtables -t nat -L";
+
+// Whether ebtables takes a batch here: ebtables-restore where the shell finds
+// ebtables first, so that both are of one backend, and found first there too.
+// Looked for in-process; without it the steps run one by one, as ever.
+bool EbtablesBatchUsable() {
+    const std::string ebtables = FoundOnPath("ebtables");
+    return !ebtables.empty() && FoundOnPath("ebtables-restore") == ebtables + "-restore";
+}
+
+// ebtables-restore's lines for link-layer steps: "*TABLE" where the table
+// changes, then each step's command without the tool's name, its table and
+// the shell's redirection ("-A FORWARD ...", "-D PREROUTING ..."). One line
+// that fails fails the batch, so only steps that must succeed go in as they
+// are; a quiet delete goes in only as often as the rule is there.
+struct EBTABLES_BATCH {
+    std::vector<std::string> m_lines;
+    std::string m_table;  // of the last line
+
+    static std::string_view Line(std::string_view command, std::string& table) {
+        command.remove_prefix(std::string_view("ebtables ").size());
+        table = "filter";
+        if (command.starts_with("-t ")) {
+            command.remove_prefix(3);
+            const size_t space = command.find(' ');
+            table = std::string(command.substr(0, space));
+            command.remove_prefix(space + 1);
+        }
+        if (command.ends_with(" 2>/dev/null")) command.remove_suffix(std::string_view(" 2>/dev/null").size());
+        return command;
+    }
+
+    void Add(std::string_view command) {
+        std::string table;
+        const std::string_view line = Line(command, table);
+        if (table != m_table) m_lines.push_back("*" + table);
+        m_table = table;
+        m_lines.emplace_back(line);
+    }
+    void Add(std::span<const SHELL_STEP> steps) {
+        for (const SHELL_STEP& step : steps) Add(step.m_szCommand);
+    }
+};
+
+// How often an ebtables listing of a table holds `rule` in `chain`, as either
+// backend prints it: under "Bridge chain: NAME, ..." the rules a line each,
+// the legacy one with a space at the end.
+unsigned int TimesListed(const std::string& listing, std::string_view chain, std::string_view rule) {
+    unsigned int times = 0;
+    bool inChain = false;
+    std::vector<std::string> lines;
+    Util::Split(lines, listing, '\n');
+    for (std::string& line : lines) {
+        Util::TrimFromEnd(line, ' ');
+        if (line.starts_with("Bridge chain: ")) {
+            inChain = std::string_view(line)
+                          .substr(std::string_view("Bridge chain: ").size())
+                          .starts_with(std::string(chain) + ",");
+        } else if (inChain && line == rule) {
+            ++times;
+        }
+    }
+    return times;
+}
+
+// A block's steps (kBlockSteps) for a batch: the quiet delete before each
+// block once for every time the nat table lists it, then the block, so that
+// a block set again stays one.
+void AddBlock(EBTABLES_BATCH& batch, std::span<const SHELL_STEP> steps, const std::string& natListing) {
+    for (const SHELL_STEP& step : steps) {
+        if (step.m_bMustSucceed) {
+            batch.Add(step.m_szCommand);
+            continue;
+        }
+        std::string table;
+        // "-D CHAIN RULE"
+        std::string_view line = EBTABLES_BATCH::Line(step.m_szCommand, table);
+        line.remove_prefix(3);
+        const size_t space = line.find(' ');
+        const unsigned int times = TimesListed(natListing, line.substr(0, space), line.substr(space + 1));
+        for (unsigned int time = 0; time < times; ++time) batch.Add(step.m_szCommand);
+    }
+}
+
+// Runs a batch as RunLinkLayerCommand runs a command (every line of it must succeed).
+LINK_LAYER_OUTCOME RunLinkLayerBatch(const EBTABLES_BATCH& batch, LINK_LAYER_STATE& linkLayer, bool warn,
+                                     WORK_FAILURE& failure) {
+    return RunLinkLayerCommand(BatchCommand(kEbtablesRestore, batch.m_lines), kEbtablesRestore,
+                               batch.m_lines.front().substr(1), linkLayer, warn, failure);
+}
+
+// BlockTwoPortBuild's blocks in one batch, after one look at the nat table
+// for blocks there already.
+bool BlockTwoPortBuildInOne(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    std::string listing;
+    LINK_LAYER_OUTCOME outcome =
+        RunLinkLayerCommand(kNatListing, kNatListing, "nat", linkLayer, true, failure, &listing);
+    if (outcome != LINK_LAYER_OUTCOME::DONE) return outcome == LINK_LAYER_OUTCOME::REFUSED;
+    EBTABLES_BATCH batch;
+    AddBlock(batch, kBlockSteps<"eth1">, listing);
+    AddBlock(batch, kBlockSteps<"veth0">, listing);
+    outcome = RunLinkLayerBatch(batch, linkLayer, true, failure);
+    if (outcome == LINK_LAYER_OUTCOME::DONE) linkLayer.m_bEth1Blocked = true;
+    return outcome != LINK_LAYER_OUTCOME::FAILED;
+}
+
+constexpr bool AllMustSucceed(std::span<const SHELL_STEP> steps) {
+    return std::all_of(steps.begin(), steps.end(), [](const SHELL_STEP& step) { return step.m_bMustSucceed; });
+}
+static_assert(AllMustSucceed(kLinkLayerRuleSteps), "the link-layer rules go into a batch as they are");
+
+// The link-layer rules, in one batch where ebtables takes one.
+bool PutInLinkLayerRules(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!EbtablesBatchUsable()) return RunLinkLayerSteps(kLinkLayerRuleSteps, linkLayer, true, failure);
+    EBTABLES_BATCH batch;
+    batch.Add(kLinkLayerRuleSteps);
+    return RunLinkLayerBatch(batch, linkLayer, true, failure) != LINK_LAYER_OUTCOME::FAILED;
+}
+
+}  // namespace
 
 bool LinkLayerUsable(LINK_LAYER_STATE& linkLayer) {
     if (!ToolOnPath("ebtables")) {
@@ -871,6 +1024,7 @@ bool LinkLayerUsable(LINK_LAYER_STATE& linkLayer) {
 bool BlockTwoPortBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
     if (!LinkLayerUsable(linkLayer)) return true;
     linkLayer.m_bMayHaveRules = true;
+    if (EbtablesBatchUsable()) return BlockTwoPortBuildInOne(linkLayer, failure);
     if (!RunLinkLayerSteps(kBlockSteps<"eth1">, linkLayer, true, failure)) return false;
     if (!linkLayer.m_missing.empty()) return true;
     linkLayer.m_bEth1Blocked = true;
@@ -884,6 +1038,18 @@ bool LiftVeth0BlockOfBuild(const LINK_LAYER_STATE& linkLayer, WORK_FAILURE& fail
 bool LiftEth1BlockOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
     if (!linkLayer.m_bEth1Blocked) return true;
     if (!LiftEth1Block(failure)) return false;
+    linkLayer.m_bEth1Blocked = false;
+    return true;
+}
+
+bool LiftBlocksOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure) {
+    if (!EbtablesBatchUsable())
+        return LiftVeth0BlockOfBuild(linkLayer, failure) && LiftEth1BlockOfBuild(linkLayer, failure);
+    EBTABLES_BATCH batch;
+    if (linkLayer.m_missing.empty()) batch.Add(kLiftBlockSteps<"veth0">);
+    if (linkLayer.m_bEth1Blocked) batch.Add(kLiftBlockSteps<"eth1">);
+    if (batch.m_lines.empty()) return true;
+    if (!RunStep(BatchCommand(kEbtablesRestore, batch.m_lines), true, failure)) return false;
     linkLayer.m_bEth1Blocked = false;
     return true;
 }
@@ -919,7 +1085,7 @@ bool CompleteIsolation(ISOLATION_STATE& state, WORK_FAILURE& failure) {
     // No command: a file write, checked by the look like br0's own switches.
     MakeSureOfTaggedFiltering();
     LINK_LAYER_STATE& linkLayer = state.m_linkLayer;
-    if (linkLayer.m_missing.empty() && !RunLinkLayerSteps(kLinkLayerRuleSteps, linkLayer, true, failure)) {
+    if (linkLayer.m_missing.empty() && !PutInLinkLayerRules(linkLayer, failure)) {
         state.m_bInForce = false;
         state.m_problem = "setting it up failed: " + failure.m_command;
         return false;

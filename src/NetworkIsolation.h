@@ -124,6 +124,11 @@ bool BlockTwoPortBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
 // Their lifts after it, each only where it was set.
 bool LiftVeth0BlockOfBuild(const LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
 bool LiftEth1BlockOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
+// Both, veth0's first: where ebtables takes a batch (ebtables-restore beside
+// it on the path), the blocks, the link-layer rules and these lifts each go to
+// it in one process (the blocks after a listing of the nat table, for blocks
+// to delete first); elsewhere the steps run one by one.
+bool LiftBlocksOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
 
 // At start-up: eth1 blocked only where a bridge an earlier run left carries it
 // (br0 with eth1 as its port, as the kernel shows it) and ebtables is on the

@@ -145,9 +145,9 @@ void WaitForCommand(pid_t pid, const std::string& command, COMMAND_OUTCOME& outc
         if (phase == RUNNING) {
             if (nowMs >= deadlineMs) {
                 outcome.m_bTimedOut = true;
-                LOG_ENTRY(
-                    LOGGING_SEVERITY_ERROR, false,
-                    Util::Format("Command still running after %u s, ending it: ", kCommandDeadlineMs / 1000) + command);
+                LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                          Util::Format("Command still running after %u s, ending it: ", kCommandDeadlineMs / 1000) +
+                              CommandInOneLine(command));
             }
             kill(-pid, SIGTERM);
             phase = TERMINATED;
@@ -284,12 +284,13 @@ bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure
     // A cycle of commands that each run to their deadline is slow, not stuck.
     NotifyWatchdog();
     if (outcome.m_bStarted && !outcome.m_bTimedOut && (!mustSucceed || outcome.Succeeded())) return true;
-    failure.m_command = command;
+    failure.m_command = CommandInOneLine(command);
     failure.m_outcome = outcome;
     // A deadline was reported by the runner when it ended the command; commands
     // cut short or refused because the daemon is stopping are no fault.
     if (!outcome.m_bTimedOut && !StopRequested()) {
-        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Command failed (" + DescribeOutcome(outcome) + "): " + command);
+        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                  "Command failed (" + DescribeOutcome(outcome) + "): " + failure.m_command);
     }
     return false;
 }
@@ -299,4 +300,16 @@ bool RunSteps(std::span<const SHELL_STEP> steps, WORK_FAILURE& failure) {
         if (!RunStep(step.m_szCommand, step.m_bMustSucceed, failure)) return false;
     }
     return true;
+}
+
+std::string BatchCommand(const std::string& tool, std::span<const std::string> lines) {
+    std::string command = tool + " <<'EOF'\n";
+    for (const std::string& line : lines) command += line + "\n";
+    return command + "EOF";
+}
+
+std::string CommandInOneLine(const std::string& command) {
+    std::string shown;
+    for (const char c : command) shown += c == '\n' ? std::string("\\n") : std::string(1, c);
+    return shown;
 }

@@ -80,3 +80,12 @@ bool RunStep(const std::string& command, bool mustSucceed, WORK_FAILURE& failure
 // Runs the steps in order; false, with `failure`, at the first one the work
 // cannot go on after (as RunStep judges it), and the rest not run.
 bool RunSteps(std::span<const SHELL_STEP> steps, WORK_FAILURE& failure);
+
+// One command that hands `lines` to `tool` on its standard input, a line each,
+// as a quoted here-document (nothing in them is expanded): a batch the tool
+// takes in one process, run as a step like any other and logged and recorded
+// whole, its lines as they are given.
+std::string BatchCommand(const std::string& tool, std::span<const std::string> lines);
+// A command as the log and a work's failure show it: on one line, a batch's
+// line ends written "\n".
+std::string CommandInOneLine(const std::string& command);

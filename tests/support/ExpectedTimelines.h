@@ -89,6 +89,21 @@ inline const std::vector<std::string>& IsolationComplete() {
     static const auto timeline = ReadTimelineFixture("isolation-complete.timeline");
     return timeline;
 }
+// Where ebtables takes a batch: the same with the link-layer rules in one
+// ebtables-restore; both blocks before a two-port build or a repair, and their
+// lifts after it, each in one as well.
+inline const std::vector<std::string>& IsolationCompleteInOne() {
+    static const auto timeline = ReadTimelineFixture("isolation-complete-batch.timeline");
+    return timeline;
+}
+inline const std::vector<std::string>& TwoPortBlocks() {
+    static const auto timeline = ReadTimelineFixture("two-port-blocks.timeline");
+    return timeline;
+}
+inline const std::vector<std::string>& TwoPortLifts() {
+    static const auto timeline = ReadTimelineFixture("two-port-lifts.timeline");
+    return timeline;
+}
 // The periodic look at it, and the ARP and IP rules a repair puts back.
 inline const std::vector<std::string>& IsolationLook() {
     static const auto timeline = ReadTimelineFixture("isolation-look.timeline");

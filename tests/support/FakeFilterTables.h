@@ -22,6 +22,11 @@ public:
     // Applies `command` when it is one of the filter tools'; returns the listing
     // for a listing command, nothing otherwise.
     std::optional<std::string> Run(std::string command) {
+        const std::string batch = "ebtables-restore --noflush <<'EOF'\n";
+        if (command.starts_with(batch)) {
+            RunBatch(command.substr(batch.size()));
+            return std::nullopt;
+        }
         // The shell's redirection of a quiet step is no word of the tool's.
         for (const std::string redirection : {" > /dev/null 2>&1", " 2>/dev/null"}) {
             if (command.ends_with(redirection)) command.resize(command.size() - redirection.size());
@@ -76,6 +81,26 @@ public:
             return Listing(tool, rules);
         }
         return std::nullopt;
+    }
+
+    // ebtables-restore's lines, "*TABLE" and a command of the table each, to
+    // "EOF": all of them or, where one fails, none (as the nft backend does).
+    void RunBatch(const std::string& lines) {
+        const auto before = m_tables;
+        std::istringstream text(lines);
+        std::string line;
+        std::string table = "filter";
+        while (std::getline(text, line) && line != "EOF") {
+            if (line.starts_with("*")) {
+                table = line.substr(1);
+                continue;
+            }
+            Run("ebtables -t " + table + " " + line);
+            if (m_bLastFailed) {
+                m_tables = before;
+                return;
+            }
+        }
     }
 
     // How the command last given to Run ended, when it failed (exit status 1).

@@ -51,6 +51,8 @@ namespace {
 // they happened in. An entry's line starts with its date, never with these.
 const char* const kCommandMark = "$ ";
 const char* const kPauseMark = "pause ";
+// A command's further lines (a batch's here-document), as a shell prompts for them.
+const char* const kContinuationMark = "> ";
 
 void NoteLine(const std::string& line) {
     std::string text = line + "\n";
@@ -58,12 +60,21 @@ void NoteLine(const std::string& line) {
     (void)ignored;
 }
 
-bool IsNoted(const std::string& line) { return line.rfind(kCommandMark, 0) == 0 || line.rfind(kPauseMark, 0) == 0; }
+bool IsNoted(const std::string& line) {
+    return line.rfind(kCommandMark, 0) == 0 || line.rfind(kPauseMark, 0) == 0 || line.rfind(kContinuationMark, 0) == 0;
+}
 
 }  // namespace
 
 void LogCapture::NoteCommand(const std::string& command) {
-    if (s_active != nullptr) NoteLine(kCommandMark + command);
+    if (s_active == nullptr) return;
+    size_t start = 0;
+    for (const char* mark = kCommandMark;; mark = kContinuationMark) {
+        const size_t end = command.find('\n', start);
+        NoteLine(mark + command.substr(start, end - start));
+        if (end == std::string::npos) break;
+        start = end + 1;
+    }
 }
 
 void LogCapture::NotePause(unsigned int milliseconds) {

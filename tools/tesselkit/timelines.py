@@ -1,6 +1,8 @@
 """Timelines written out by hand once, as files in tests/fixtures/, for the tests
 of both languages: "$ command" lines, log entries ("LEVEL Function: message") and
-pauses ("pause N ms"); "#" starts a comment line. CTest names the folder in
+pauses ("pause N ms"); "> line" lines are the lines of the command before them
+that follow its first (a here-document's, as a shell prompts for them), and
+are no commands of their own; "#" starts a comment line. CTest names the folder in
 TESSEL_FIXTURES. The isolation's rules and their counts are named here, from
 the fixtures, for the tests of every kind."""
 import os

@@ -162,9 +162,7 @@ const char* const kLease = "veth1 192.168.77.100 255.255.255.0\n192.168.77.1\n";
 // such build, with ebtables on the path, as here, or after a two-port build).
 Lines BuildEth0() { return Join({BridgeBuildEth0(), LinkLayerRemoval()}); }
 Lines BuildEth1() { return Join({BridgeBuildEth1(), LinkLayerRemoval()}); }
-Lines BuildBoth() {
-    return Join({Eth1Block(), Veth0Block(), BridgeBuildEth0Eth1(), IsolationComplete(), Veth0Lift(), Eth1Lift()});
-}
+Lines BuildBoth() { return Join({TwoPortBlocks(), BridgeBuildEth0Eth1(), IsolationCompleteInOne(), TwoPortLifts()}); }
 
 // Pieces of the timelines below, written out once.
 const Lines kReattach = {"$ ip link set eth0 master br0 > /dev/null 2>&1"};
@@ -620,22 +618,18 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
         return pass == 1 && command.rfind("iptables -A", 0) == 0 ? std::optional<COMMAND_OUTCOME>(ExitStatus(4))
                                                                  : std::nullopt;
     });
-    Lines builds = Only(timeline, {"pass", "$ ebtables -t nat", "$ iptables -F", "$ ip link set eth1", "ERROR RunStep",
+    Lines builds = Only(timeline, {"pass", "$ ebtables", "> ", "$ iptables -F", "$ ip link set eth1", "ERROR RunStep",
                                    "WARN", "NOTICE", "INFO SetupBridge", "INFO CompleteIsolation"});
-    // Pass 1: eth1 and veth0 blocked first; the design's build up to the
-    // refused rule, no lift, eth1 taken down. Pass 2: blocked again (one block
-    // each), the whole build with every command in its place, the isolation
-    // completed, the blocks lifted only then.
+    // Pass 1: eth1 and veth0 blocked first (one look at ebtables' nat table,
+    // then both blocks in one batch); the design's build up to the refused
+    // rule, no lift, eth1 taken down. Pass 2: blocked again (the blocks the
+    // listing shows deleted first: one block each), the whole build with every
+    // command in its place, the isolation completed, the blocks lifted only then.
     EXPECT_EQ(
         builds,
-        (Lines{"pass 1", "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
-               "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
-               "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP",
-               "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
+        Join({{"pass 1", "$ ebtables -t nat -L", "$ ebtables-restore --noflush <<'EOF'", "> *nat",
+               "> -A PREROUTING -i eth1 -j DROP", "> -A POSTROUTING -o eth1 -j DROP",
+               "> -A PREROUTING -i veth0 -j DROP", "> -A POSTROUTING -o veth0 -j DROP", "> EOF",
                "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
                "$ ip link set eth1 master br0", "$ ip link set eth1 up", "$ ip link set eth1 arp off", "$ iptables -F",
                "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
@@ -644,30 +638,37 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
                "WARN RunSupervisionCycle: Keeping eth1 down until the isolation rules are in place",
                "$ ip link set eth1 down",
                // The PHY mode's bounce raised it: down again.
-               "$ ip link set eth1 down", "pass 2", "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A PREROUTING -i eth1 -j DROP",
-               "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A POSTROUTING -o eth1 -j DROP",
-               "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A PREROUTING -i veth0 -j DROP",
-               "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP 2>/dev/null",
-               "$ ebtables -t nat -A POSTROUTING -o veth0 -j DROP",
+               "$ ip link set eth1 down", "pass 2", "$ ebtables -t nat -L", "$ ebtables-restore --noflush <<'EOF'",
+               "> *nat", "> -D PREROUTING -i eth1 -j DROP", "> -A PREROUTING -i eth1 -j DROP",
+               "> -D POSTROUTING -o eth1 -j DROP", "> -A POSTROUTING -o eth1 -j DROP",
+               "> -D PREROUTING -i veth0 -j DROP", "> -A PREROUTING -i veth0 -j DROP",
+               "> -D POSTROUTING -o veth0 -j DROP", "> -A POSTROUTING -o veth0 -j DROP", "> EOF",
                "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
                "$ ip link set eth1 master br0", "$ ip link set eth1 up", "$ ip link set eth1 arp off", "$ iptables -F",
-               "INFO SetupBridge: Done with bridge setup",
+               "INFO SetupBridge: Done with bridge setup"},
+              Only(IsolationCompleteInOne(), {"$ ebtables-restore", "> "}),
+              {"$ ebtables -L",
                "INFO CompleteIsolation: Isolation in force: 38 ARP, 12 IP and 28 link-layer rules, bridge "
-               "netfilter for br0",
-               "$ ebtables -t nat -D PREROUTING -i veth0 -j DROP", "$ ebtables -t nat -D POSTROUTING -o veth0 -j DROP",
-               "$ ebtables -t nat -D PREROUTING -i eth1 -j DROP", "$ ebtables -t nat -D POSTROUTING -o eth1 -j DROP",
-               "NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts", "pass 3"}));
-    // The retry is the whole build, exactly as the first would have been.
+               "netfilter for br0"},
+              TwoPortLifts(),
+              {"NOTICE NoteWorkDone: Recovered bridge setup after 1 failed attempts", "pass 3"}}));
+    // The retry is the whole build, exactly as the first would have been but
+    // for the blocks the first left, deleted before they are set again.
+    const Lines expected = Join(
+        {{"$ ebtables -t nat -L", "$ ebtables-restore --noflush <<'EOF'", "> *nat", "> -D PREROUTING -i eth1 -j DROP",
+          "> -A PREROUTING -i eth1 -j DROP", "> -D POSTROUTING -o eth1 -j DROP", "> -A POSTROUTING -o eth1 -j DROP",
+          "> -D PREROUTING -i veth0 -j DROP", "> -A PREROUTING -i veth0 -j DROP", "> -D POSTROUTING -o veth0 -j DROP",
+          "> -A POSTROUTING -o veth0 -j DROP", "> EOF"},
+         BridgeBuildEth0Eth1(),
+         IsolationCompleteInOne(),
+         TwoPortLifts()});
     const size_t second = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 2") - timeline.begin());
     const size_t third = static_cast<size_t>(std::find(timeline.begin(), timeline.end(), "pass 3") - timeline.begin());
     ASSERT_LT(second, third);
     const Lines retried(
         timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1,
-        timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1 + static_cast<std::ptrdiff_t>(BuildBoth().size()));
-    EXPECT_EQ(retried, BuildBoth());
+        timeline.begin() + static_cast<std::ptrdiff_t>(second) + 1 + static_cast<std::ptrdiff_t>(expected.size()));
+    EXPECT_EQ(retried, expected);
 }
 
 TEST(NetworkCycleTest, StartUpIsTheDesignsWhereNoBridgeCarriesEth1) {
@@ -719,15 +720,14 @@ TEST(NetworkCycleTest, LeavingTheTwoPortModeRemovesTheLinkLayerRulesAndLooksNoMo
         [](int pass, CYCLE_STATE& /*state*/) {
             if (pass == 2) WriteFile(kConfigPath, kEth1Static);
         });
-    EXPECT_EQ(Only(timeline, {"pass", "$ ebtables", "INFO CompleteIsolation", "$ arptables -L", "WARN Supervise"}),
-              Join({{"pass 1"},
-                    Eth1Block(),
-                    Veth0Block(),
-                    Only(IsolationComplete(), {"$ ebtables", "INFO", "$ arptables -L"}),
-                    Veth0Lift(),
-                    Eth1Lift(),
-                    {"pass 2"},
-                    LinkLayerRemoval()}));
+    EXPECT_EQ(
+        Only(timeline, {"pass", "$ ebtables", "> ", "INFO CompleteIsolation", "$ arptables -L", "WARN Supervise"}),
+        Join({{"pass 1"},
+              TwoPortBlocks(),
+              Only(IsolationCompleteInOne(), {"$ ebtables", "> ", "INFO", "$ arptables -L"}),
+              TwoPortLifts(),
+              {"pass 2"},
+              LinkLayerRemoval()}));
     // Nothing at all in passes 3 to 13: no look outside the two-port mode.
     EXPECT_EQ(Only(timeline, {"pass"}).back(), "pass 2");
 }

@@ -3,8 +3,11 @@
 // ordered timeline; and the kernel's bridge netfilter read in namespaces.
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -130,13 +133,11 @@ TEST_F(IsolationTest, RulesFlushedByAnotherProgramAreAppendedAgainWithEth1AndVet
     EXPECT_EQ(After(10), Join({IsolationLook(),
                                {"WARN SuperviseIsolation: Isolation not in force (0 of 38 ARP rules in place; 0 of 12 "
                                 "IP rules in place; 0 of 28 link-layer rules in place); putting it back"},
-                               Eth1Block(),
-                               Veth0Block(),
+                               TwoPortBlocks(),
                                Only(IsolationRules(), {"$ arptables -A ", "$ iptables -A "}),
                                Only(IsolationComplete(), {"$ ebtables -A "}),
                                IsolationLook(),
-                               Veth0Lift(),
-                               Eth1Lift(),
+                               TwoPortLifts(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_TRUE(m_state.m_bInForce);
     EXPECT_EQ(m_tables.Rules("arptables").size(), kArpIsolationRules);
@@ -170,15 +171,13 @@ TEST_F(IsolationTest, AnAcceptInsertedAheadIsNamedAndOnlyTheIsolationsRulesAfter
               Join({IsolationLook(),
                     {"WARN SuperviseIsolation: Isolation not in force (10 of 12 IP rules in place; a rule of another "
                      "program ahead of the IP rules: -A FORWARD -j ACCEPT); putting it back"},
-                    Eth1Block(),
-                    Veth0Block(),
+                    TwoPortBlocks(),
                     {"$ iptables -D FORWARD --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
                      "$ iptables -I FORWARD 7 --destination 10.253.254.254 -m physdev --physdev-out eth1 -j DROP",
                      "$ iptables -D FORWARD --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP",
                      "$ iptables -I FORWARD 8 --destination 10.253.254.253 -m physdev --physdev-out eth1 -j DROP"},
                     IsolationLook(),
-                    Veth0Lift(),
-                    Eth1Lift(),
+                    TwoPortLifts(),
                     {"NOTICE RepairIsolation: Isolation back in force"}}));
     // The other program's rule stays, after the isolation's.
     ASSERT_EQ(ip.size(), kIpIsolationRules + 1);
@@ -206,12 +205,10 @@ TEST_F(IsolationTest, OneRuleDeletedIsTheOnlyOnePutBack) {
     EXPECT_EQ(After(10), Join({IsolationLook(),
                                {"WARN SuperviseIsolation: Isolation not in force (27 of 28 link-layer rules in place); "
                                 "putting it back"},
-                               Eth1Block(),
-                               Veth0Block(),
+                               TwoPortBlocks(),
                                {"$ ebtables -A FORWARD -o eth1 -d Multicast -p 0x88a8 -j DROP"},
                                IsolationLook(),
-                               Veth0Lift(),
-                               Eth1Lift(),
+                               TwoPortLifts(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
     // With another program's ACCEPT after them, a missing rule goes in ahead of it.
     Lines& ip = m_tables.Rules("iptables");
@@ -245,8 +242,7 @@ TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
         Join({IsolationLook(),
               {"WARN SuperviseIsolation: Isolation not in force (br0 hands no bridged IPv4 to iptables; br0 hands "
                "no bridged ARP to arptables); putting it back"},
-              Eth1Block(),
-              Veth0Block(),
+              TwoPortBlocks(),
               {"$ ip link set dev br0 type bridge nf_call_iptables 1 nf_call_arptables 1"},
               IsolationLook(),
               // The repair's own look still finds it off: eth1 stays blocked and
@@ -265,11 +261,14 @@ TEST_F(IsolationTest, BridgeNetfilterSwitchedOffIsFoundAndPutBack) {
     // blocks and raises eth1.
     m_bridgeFilter.Set({true, true, true, true});
     EXPECT_EQ(After(1),
-              Join({Eth1Block(),
-                    Veth0Block(),
+              Join({// The listing shows both blocks still set: each deleted before it is set again.
+                    {"$ ebtables -t nat -L", "$ ebtables-restore --noflush <<'EOF'", "> *nat",
+                     "> -D PREROUTING -i eth1 -j DROP", "> -A PREROUTING -i eth1 -j DROP",
+                     "> -D POSTROUTING -o eth1 -j DROP", "> -A POSTROUTING -o eth1 -j DROP",
+                     "> -D PREROUTING -i veth0 -j DROP", "> -A PREROUTING -i veth0 -j DROP",
+                     "> -D POSTROUTING -o veth0 -j DROP", "> -A POSTROUTING -o veth0 -j DROP", "> EOF"},
                     IsolationLook(),
-                    Veth0Lift(),
-                    Eth1Lift(),
+                    TwoPortLifts(),
                     {"$ ip link set eth1 up", "NOTICE NoteWorkDone: Recovered isolation after 1 failed attempts",
                      "NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_TRUE(m_state.m_bInForce);
@@ -283,12 +282,10 @@ TEST_F(IsolationTest, TaggedFilteringIsTurnedOnByTheCompletionAndALookFindsItOff
     EXPECT_EQ(After(10), Join({IsolationLook(),
                                {"WARN SuperviseIsolation: Isolation not in force (tagged IPv4 and ARP reach no filter "
                                 "(net.bridge.bridge-nf-filter-vlan-tagged is 0)); putting it back"},
-                               Eth1Block(),
-                               Veth0Block(),
+                               TwoPortBlocks(),
                                // No rule was missing: the switch alone, and the look after it.
                                IsolationLook(),
-                               Veth0Lift(),
-                               Eth1Lift(),
+                               TwoPortLifts(),
                                {"NOTICE RepairIsolation: Isolation back in force"}}));
     EXPECT_EQ(m_bridgeFilter.Switched(), 2);
     EXPECT_TRUE(m_state.m_bInForce);
@@ -394,6 +391,31 @@ TEST_F(IsolationTest, ABlockSetTwiceIsLiftedWhole) {
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
     // Lifting a block that is not there is a failure: the work is done again.
     EXPECT_FALSE(LiftEth1Block(failure));
+}
+
+// Where the ebtables the shell finds first has no ebtables-restore beside it
+// (here one later on the path, of whatever backend), the blocks, the
+// link-layer rules and the lifts run one by one, as their steps are written.
+TEST_F(IsolationTest, WithoutEbtablesRestoreBesideEbtablesEachStepIsItsOwnCommand) {
+    char folder[] = "/tmp/tessel-isolation-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string ebtables = std::string(folder) + "/ebtables";
+    std::ofstream(ebtables) << "#!/bin/sh\n";
+    ASSERT_EQ(chmod(ebtables.c_str(), 0755), 0);
+    const char* previous = std::getenv("PATH");
+    const std::string kept = previous != nullptr ? previous : "";
+    setenv("PATH", (std::string(folder) + ":/usr/sbin:/usr/bin:/sbin:/bin").c_str(), 1);
+    ISOLATION_STATE state;
+    WORK_FAILURE failure;
+    const bool blocked = BlockTwoPortBuild(state.m_linkLayer, failure);
+    const bool completed = CompleteIsolation(state, failure);
+    const bool lifted = LiftBlocksOfBuild(state.m_linkLayer, failure);
+    setenv("PATH", kept.c_str(), 1);
+    unlink(ebtables.c_str());
+    rmdir(folder);
+    EXPECT_TRUE(blocked && completed && lifted);
+    EXPECT_EQ(Since(), Join({Eth1Block(), Veth0Block(), IsolationComplete(), Veth0Lift(), Eth1Lift()}));
+    EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
 }
 
 TEST_F(IsolationTest, OtherModesRemoveTheLinkLayerRules) {

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "src/NetworkClock.h"
 #include "src/NetworkShell.h"
@@ -83,6 +85,34 @@ TEST(RunStepTest, AStepThatIsReadGivesItsOutputThroughTheSeam) {
     EXPECT_EQ(output, "-P INPUT ACCEPT\n");
     EXPECT_TRUE(RunStep("ip link set br0 up", true, failure));
     EXPECT_EQ(log.Timeline(), (std::vector<std::string>{"$ iptables -S", "$ ip link set br0 up"}));
+}
+
+// A batch reaches the tool's standard input line for line, nothing in it
+// expanded by the shell, in one command through the seam.
+TEST(RunStepTest, ABatchIsOneCommandWhoseLinesReachTheToolAsTheyAre) {
+    const std::vector<std::string> lines = {"*nat", "-A PREROUTING -i $HOME -j DROP", "`false` \\n 'x'"};
+    std::string output;
+    const COMMAND_OUTCOME outcome = RunShellCommand(BatchCommand("cat", lines), &output);
+    EXPECT_TRUE(outcome.Succeeded()) << DescribeOutcome(outcome);
+    EXPECT_EQ(output, "*nat\n-A PREROUTING -i $HOME -j DROP\n`false` \\n 'x'\n");
+}
+
+// A batch that fails is logged, and named in the failure, on one line.
+TEST(RunStepTest, AFailedBatchIsShownOnOneLine) {
+    LogCapture log;
+    CommandRecorder commands;
+    commands.SetOutcomes([](const std::string&) -> std::optional<COMMAND_OUTCOME> {
+        COMMAND_OUTCOME failed;
+        failed.m_nStatus = 1;
+        return failed;
+    });
+    WORK_FAILURE failure;
+    const std::vector<std::string> lines = {"*nat", "-D PREROUTING -i eth1 -j DROP"};
+    EXPECT_FALSE(RunStep(BatchCommand("ebtables-restore --noflush", lines), true, failure));
+    EXPECT_EQ(failure.m_command, "ebtables-restore --noflush <<'EOF'\\n*nat\\n-D PREROUTING -i eth1 -j DROP\\nEOF");
+    EXPECT_EQ(log.Timeline(), (std::vector<std::string>{
+                                  "$ ebtables-restore --noflush <<'EOF'", "> *nat", "> -D PREROUTING -i eth1 -j DROP",
+                                  "> EOF", "ERROR RunStep: Command failed (exit status 1): " + failure.m_command}));
 }
 
 TEST(RunShellCommandTest, ChildStartsWithDefaultDispositionsAndNoMask) {
