@@ -1,6 +1,7 @@
 """Steady cycles: with an unchanged, usable configuration and static addresses a cycle
 runs nothing, or only the re-attach of a healthy eth0 where eth0 is a bridge port; in
-the two-port mode the isolation is looked at every 10 s as well, and put back when
+the two-port mode the isolation is looked at every 10 s as well (its tables listed when
+the kernel shows they moved), and put back when
 another program took its rules away."""
 
 import time
@@ -70,6 +71,7 @@ class IsolationLookTest(harness.DaemonTestCase):
         # gone before it.
         self.sandbox.set_rules("iptables", [])
         self.sandbox.set_rules("ebtables", [])
+        daemon.filter_tables_moved()
         flushed = time.monotonic()
         warning = ("Isolation not in force (0 of 12 IP rules in place; 0 of 28 link-layer rules in place); "
                    "putting it back")
