@@ -290,6 +290,19 @@ FILTER_FINGERPRINT ReadFilterFingerprint() {
     return fingerprint;
 }
 
+Util::UniqueFd OpenFilterChangeSocket() {
+    Util::UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER));
+    if (!fd.IsOpen()) return fd;
+    sockaddr_nl local{};
+    local.nl_family = AF_NETLINK;
+    const int group = NFNLGRP_NFTABLES;
+    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0 ||
+        setsockopt(fd.Get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof(group)) != 0) {
+        fd.Reset();
+    }
+    return fd;
+}
+
 FilterFingerprintReader SetFilterFingerprintReader(FilterFingerprintReader reader) {
     return std::exchange(ActiveReader(), std::move(reader));
 }

@@ -9,6 +9,8 @@
 #include <functional>
 #include <optional>
 
+#include "util/UniqueFd.h"
+
 // The filter tables as one number. A table or a kernel part that is absent is a
 // state like any other; only what could not be read at all leaves it unread.
 struct FILTER_FINGERPRINT {
@@ -30,6 +32,11 @@ using FilterFingerprintReader = std::function<FILTER_FINGERPRINT()>;
 FilterFingerprintReader SetFilterFingerprintReader(FilterFingerprintReader reader);
 // Through that seam.
 FILTER_FINGERPRINT FilterFingerprint();
+
+// A non-blocking socket that receives nf_tables' notifications (NFNLGRP_NFTABLES:
+// every commit of any nft backend's tool); closed where the kernel has no
+// nf_tables (the legacy tables announce nothing: their looks stay periodic).
+Util::UniqueFd OpenFilterChangeSocket();
 
 // The legacy tables whose entries go into the fingerprint.
 enum class FILTER_FAMILY { kIp, kArp, kBridge };
