@@ -283,7 +283,7 @@ TEST(AwaitNextPassTest, ACommitToNfTablesMakesTheIsolationsLookDueOneExtraPassAS
     state.m_isolation.m_nNextCheckMs = MonotonicMs() + 10000;
     send(commits.Get(), "x", 1, 0);
     tookMs = TimedWait(recorded.m_watch, state, 5000);
-    EXPECT_GE(tookMs, 500);
+    EXPECT_GE(tookMs, 300);  // held, not at once (a burst is 30 ms at most)
     EXPECT_LT(tookMs, 2500);
     EXPECT_LE(state.m_isolation.m_nNextCheckMs, MonotonicMs());
     // Outside the two-port mode no isolation is looked at: no news.
