@@ -169,7 +169,10 @@ bool RemoveLinkLayerRules(WORK_FAILURE& failure);
 bool RemoveLinkLayerRulesOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
 
 // The two-port mode's step of each pass, once br0 is built: looks at the
-// isolation when its time has come. The daemon's own rules are judged alone:
+// isolation when its time has come, listing the tables only when the kernel's
+// filter fingerprint, bridge netfilter or the link layer's use moved since the
+// last look that found it whole, and at least every kIsolationListingBackstopMs
+// (otherwise the verdict is renewed). The daemon's own rules are judged alone:
 // each present and ahead of any rule of another program that is not a DROP;
 // others' rules after them stay. When something is missing or out of place (or
 // a repair is due), only that is put back, with eth1 and veth0 blocked
