@@ -22,6 +22,7 @@
 #include "src/NetworkClock.h"
 #include "src/NetworkCycle.h"
 #include "src/NetworkCycleShape.h"
+#include "src/NetworkFilterWatch.h"
 #include "src/NetworkNetlink.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkStop.h"
@@ -163,6 +164,10 @@ void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
             if (data != nullptr) NoteFileEvents(watch, data, length, events);
         });
     }
+    if (watch.m_nft.IsOpen()) {
+        // Whatever it says (or lost) the look judges: the message itself is not read.
+        Drain(watch.m_nft.Get(), true, [&events](const char*, size_t, int) { events.m_bNftCommitted = true; });
+    }
 }
 
 // The sources as one epoll set, made at the first wait: registered once, so
@@ -171,7 +176,7 @@ bool PollSet(EVENT_WATCH& watch) {
     if (watch.m_poll.IsOpen()) return true;
     Util::UniqueFd poll(epoll_create1(EPOLL_CLOEXEC));
     if (!poll.IsOpen()) return false;
-    for (const Util::UniqueFd* source : {&watch.m_kernel, &watch.m_files}) {
+    for (const Util::UniqueFd* source : {&watch.m_kernel, &watch.m_files, &watch.m_nft}) {
         if (!source->IsOpen()) continue;
         epoll_event interest{};
         interest.events = EPOLLIN;
@@ -239,6 +244,26 @@ void NoteConfigWriting(const EVENTS& events, CYCLE_STATE& state) {
     }
 }
 
+// A commit to nf_tables while the two-port isolation is looked at: its look is
+// due now, and the pass comes now, or at the end of the second after the last
+// pass it brought (`untilMs` moved there). Whether anything the look judges
+// moved is its own question (the tables' fingerprint).
+bool NftLookDue(EVENT_WATCH& watch, CYCLE_STATE& state, int64_t& untilMs) {
+    if (state.m_eLastBridgeMode != BRIDGE_MODE_ETH0ETH1 || state.m_bBridgeSetupPending) return false;
+    ISOLATION_STATE& isolation = state.m_isolation;
+    isolation.m_nNextCheckMs = std::min(isolation.m_nNextCheckMs, MonotonicMs());
+    const int64_t nowMs = SteadyMs();
+    if (watch.m_nLastNftWakeMs < 0 || nowMs - watch.m_nLastNftWakeMs >= kNftWakeSpacingMs) {
+        watch.m_nLastNftWakeMs = nowMs;
+        return true;
+    }
+    // The pass at the end of the spacing is the one this commit brings (and
+    // any other before it).
+    if (watch.m_nLastNftWakeMs <= nowMs) watch.m_nLastNftWakeMs += kNftWakeSpacingMs;
+    untilMs = std::min(untilMs, watch.m_nLastNftWakeMs);
+    return false;
+}
+
 }  // namespace
 
 const char* const kOwnedLinks[kOwnedLinkCount] = {"br0", "eth0", "eth1", "veth0", "veth1", "veth2", "veth3"};
@@ -271,6 +296,8 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     }
     if (watch.m_nLeaseWatch < 0) CannotFollow(kLeaseDirectory, "looking for leases once a second only");
     if (watch.m_nConfigWatch < 0 && watch.m_nLeaseWatch < 0) watch.m_files.Reset();
+    // No message where it cannot be had: the isolation's look is then periodic, as on the legacy tables.
+    watch.m_nft = OpenFilterChangeSocket();
     return watch;
 }
 
@@ -379,6 +406,7 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
         if (events.m_bEth0Reported && state.m_bEth0LinkUp && !events.m_bEth0Running) return;
         // Only the daemon's own user can put a lease it takes in place: no one else drives these.
         if (events.m_bLeaseWritten) return;
+        if (events.m_bNftCommitted && NftLookDue(watch, state, untilMs)) return;
         // The configuration's writes, and lost notifications with a lease to
         // take, come early once a second at most: the passes read the
         // configuration anyway, and take a lease, once a second.

@@ -28,12 +28,14 @@ struct OWNED_LINKS {
 struct EVENT_WATCH {
     Util::UniqueFd m_kernel;  // rtnetlink: links, IPv4 addresses, IPv4 routes
     Util::UniqueFd m_files;   // inotify: the configuration file's directory and /tmp
-    Util::UniqueFd m_poll;    // both as one epoll set, made at the first wait
+    Util::UniqueFd m_nft;     // nf_tables' commits (closed without nf_tables: the looks stay periodic)
+    Util::UniqueFd m_poll;    // the sources as one epoll set, made at the first wait
     int m_nConfigWatch = -1;
     int m_nLeaseWatch = -1;
     std::string m_configName;  // the configuration file's name in its directory
     OWNED_LINKS m_owned;
     int64_t m_nLastFileWakeMs = -1;  // steady ms of the last pass the files brought early; -1: none yet
+    int64_t m_nLastNftWakeMs = -1;   // ... nf_tables' commits brought early; -1: none yet
     int64_t m_nLastLostLookMs = -1;  // steady ms of the last look lost kernel notifications brought; -1: none yet
     int64_t m_nLostLookDueMs = -1;   // a look they owe, held back to then (steady ms); -1: none owed
 };
@@ -55,6 +57,7 @@ struct EVENTS {
     bool m_bConfigWriting = false;  // ... and, after that, written to without being closed yet
     bool m_bLeaseWritten = false;   // a lease file the pass would take was put in place
     bool m_bFilesLost = false;      // the file notifications' queue overflowed: anything may have changed
+    bool m_bNftCommitted = false;   // nf_tables was committed to, or its notifications were lost
 };
 
 // Adds what rtnetlink messages (as read from the socket) say to `events`: only
@@ -73,12 +76,16 @@ EVENTS TakeEvents(EVENT_WATCH& watch);
 
 // The least time between two passes the files bring early.
 constexpr int64_t kFileWakeSpacingMs = 1000;
+// The least time between two passes nf_tables' commits bring early.
+constexpr int64_t kNftWakeSpacingMs = 1000;
 
 // Between two passes: returns after `milliseconds`, or at once when the pass
 // brought news, or as soon as something worth a pass happens meanwhile: the
 // configuration file written and closed (or put in place), a lease file the
 // pass would take put in place, eth0's link lost, or something the daemon
-// built undone from outside (CheckForOutsideChanges). The configuration's
+// built undone from outside (CheckForOutsideChanges); while the two-port
+// isolation is looked at, a commit to nf_tables makes its look due at once
+// (one such pass a second at most, kNftWakeSpacingMs). The configuration's
 // writes and lost file notifications bring at most one pass a second early
 // (kFileWakeSpacingMs), and lost kernel notifications one look a second at
 // most; a lease file another user wrote brings none (the

@@ -1132,6 +1132,30 @@ bool RemoveLinkLayerRulesOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& fail
     return true;
 }
 
+namespace {
+
+// What a periodic look judges, as the kernel shows it without a command: the
+// filter tables' fingerprint, bridge netfilter and whether the link layer is
+// looked at. Unread where the tables' fingerprint is.
+FILTER_FINGERPRINT LookFingerprint(bool linkLayer) {
+    FILTER_FINGERPRINT seen = FilterFingerprint();
+    if (!seen.m_bRead) return {};
+    const BRIDGE_FILTER_STATE filter = BridgeFilterState();
+    const bool judged[] = {filter.m_bAvailable, filter.m_bIptables, filter.m_bArptables, filter.m_bVlanTagged,
+                           linkLayer};
+    seen.m_nHash = HashBytes(seen.m_nHash, judged, sizeof(judged));
+    return seen;
+}
+
+// Whether a look now would judge what the last periodic look that found the
+// isolation whole judged, within the backstop after its listings.
+bool JudgedUnchanged(const ISOLATION_STATE& state, const FILTER_FINGERPRINT& seen) {
+    return seen.m_bRead && seen == state.m_judged && state.m_bInForce && state.m_unverified.empty() &&
+           MonotonicMs() - state.m_nListedAtMs < kIsolationListingBackstopMs;
+}
+
+}  // namespace
+
 void SuperviseIsolation(ISOLATION_STATE& state) {
     std::vector<REPAIR_STEP> steps;
     if (!state.m_bRepairPending) {
@@ -1144,6 +1168,13 @@ void SuperviseIsolation(ISOLATION_STATE& state) {
             if (WorkDue(state.m_health)) RepairIsolation(state, {});
             return;
         }
+        // Nothing the look judges has moved since one found it whole: no listing.
+        const FILTER_FINGERPRINT seen = LookFingerprint(state.m_linkLayer.m_missing.empty());
+        if (JudgedUnchanged(state, seen)) {
+            NoteInForce(state);
+            return;
+        }
+        state.m_judged = {};
         ISOLATION_LOOK look = LookAtIsolation(state.m_linkLayer.m_missing.empty());
         state.m_nNextCheckMs = MonotonicMs() + kIsolationCheckIntervalMs;
         // A look cut short by a stop found nothing.
@@ -1151,6 +1182,8 @@ void SuperviseIsolation(ISOLATION_STATE& state) {
         if (look.m_problems.empty()) {
             if (look.m_unlisted.empty()) {
                 NoteInForce(state);
+                state.m_judged = seen;
+                state.m_nListedAtMs = MonotonicMs();
             } else {
                 NoteUnverified(state, look.m_unlisted);
             }

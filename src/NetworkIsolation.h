@@ -9,11 +9,15 @@
 #include <functional>
 #include <string>
 
+#include "src/NetworkFilterWatch.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkShell.h"
 
 // How often the isolation in force is looked at when nothing else happens.
 constexpr unsigned int kIsolationCheckIntervalMs = 10000;
+// How long a look whose kernel fingerprint has not moved goes without listing
+// the tables: the backstop for a change the fingerprint would miss.
+constexpr unsigned int kIsolationListingBackstopMs = 300000;
 
 // The rules the isolation puts in, per table, as its rule tables count them;
 // a listing is checked against these.
@@ -65,6 +69,13 @@ struct ISOLATION_STATE {
     // The wait before the next look after one that could not list a table; zero
     // after a look that could.
     unsigned int m_nListingRetryMs = 0;
+    // What the last periodic look that found it whole judged, as the kernel
+    // showed it just before its listings (the filter tables' fingerprint,
+    // bridge netfilter, the link layer's use), and the monotonic time of those
+    // listings. A look due while it is the same lists nothing until
+    // kIsolationListingBackstopMs after them; unread: every look lists.
+    FILTER_FINGERPRINT m_judged;
+    int64_t m_nListedAtMs = 0;
     // Putting the isolation back, as retried work.
     WORK_HEALTH m_health;
     // The link-layer part: without it the isolation is partial (ARP and IPv4 only).
@@ -166,7 +177,10 @@ bool RemoveLinkLayerRules(WORK_FAILURE& failure);
 bool RemoveLinkLayerRulesOfBuild(LINK_LAYER_STATE& linkLayer, WORK_FAILURE& failure);
 
 // The two-port mode's step of each pass, once br0 is built: looks at the
-// isolation when its time has come. The daemon's own rules are judged alone:
+// isolation when its time has come, listing the tables only when the kernel's
+// filter fingerprint, bridge netfilter or the link layer's use moved since the
+// last look that found it whole, and at least every kIsolationListingBackstopMs
+// (otherwise the verdict is renewed). The daemon's own rules are judged alone:
 // each present and ahead of any rule of another program that is not a DROP;
 // others' rules after them stay. When something is missing or out of place (or
 // a repair is due), only that is put back, with eth1 and veth0 blocked

@@ -4,8 +4,9 @@ Rules another program appends after the daemon's stay, with no warning and no
 repair, for as long as the test watches (TESSEL_COEXIST_S seconds, 60 by
 default). A rule inserted ahead of them that lets traffic through is named in
 a WARN and made harmless: the daemon's rules behind it move ahead of it, and
-it stays. With the legacy iptables, another program holding its lock keeps the
-look from listing the IP rules: the look is tried again, and eth1 stays up."""
+it stays. With the legacy iptables, another program holding its lock while it
+changes the tables keeps the look from listing the IP rules: the look is
+tried again, and eth1 stays up."""
 import os
 import time
 
@@ -79,6 +80,10 @@ class CoexistenceLegacyTest(CoexistenceTest):
         down = []
         with self.lab.hold_iptables_lock():
             held = time.monotonic()
+            # The holder changes the tables meanwhile (here a rule of its own in
+            # a chain the daemon leaves alone; arptables takes no xtables lock):
+            # the look lists only after a change.
+            self.lab.device("arptables", "-A", "OUTPUT", "-j", "ACCEPT")
             # The look's "iptables -S" waits for the lock until its deadline and is ended.
             warning = self.lab.wait_for_log("WARN", "Isolation not looked at (the IP rules cannot be listed", mark,
                                             10 + DEADLINE_S + 15)

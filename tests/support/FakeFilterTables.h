@@ -4,7 +4,8 @@
 // what they hold as the real tool does (iptables -S with "-s ADDRESS/32";
 // arptables -L -n and ebtables -L under chain headings, in their own order and
 // spelling), so a look at the isolation sees what the commands before it (and
-// other programs, through Rules) put in.
+// other programs, through Rules) put in. While it lives, the kernel's filter
+// fingerprint the look reads is the tables' own: it moves with any change.
 #pragma once
 
 #include <algorithm>
@@ -12,13 +13,35 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "src/NetworkFilterWatch.h"
 #include "src/NetworkIsolation.h"
 #include "src/NetworkShell.h"
 
 class FakeFilterTables {
 public:
+    FakeFilterTables() : m_previousReader(SetFilterFingerprintReader([this] { return Fingerprint(); })) {}
+    ~FakeFilterTables() { SetFilterFingerprintReader(std::move(m_previousReader)); }
+    FakeFilterTables(const FakeFilterTables&) = delete;
+    FakeFilterTables& operator=(const FakeFilterTables&) = delete;
+
+    // The tables as the kernel's fingerprint shows them (unread once SetUnreadable).
+    FILTER_FINGERPRINT Fingerprint() const {
+        if (m_bUnreadable) return {};
+        FILTER_FINGERPRINT fingerprint{true, 0};
+        for (const auto& [name, rules] : m_tables) {
+            fingerprint.m_nHash = HashBytes(fingerprint.m_nHash, name.data(), name.size() + 1);
+            for (const std::string& rule : rules) {
+                fingerprint.m_nHash = HashBytes(fingerprint.m_nHash, rule.data(), rule.size() + 1);
+            }
+        }
+        return fingerprint;
+    }
+    // The fingerprint cannot be read from now on (or can again).
+    void SetUnreadable(bool unreadable) { m_bUnreadable = unreadable; }
+
     // Applies `command` when it is one of the filter tools'; returns the listing
     // for a listing command, nothing otherwise.
     std::optional<std::string> Run(std::string command) {
@@ -247,6 +270,8 @@ private:
     std::map<std::string, std::vector<std::string>> m_tables;
     bool m_bLastFailed = false;
     bool m_bLegacyEbtables = false;
+    bool m_bUnreadable = false;
+    FilterFingerprintReader m_previousReader;
 };
 
 // Puts a bridge netfilter state of the test's own where the isolation reads the

@@ -68,7 +68,7 @@ import time
 import unittest
 
 try:
-    from tesselkit import device, namespaces, standins, waiting
+    from tesselkit import device, namespaces, netfilter, standins, waiting
 except ModuleNotFoundError as missing:
     sys.exit("harness: %s: PYTHONPATH must hold the source's tools/ (CTest sets it)" % missing)
 from tesselkit.logs import parse_log_line
@@ -615,6 +615,14 @@ class Daemon:
 
     def running(self):
         return self.process.poll() is None
+
+    def filter_tables_moved(self):
+        """What another program's change to the filter tables does to the kernel, in
+        the daemon's network namespace: the stand-ins keep their tables in files, and
+        the daemon lists them only when the kernel's tables moved."""
+        with namespaces.in_netns("/proc/%d/ns/net" % self.pid):
+            if not netfilter.move_generation():
+                raise unittest.SkipTest("no nf_tables in this kernel: the filter tables cannot be moved")
 
     def namespace_processes(self):
         """The command lines (argument lists) of the live processes in the daemon's pid namespace."""

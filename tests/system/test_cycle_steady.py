@@ -1,6 +1,7 @@
 """Steady cycles: with an unchanged, usable configuration and static addresses a cycle
 runs nothing, or only the re-attach of a healthy eth0 where eth0 is a bridge port; in
-the two-port mode the isolation is looked at every 10 s as well, and put back when
+the two-port mode the isolation is looked at every 10 s as well (its tables listed when
+the kernel shows they moved), and put back when
 another program took its rules away."""
 
 import time
@@ -98,6 +99,25 @@ class IsolationLookTest(harness.DaemonTestCase):
         harness.wait_until(next_look_over, "the next look at the isolation", timeout=15)
         self.assertEqual(daemon.messages().count(warning), 1)
         self.assertEqual(daemon.messages().count("Isolation back in force"), 1)
+
+    def test_a_flush_between_later_looks_is_found_once_the_kernels_tables_moved(self):
+        config, options = CONFIGS["eth0eth1"]
+        self.sandbox.write_config(config)
+        daemon = self.start_daemon(**options)
+        daemon.wait_for_message(ISOLATION_IN_FORCE)
+        # The first look after the build lists the tables; the later ones list
+        # only once the kernel shows they moved.
+        looks = self.sandbox.commands().count(ISOLATION_LOOK[-1])
+        harness.wait_until(lambda: self.sandbox.commands().count(ISOLATION_LOOK[-1]) > looks,
+                           "the first look after the build", timeout=15)
+        self.sandbox.set_rules("arptables", [])
+        daemon.filter_tables_moved()
+        flushed = time.monotonic()
+        warning = "Isolation not in force (0 of 38 ARP rules in place); putting it back"
+        daemon.wait_for_message(warning, timeout=15)
+        self.assertLess(time.monotonic() - flushed, 15)
+        daemon.wait_for_message("Isolation back in force")
+        self.assertEqual(self.sandbox.rules("arptables"), ISOLATION_TABLES["arptables"])
 
 
 if __name__ == "__main__":

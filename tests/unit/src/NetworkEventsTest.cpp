@@ -260,6 +260,40 @@ TEST(AwaitNextPassTest, Eth0LostBringsThePassOnlyWhenItWasUp) {
     EXPECT_GE(tookMs, 600);
 }
 
+TEST(AwaitNextPassTest, ACommitToNfTablesMakesTheIsolationsLookDueOneExtraPassASecondAtMost) {
+    LogCapture log;
+    KernelShapeScript kernel;
+    RecordedKernel recorded;
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    recorded.m_watch.m_nft.Reset(ends[0]);
+    const Util::UniqueFd commits(ends[1]);
+    CYCLE_STATE state = BuiltTwoPortState();
+    // The next periodic look 10 s away: a commit brings it now, with the pass.
+    state.m_isolation.m_nNextCheckMs = MonotonicMs() + 10000;
+    std::thread commit([&commits] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        send(commits.Get(), "x", 1, 0);
+    });
+    int64_t tookMs = TimedWait(recorded.m_watch, state, 5000);
+    commit.join();
+    EXPECT_LT(tookMs, 2500);
+    EXPECT_LE(state.m_isolation.m_nNextCheckMs, MonotonicMs());
+    // Another commit right after that pass: its pass at the end of the second.
+    state.m_isolation.m_nNextCheckMs = MonotonicMs() + 10000;
+    send(commits.Get(), "x", 1, 0);
+    tookMs = TimedWait(recorded.m_watch, state, 5000);
+    EXPECT_GE(tookMs, 300);  // held, not at once (a burst is 30 ms at most)
+    EXPECT_LT(tookMs, 2500);
+    EXPECT_LE(state.m_isolation.m_nNextCheckMs, MonotonicMs());
+    // Outside the two-port mode no isolation is looked at: no news.
+    state.m_eLastBridgeMode = BRIDGE_MODE_ETH0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    send(commits.Get(), "x", 1, 0);
+    EXPECT_GE(TimedWait(recorded.m_watch, state, 600), 600);
+    EXPECT_EQ(log.Timeline(), Lines{});
+}
+
 void OnStopSignal(int /*sig*/) { RequestStop(); }
 
 TEST(AwaitNextPassTest, AStopSignalEndsTheWaitWhenItsGraceEnds) {

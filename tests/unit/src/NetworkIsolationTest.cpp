@@ -105,9 +105,62 @@ TEST_F(IsolationTest, NothingRunsUntilTheLookIsDueThenOnlyTheListings) {
     for (int second = 1; second < 10; ++second) EXPECT_EQ(After(1), Lines{}) << "second " << second;
     EXPECT_EQ(After(1), IsolationLook());
     EXPECT_TRUE(m_state.m_bInForce);
-    // The next look ten seconds after that one.
+    // The next look ten seconds after that one: the tables unchanged, no listing.
     EXPECT_EQ(After(9), Lines{});
-    EXPECT_EQ(After(1), IsolationLook());
+    EXPECT_EQ(After(1), Lines{});
+    EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
+}
+
+TEST_F(IsolationTest, TheTablesAreListedOnlyWhenTheKernelsFingerprintMoved) {
+    // The first look after the build lists; a minute of looks after it, with
+    // nothing changed, lists nothing and still finds the isolation in force.
+    EXPECT_EQ(After(10), IsolationLook());
+    for (int look = 1; look <= 6; ++look) EXPECT_EQ(After(10), Lines{}) << "look " << look;
+    EXPECT_TRUE(m_state.m_bInForce);
+    EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
+    // Another program's rule after the isolation's moves it: one listing, no warning.
+    m_tables.Rules("iptables").push_back("-A FORWARD -j ACCEPT");
+    EXPECT_EQ(After(10), IsolationLook());
+    EXPECT_EQ(After(10), Lines{});
+    // A flush is found at the next period, as before.
+    m_tables.Rules("arptables").clear();
+    const Lines timeline = After(10);
+    ASSERT_GT(timeline.size(), IsolationLook().size());
+    EXPECT_EQ(Lines(timeline.begin(), timeline.begin() + static_cast<std::ptrdiff_t>(IsolationLook().size())),
+              IsolationLook());
+    EXPECT_EQ(timeline[IsolationLook().size()],
+              "WARN SuperviseIsolation: Isolation not in force (0 of 38 ARP rules in place); putting it back");
+    EXPECT_TRUE(m_state.m_bInForce);
+    // After the repair the next look lists once, then nothing again.
+    EXPECT_EQ(After(10), IsolationLook());
+    EXPECT_EQ(After(10), Lines{});
+}
+
+TEST_F(IsolationTest, TheTablesAreListedEveryFiveMinutesWhateverTheFingerprint) {
+    EXPECT_EQ(After(10), IsolationLook());
+    // 29 looks of 10 s without a listing, then the backstop's.
+    for (int look = 1; look <= 29; ++look) EXPECT_EQ(After(10), Lines{}) << "look " << look;
+    EXPECT_EQ(After(10), IsolationLook());
+    EXPECT_EQ(After(10), Lines{});
+}
+
+TEST_F(IsolationTest, AFingerprintThatCannotBeReadListsAtEveryLook) {
+    m_tables.SetUnreadable(true);
+    for (int look = 1; look <= 3; ++look) EXPECT_EQ(After(10), IsolationLook()) << "look " << look;
+    // Readable again: once more a listing, then none.
+    m_tables.SetUnreadable(false);
+    EXPECT_EQ(After(10), IsolationLook());
+    EXPECT_EQ(After(10), Lines{});
+}
+
+TEST_F(IsolationTest, BridgeNetfilterChangedIsLookedAtWithoutAFingerprintChange) {
+    EXPECT_EQ(After(10), IsolationLook());
+    EXPECT_EQ(After(10), Lines{});
+    m_bridgeFilter.Set({true, true, true, false});
+    const Lines timeline = After(10);
+    ASSERT_GT(timeline.size(), IsolationLook().size());
+    EXPECT_EQ(Lines(timeline.begin(), timeline.begin() + static_cast<std::ptrdiff_t>(IsolationLook().size())),
+              IsolationLook());
 }
 
 // The commands of a fixture that start so, in order.
@@ -156,8 +209,10 @@ TEST_F(IsolationTest, OtherProgramsRulesAfterTheIsolationsStayWithNoWarningAndNo
     // And a DROP of another program ahead of them: it lets nothing through.
     m_tables.Rules("iptables").insert(m_tables.Rules("iptables").begin(), "-A INPUT -s 192.0.2.2 -j DROP");
     const Lines before = Join({m_tables.Rules("arptables"), m_tables.Rules("iptables"), m_tables.Rules("ebtables")});
-    // A minute of looks: each the three listings alone.
-    for (int look = 1; look <= 6; ++look) EXPECT_EQ(After(10), IsolationLook()) << "look " << look;
+    // A minute of looks: the first the three listings alone, the others nothing
+    // (the tables unchanged since).
+    EXPECT_EQ(After(10), IsolationLook());
+    for (int look = 2; look <= 6; ++look) EXPECT_EQ(After(10), Lines{}) << "look " << look;
     EXPECT_TRUE(m_state.m_bInForce);
     EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
     EXPECT_EQ(Join({m_tables.Rules("arptables"), m_tables.Rules("iptables"), m_tables.Rules("ebtables")}), before);
@@ -356,8 +411,9 @@ TEST_F(IsolationTest, AListingThatCannotRunIsTriedAgainSoonAndNeverTakesEth1Down
     EXPECT_TRUE(m_state.m_bInForce);
     EXPECT_EQ(m_state.m_unverified, "");
     EXPECT_EQ(m_state.m_verifiedAt.tv_sec, 1795000000);
+    // The tables unchanged since that look: the next lists nothing.
     EXPECT_EQ(After(9), Lines{});
-    EXPECT_EQ(After(1), IsolationLook());
+    EXPECT_EQ(After(1), Lines{});
 }
 
 TEST_F(IsolationTest, ACompletionWhoseListingCannotRunIsDoneAndLookedAtSoon) {
