@@ -37,8 +37,13 @@
 #include "tests/support/KernelShapes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
+#include "tests/support/ToolPath.h"
 
 namespace {
+
+// ebtables with its batch form, as the device's tools have them: the same
+// wherever the tests run, whatever the machine has.
+const ToolPath g_deviceTools({"ebtables", "ebtables-restore"});
 
 const char* const kConfigPath = "/tmp/networkd.conf";
 const char* const kVeth1Lease = "/tmp/dhcp_veth1.txt";
@@ -159,7 +164,7 @@ const char* const kLease = "veth1 192.168.77.100 255.255.255.0\n192.168.77.1\n";
 // A whole build as a pass runs it. Two-port mode: eth1 and veth0 blocked, br0
 // built, the isolation completed, the blocks lifted. The others: br0 built,
 // and the link-layer rules removed where there may be some (the run's first
-// such build, with ebtables on the path, as here, or after a two-port build).
+// such build, with ebtables on the path, as the tests have it, or after a two-port build).
 Lines BuildEth0() { return Join({BridgeBuildEth0(), LinkLayerRemoval()}); }
 Lines BuildEth1() { return Join({BridgeBuildEth1(), LinkLayerRemoval()}); }
 Lines BuildBoth() { return Join({TwoPortBlocks(), BridgeBuildEth0Eth1(), IsolationCompleteInOne(), TwoPortLifts()}); }

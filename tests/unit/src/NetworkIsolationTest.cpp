@@ -23,8 +23,13 @@
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
+#include "tests/support/ToolPath.h"
 
 namespace {
+
+// ebtables with its batch form, as the device's tools have them: the same
+// wherever the tests run, whatever the machine has.
+const ToolPath g_deviceTools({"ebtables", "ebtables-restore"});
 
 using Lines = std::vector<std::string>;
 
@@ -453,22 +458,17 @@ TEST_F(IsolationTest, ABlockSetTwiceIsLiftedWhole) {
 // (here one later on the path, of whatever backend), the blocks, the
 // link-layer rules and the lifts run one by one, as their steps are written.
 TEST_F(IsolationTest, WithoutEbtablesRestoreBesideEbtablesEachStepIsItsOwnCommand) {
-    char folder[] = "/tmp/tessel-isolation-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string ebtables = std::string(folder) + "/ebtables";
-    std::ofstream(ebtables) << "#!/bin/sh\n";
-    ASSERT_EQ(chmod(ebtables.c_str(), 0755), 0);
-    const char* previous = std::getenv("PATH");
-    const std::string kept = previous != nullptr ? previous : "";
-    setenv("PATH", (std::string(folder) + ":/usr/sbin:/usr/bin:/sbin:/bin").c_str(), 1);
-    ISOLATION_STATE state;
-    WORK_FAILURE failure;
-    const bool blocked = BlockTwoPortBuild(state.m_linkLayer, failure);
-    const bool completed = CompleteIsolation(state, failure);
-    const bool lifted = LiftBlocksOfBuild(state.m_linkLayer, failure);
-    setenv("PATH", kept.c_str(), 1);
-    unlink(ebtables.c_str());
-    rmdir(folder);
+    bool blocked = false;
+    bool completed = false;
+    bool lifted = false;
+    {
+        const ToolPath tools({"ebtables"});
+        ISOLATION_STATE state;
+        WORK_FAILURE failure;
+        blocked = BlockTwoPortBuild(state.m_linkLayer, failure);
+        completed = CompleteIsolation(state, failure);
+        lifted = LiftBlocksOfBuild(state.m_linkLayer, failure);
+    }
     EXPECT_TRUE(blocked && completed && lifted);
     EXPECT_EQ(Since(), Join({Eth1Block(), Veth0Block(), IsolationComplete(), Veth0Lift(), Eth1Lift()}));
     EXPECT_EQ(m_tables.Rules("ebtables", "nat"), Lines{});
