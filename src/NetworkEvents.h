@@ -36,6 +36,8 @@ struct EVENT_WATCH {
     int64_t m_nLastFileWakeMs = -1;  // steady ms of the last pass the files brought early; -1: none yet
     int64_t m_nLastLostLookMs = -1;  // steady ms of the last look lost kernel notifications brought; -1: none yet
     int64_t m_nLostLookDueMs = -1;   // a look they owe, held back to then (steady ms); -1: none owed
+    std::string m_pendingName;       // the pending configuration record's name in that directory
+    bool m_bPendingLookDue = false;  // that record (or lost notifications) changed: main looks at it
 };
 
 // The directory the DHCP client's script puts its lease files in.
@@ -55,6 +57,7 @@ struct EVENTS {
     bool m_bConfigWriting = false;  // ... and, after that, written to without being closed yet
     bool m_bLeaseWritten = false;   // a lease file the pass would take was put in place
     bool m_bFilesLost = false;      // the file notifications' queue overflowed: anything may have changed
+    bool m_bPendingChanged = false; // the pending configuration record was written, renamed or removed
 };
 
 // Adds what rtnetlink messages (as read from the socket) say to `events`: only
