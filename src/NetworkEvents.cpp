@@ -316,7 +316,7 @@ void NoteFileEvents(const EVENT_WATCH& watch, const char* data, size_t length, E
             events.m_bFilesLost = true;
             continue;
         }
-        if (record.wd == watch.m_nConfigWatch && entry == watch.m_pendingName) events.m_bPendingChanged = true;
+        if (record.wd == watch.m_nConfigWatch && entry == watch.m_pendingName) events.m_bRecordChanged = true;
         if (record.wd == watch.m_nConfigWatch && entry == watch.m_configName) {
             if ((record.mask & (IN_MODIFY | IN_CREATE)) != 0) {
                 events.m_bConfigWriting = true;
@@ -365,7 +365,7 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
             continue;
         }
         NoteConfigWriting(events, state);
-        if (events.m_bPendingChanged || events.m_bFilesLost) watch.m_bPendingLookDue = true;
+        if (events.m_bRecordChanged || events.m_bFilesLost) watch.m_bPendingLookDue = true;
         if (events.m_bKernel) {
             // The look reads everything: what was lost meanwhile included.
             watch.m_nLostLookDueMs = -1;
