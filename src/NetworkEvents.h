@@ -57,7 +57,7 @@ struct EVENTS {
     bool m_bConfigWriting = false;  // ... and, after that, written to without being closed yet
     bool m_bLeaseWritten = false;   // a lease file the pass would take was put in place
     bool m_bFilesLost = false;      // the file notifications' queue overflowed: anything may have changed
-    bool m_bRecordChanged = false; // the pending configuration record was written, renamed or removed
+    bool m_bRecordChanged = false;  // the pending configuration record was written, renamed or removed
 };
 
 // Adds what rtnetlink messages (as read from the socket) say to `events`: only
