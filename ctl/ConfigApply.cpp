@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -114,8 +115,32 @@ bool Failing(const nlohmann::json& work) {
     return failing != nullptr && failing->is_boolean() && failing->get<bool>();
 }
 
-// Why the document does not show `settings` applied and healthy; "" when it does.
-std::string NotApplied(const nlohmann::json& document, const USER_SETTINGS& settings) {
+// The works the document shows failing, by name ("veth1" for an interface's).
+std::vector<std::string> FailingWorks(const nlohmann::json& document) {
+    std::vector<std::string> names;
+    const nlohmann::json* interfaces = Field(document, "interfaces");
+    if (interfaces != nullptr && interfaces->is_array()) {
+        for (const nlohmann::json& shown : *interfaces) {
+            const nlohmann::json* name = Field(shown, "name");
+            const nlohmann::json* work = Field(shown, "work");
+            if (name != nullptr && name->is_string() && work != nullptr && Failing(*work)) {
+                names.push_back(name->get<std::string>());
+            }
+        }
+    }
+    const nlohmann::json* works = Field(document, "work");
+    if (works != nullptr && works->is_object()) {
+        for (const auto& [name, work] : works->items()) {
+            if (Failing(work)) names.push_back(name);
+        }
+    }
+    return names;
+}
+
+// Why the document does not show `settings` applied, or shows a work failing
+// that was not failing before (`before`); "" when it shows it applied.
+std::string NotApplied(const nlohmann::json& document, const USER_SETTINGS& settings,
+                       const std::vector<std::string>& before) {
     if (!document.is_object()) return "no status document";
     const nlohmann::json* configuration = Field(document, "configuration");
     const nlohmann::json* usable = configuration == nullptr ? nullptr : Field(*configuration, "usable");
@@ -146,15 +171,10 @@ std::string NotApplied(const nlohmann::json& document, const USER_SETTINGS& sett
                     return interface + " still has its previous address";
                 }
             }
-            const nlohmann::json* work = Field(shown, "work");
-            if (work != nullptr && Failing(*work)) return "the work on " + interface + " is failing";
         }
     }
-    const nlohmann::json* works = Field(document, "work");
-    if (works != nullptr && works->is_object()) {
-        for (const auto& [name, work] : works->items()) {
-            if (Failing(work)) return "its " + name + " work is failing";
-        }
+    for (const std::string& name : FailingWorks(document)) {
+        if (std::find(before.begin(), before.end(), name) == before.end()) return "its " + name + " work is failing";
     }
     return "";
 }
@@ -210,10 +230,16 @@ int ApplyConfig(const APPLY_REQUEST& request) {
     bool bVrx1Valid = false;
     ParseConfigFile(request.m_file, settings, bValid, bVrx0Valid, bVrx1Valid);
 
+    // Work that failed before the change is not the change's doing.
+    const std::vector<std::string> failingBefore = FailingWorks(ReadDocument(request.m_statusDirectory));
+
     // The copy first, then the record: a record always has its copy.
     const std::string rollbackPath = RollbackCopyPath(configPath);
     problem = WriteInOneStep(rollbackPath, previous, 0600);
-    const long long deadline = static_cast<long long>(Util::RealTimeNow().tv_sec) + request.m_nWithinSeconds;
+    // Whole seconds, rounded up: the operator has at least the time asked for.
+    const timespec now = Util::RealTimeNow();
+    const long long deadline =
+        static_cast<long long>(now.tv_sec) + (now.tv_nsec > 0 ? 1 : 0) + request.m_nWithinSeconds;
     if (problem.empty()) {
         problem =
             WriteInOneStep(recordPath, PendingRecordText(PENDING_RECORD{deadline, request.m_nWithinSeconds}), 0600);
@@ -237,7 +263,7 @@ int ApplyConfig(const APPLY_REQUEST& request) {
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(waitSeconds);
     std::string why;
     for (;;) {
-        why = NotApplied(ReadDocument(request.m_statusDirectory), settings);
+        why = NotApplied(ReadDocument(request.m_statusDirectory), settings, failingBefore);
         if (why.empty() || std::chrono::steady_clock::now() >= until) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }

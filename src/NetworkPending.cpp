@@ -136,7 +136,8 @@ PENDING_LOOK ReadPendingRecord(const std::string& path, PENDING_RECORD& record, 
 }
 
 bool RestoreDue(const PENDING_RECORD& record, int64_t nowSeconds) {
-    return nowSeconds >= record.m_nDeadline || record.m_nDeadline - nowSeconds > record.m_nWithinSeconds;
+    // A second more than the window: "apply" rounds the deadline up to a whole second.
+    return nowSeconds >= record.m_nDeadline || record.m_nDeadline - nowSeconds > record.m_nWithinSeconds + 1;
 }
 
 void SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state) {

@@ -39,7 +39,8 @@ enum class PENDING_LOOK { kNone, kPending, kRefused };
 PENDING_LOOK ReadPendingRecord(const std::string& path, PENDING_RECORD& record, std::string& problem);
 
 // Whether the previous configuration is due back at `nowSeconds` (wall clock):
-// the deadline has passed, or it lies further ahead than its window allows,
+// the deadline has passed, or it lies further ahead than its window (and the
+// second "apply" rounds it up by) allows,
 // which only a clock set back (a device without a real-time clock after a
 // reboot) makes: waiting on such a clock could take years.
 bool RestoreDue(const PENDING_RECORD& record, int64_t nowSeconds);

@@ -85,7 +85,9 @@ TEST(PendingRecordTest, RestoreIsDueAtTheDeadlineAndWhenTheClockWentBack) {
     EXPECT_TRUE(RestoreDue(record, kNow + 100000));
     // A device without a real-time clock starts in 1970: the deadline is decades away.
     EXPECT_TRUE(RestoreDue(record, 10));
-    EXPECT_TRUE(RestoreDue(record, kNow - 1));
+    // The deadline is rounded up to a whole second: a second more is allowed for it.
+    EXPECT_FALSE(RestoreDue(record, kNow - 1));
+    EXPECT_TRUE(RestoreDue(record, kNow - 2));
 }
 
 TEST(PendingRecordTest, OnlyARegularFileOfRootsThatOthersCannotWriteIsRead) {
