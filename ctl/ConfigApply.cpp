@@ -318,3 +318,31 @@ int ConfirmConfig(const std::string& givenPath, const std::string& statusDirecto
     printf("Confirmed: %s stays.\n", configPath.c_str());
     return 0;
 }
+
+int RestoreIfDue(const std::string& configPath) {
+    const std::string recordPath = PendingRecordPath(configPath);
+    PENDING_RECORD record;
+    std::string problem;
+    const PENDING_LOOK look = ReadPendingRecord(recordPath, record, problem);
+    if (look == PENDING_LOOK::kRefused) {
+        fprintf(stderr, "tessel-networkctl: ignoring %s: %s\n", recordPath.c_str(), problem.c_str());
+        return 0;
+    }
+    if (look == PENDING_LOOK::kNone || !RestoreDue(record, static_cast<long long>(Util::RealTimeNow().tv_sec))) {
+        return 0;
+    }
+    switch (RestorePreviousConfig(configPath, problem)) {
+        case RESTORE_RESULT::kRestored:
+            printf("Configuration not confirmed within %lld s; restored the previous one\n",
+                   static_cast<long long>(record.m_nWithinSeconds));
+            return 0;
+        case RESTORE_RESULT::kConfirmed:
+            return 0;
+        case RESTORE_RESULT::kCannot:
+        case RESTORE_RESULT::kReadOnly:
+            break;
+    }
+    fprintf(stderr, "tessel-networkctl: cannot restore the previous configuration from %s: %s\n",
+            RollbackCopyPath(configPath).c_str(), problem.c_str());
+    return 1;
+}

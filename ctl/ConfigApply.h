@@ -23,3 +23,9 @@ int ApplyConfig(const APPLY_REQUEST& request);
 // Keeps the configuration applied last: removes the record and the rollback
 // copy. 0 confirmed, 1 nothing awaits confirmation or it is too late.
 int ConfirmConfig(const std::string& configPath, const std::string& statusDirectory);
+
+// What the service manager runs before each start, outside the daemon's
+// read-only sandbox: restores the previous configuration when a record's
+// deadline has passed (as the daemon would), and does nothing otherwise. 0
+// nothing to do or restored, 1 it could not be restored.
+int RestoreIfDue(const std::string& configPath);

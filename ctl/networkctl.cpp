@@ -3,6 +3,7 @@
 //   tessel-networkctl check FILE                          a configuration file, as the daemon reads it
 //   tessel-networkctl apply FILE --confirm-within SECONDS  installs FILE on trial (ConfigApply.h)
 //   tessel-networkctl confirm                             keeps the configuration applied on trial
+//   tessel-networkctl restore-due --config PATH           the restore, outside the daemon's sandbox
 // Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or
 // its document is stale; of check: 0 usable, 1 not usable, 2 unreadable; of
 // apply: 0 applied, 1 refused or not applied; of confirm: 0 confirmed, 1
@@ -40,6 +41,8 @@ const char kUsage[] =
     "                                      confirm comes within SECONDS\n"
     "  confirm [--config PATH] [--status-dir DIR]\n"
     "                                      keeps the configuration applied last\n"
+    "  restore-due --config PATH           restores the previous configuration when one applied\n"
+    "                                      was not confirmed in time (the service runs it at start)\n"
     "  help                                this text\n"
     "  --version                           the version and the source revision it was built from\n"
     "Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or its status is\n"
@@ -173,6 +176,10 @@ int Run(int argc, char** argv) {
     }
     if (command == "apply") return Apply(rest);
     if (command == "confirm") return Confirm(rest);
+    if (command == "restore-due") {
+        if (rest.size() != 2 || rest[0] != "--config" || rest[1].empty()) return Usage(stderr, 2);
+        return RestoreIfDue(rest[1]);
+    }
     fprintf(stderr, "tessel-networkctl: unknown command %s\n", command.c_str());
     return Usage(stderr, 2);
 }

@@ -140,8 +140,31 @@ bool RestoreDue(const PENDING_RECORD& record, int64_t nowSeconds) {
     return nowSeconds >= record.m_nDeadline || record.m_nDeadline - nowSeconds > record.m_nWithinSeconds + 1;
 }
 
-void SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state) {
-    if (!state.m_bLookDue && !state.m_bPending) return;
+RESTORE_RESULT RestorePreviousConfig(const std::string& configPath, std::string& problem) {
+    problem.clear();
+    const std::string recordPath = PendingRecordPath(configPath);
+    const std::string rollbackPath = RollbackCopyPath(configPath);
+    const Util::UniqueFd rollback = OpenRootFile(rollbackPath, problem);
+    if (!rollback.IsOpen() && problem.empty()) problem = "it is missing";
+    if (problem.empty() && rename(rollbackPath.c_str(), configPath.c_str()) != 0) {
+        problem = strerror(errno);
+        // The record stays for a start where the directory can be written.
+        if (errno == EROFS || errno == EACCES || errno == EPERM) return RESTORE_RESULT::kReadOnly;
+    }
+    if (!problem.empty()) {
+        // Confirmed meanwhile: "confirm" removes the record before the copy.
+        if (access(recordPath.c_str(), F_OK) != 0 && errno == ENOENT) return RESTORE_RESULT::kConfirmed;
+        unlink(recordPath.c_str());
+        SyncDirectory(configPath);
+        return RESTORE_RESULT::kCannot;
+    }
+    unlink(recordPath.c_str());
+    SyncDirectory(configPath);
+    return RESTORE_RESULT::kRestored;
+}
+
+bool SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state) {
+    if (!state.m_bLookDue && !state.m_bPending) return false;
     state.m_bLookDue = false;
     const std::string recordPath = PendingRecordPath(configPath);
     PENDING_RECORD record;
@@ -153,7 +176,7 @@ void SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state)
                       "Ignoring pending configuration record " + recordPath + ": " + problem);
         }
         state.m_bPending = false;
-        return;
+        return false;
     }
     if (!RestoreDue(record, NowSeconds())) {
         if (!state.m_bPending || !(state.m_record == record)) {
@@ -164,35 +187,29 @@ void SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state)
         }
         state.m_bPending = true;
         state.m_record = record;
-        return;
+        return false;
     }
     state.m_bPending = false;
+    const std::string within = std::to_string(record.m_nWithinSeconds);
     const std::string rollbackPath = RollbackCopyPath(configPath);
-    std::string rollbackProblem;
-    const Util::UniqueFd rollback = OpenRootFile(rollbackPath, rollbackProblem);
-    if (!rollback.IsOpen() && rollbackProblem.empty()) rollbackProblem = "it is missing";
-    if (rollbackProblem.empty() && rename(rollbackPath.c_str(), configPath.c_str()) != 0) {
-        rollbackProblem = strerror(errno);
-        if (errno == EROFS || errno == EACCES || errno == EPERM) {
-            // The record stays: a later start where the directory can be written restores it.
+    switch (RestorePreviousConfig(configPath, problem)) {
+        case RESTORE_RESULT::kRestored:
+            LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
+                      "Configuration not confirmed within " + within + " s; restored the previous one");
+            return false;
+        case RESTORE_RESULT::kConfirmed:
+            return false;
+        case RESTORE_RESULT::kCannot:
             LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
-                      "Cannot restore the previous configuration from " + rollbackPath + ": " + rollbackProblem);
-            return;
-        }
+                      "Configuration not confirmed within " + within +
+                          " s, but the previous one cannot be restored from " + rollbackPath + ": " + problem);
+            return false;
+        case RESTORE_RESULT::kReadOnly:
+            LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
+                      "Configuration not confirmed within " + within +
+                          " s, but its directory cannot be written here (" + problem +
+                          "); exiting, to be restored before the next start");
+            return true;
     }
-    if (!rollbackProblem.empty()) {
-        // Confirmed meanwhile: "confirm" removes the record before the copy.
-        if (access(recordPath.c_str(), F_OK) != 0 && errno == ENOENT) return;
-        unlink(recordPath.c_str());
-        SyncDirectory(configPath);
-        LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
-                  "Configuration not confirmed within " + std::to_string(record.m_nWithinSeconds) +
-                      " s, but the previous one cannot be restored from " + rollbackPath + ": " + rollbackProblem);
-        return;
-    }
-    unlink(recordPath.c_str());
-    SyncDirectory(configPath);
-    LOG_ENTRY(LOGGING_SEVERITY_WARN, false,
-              "Configuration not confirmed within " + std::to_string(record.m_nWithinSeconds) +
-                  " s; restored the previous one");
+    return false;
 }

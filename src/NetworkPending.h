@@ -54,8 +54,22 @@ struct PENDING_STATE {
     PENDING_RECORD m_record;
 };
 
+// Renames the rollback copy (checked as the record is) over the configuration
+// and removes the record. kRestored; kConfirmed: the record went meanwhile;
+// kCannot (`problem`): no usable copy, the record is removed; kReadOnly
+// (`problem`): the directory cannot be written here (a read-only system around
+// the daemon), the record stays.
+enum class RESTORE_RESULT { kRestored, kConfirmed, kCannot, kReadOnly };
+RESTORE_RESULT RestorePreviousConfig(const std::string& configPath, std::string& problem);
+
 // The daemon's side, before each pass: reads the record when a look is due
-// or one is pending, and when its deadline has passed renames the rollback
-// copy over the configuration and removes the record (a WARN). Costs nothing
-// when no look is due and nothing is pending.
-void SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state);
+// or one is pending, and when its deadline has passed restores the previous
+// configuration (a WARN). Costs nothing when no look is due and nothing is
+// pending. true: the restore is due but the directory cannot be written from
+// here; the daemon exits with kExitRestoreAtStart, and the service manager
+// restores it ("tessel-networkctl restore-due", outside the sandbox) before
+// starting it again.
+bool SupervisePendingConfig(const std::string& configPath, PENDING_STATE& state);
+
+// Neither a signal's number, nor 1 (a rejected command line), nor another instance's 75.
+constexpr int kExitRestoreAtStart = 76;

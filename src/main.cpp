@@ -114,7 +114,10 @@ int main(int argc, char** argv) {
     do {
         if (watch.m_bPendingLookDue || watch.m_nConfigWatch < 0) pending.m_bLookDue = true;
         watch.m_bPendingLookDue = false;
-        SupervisePendingConfig(configPath, pending);
+        if (SupervisePendingConfig(configPath, pending)) {
+            m_nExitCode = kExitRestoreAtStart;
+            break;
+        }
         RunSupervisionCycle(configPath, state);
         UpdateStatus(status, state);
         if (!ready) {

@@ -133,6 +133,41 @@ class ApplyTest(harness.DaemonTestCase):
         commands = self.sandbox.commands()
         self.assertEqual(commands.count(NEW_ADDRESS), 1, commands)
 
+    def test_where_the_directory_is_read_only_the_daemon_exits_and_restore_due_puts_it_back(self):
+        # As under the unit's read-only /etc: the daemon's view of the directory cannot be written.
+        etc = self.sandbox.path("etc")
+        os.mkdir(etc, 0o755)
+        config = os.path.join(etc, "tessel-networkd.conf")
+        with open(config, "w") as out:
+            out.write(PREVIOUS)
+        with open(self.sandbox.tmp_path("marvell-phy-0-port"), "w"):
+            pass
+        args = ["--config", config, "--phy-file", PHY_FILE]
+        read_only = ["mount --bind {0} {0} && mount -o remount,bind,ro {0} {0} || fail read-only".format(etc)]
+        daemon = self.start_daemon(args=args, setup=read_only)
+        harness.wait_until(lambda: self.requested_veth1() == "10.0.0.2", "the first pass's status document")
+        result = subprocess.run([self.sandbox.ctl_path, "apply", self.new_file(NEW), "--confirm-within", "2",
+                                 "--config", config, "--status-dir", self.sandbox.status_dir()],
+                                capture_output=True, text=True, timeout=harness.TIMEOUT)
+        self.assertEqual(result.returncode, 0, result)
+        self.assertEqual(daemon.wait_exit(), 76)
+        self.assertIn("Configuration not confirmed within 2 s, but its directory cannot be written here "
+                      "(Read-only file system); exiting, to be restored before the next start", daemon.messages())
+        with open(config) as text:
+            self.assertEqual(text.read(), NEW)
+        # What the unit runs before the next start, outside the sandbox.
+        restore = subprocess.run([self.sandbox.ctl_path, "restore-due", "--config", config], capture_output=True,
+                                 text=True, timeout=harness.TIMEOUT)
+        self.assertEqual((restore.returncode, restore.stdout, restore.stderr),
+                         (0, restored(2) + "\n", ""))
+        with open(config) as text:
+            self.assertEqual(text.read(), PREVIOUS)
+        self.assertEqual(sorted(os.listdir(etc)), ["tessel-networkd.conf"])
+        # Nothing due: nothing done, nothing said.
+        again = subprocess.run([self.sandbox.ctl_path, "restore-due", "--config", config], capture_output=True,
+                               text=True, timeout=harness.TIMEOUT)
+        self.assertEqual((again.returncode, again.stdout, again.stderr), (0, "", ""))
+
 
 if __name__ == "__main__":
     harness.main()
