@@ -166,8 +166,11 @@ std::string NotApplied(const nlohmann::json& document, const USER_SETTINGS& sett
             }
             if (!config->m_bDhcp) {
                 const nlohmann::json* requested = Field(shown, "requested");
+                const nlohmann::json* gateway = requested == nullptr ? nullptr : Field(*requested, "gateway");
+                const bool bGatewayShown = config->m_gateway.s_addr == 0 ? gateway != nullptr && gateway->is_null()
+                                                                         : IsText(gateway, Dotted(config->m_gateway));
                 if (requested == nullptr || !IsText(Field(*requested, "address"), Dotted(config->m_ipAddress)) ||
-                    !IsText(Field(*requested, "mask"), Dotted(config->m_subnetMask))) {
+                    !IsText(Field(*requested, "mask"), Dotted(config->m_subnetMask)) || !bGatewayShown) {
                     return interface + " still has its previous address";
                 }
             }
