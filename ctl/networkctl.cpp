@@ -1,9 +1,13 @@
 // tessel-networkctl: the operator's view of tessel-networkd.
 //   tessel-networkctl status [--full] [--json] [--status-dir DIR]   what is configured, in force and wrong
 //   tessel-networkctl check FILE                          a configuration file, as the daemon reads it
+//   tessel-networkctl apply FILE --confirm-within SECONDS  installs FILE on trial (ConfigApply.h)
+//   tessel-networkctl confirm                             keeps the configuration applied on trial
+//   tessel-networkctl restore-due --config PATH           the restore, outside the daemon's sandbox
 // Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or
-// its document is stale; of check: 0 usable, 1 not usable, 2 unreadable; 2 for
-// a wrong command line.
+// its document is stale; of check: 0 usable, 1 not usable, 2 unreadable; of
+// apply: 0 applied, 1 refused or not applied; of confirm: 0 confirmed, 1
+// nothing to confirm or too late; 2 for a wrong command line.
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,8 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "ctl/ConfigApply.h"
 #include "ctl/ConfigCheck.h"
 #include "ctl/StatusView.h"
+#include "src/NetworkPending.h"
 #include "src/NetworkStatusSchema.h"
 #include "util/Version.h"
 
@@ -31,10 +37,20 @@ const char kUsage[] =
     "                                      and what went wrong, within 80 columns; --full shows\n"
     "                                      long texts whole; --json prints its status document\n"
     "  check FILE                          reads a configuration file as the daemon would\n"
+    "  apply FILE --confirm-within SECONDS [--config PATH] [--status-dir DIR]\n"
+    "                                      checks FILE, installs it and waits until the daemon runs\n"
+    "                                      it; the daemon restores the previous configuration unless\n"
+    "                                      confirm comes within SECONDS\n"
+    "  confirm [--config PATH] [--status-dir DIR]\n"
+    "                                      keeps the configuration applied last\n"
+    "  restore-due --config PATH           restores the previous configuration when one applied\n"
+    "                                      was not confirmed in time (the service runs it at start)\n"
     "  help                                this text\n"
     "  --version                           the version and the source revision it was built from\n"
     "Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or its status is\n"
-    "stale; of check: 0 usable, 1 not usable, 2 the file cannot be read; 2 for a wrong command line.\n";
+    "stale; of check: 0 usable, 1 not usable, 2 the file cannot be read; of apply: 0 applied, 1\n"
+    "refused or not applied; of confirm: 0 confirmed, 1 nothing to confirm or too late; 2 for a wrong\n"
+    "command line.\n";
 
 int Usage(FILE* out, int status) {
     fputs(kUsage, out);
@@ -101,6 +117,53 @@ int Status(const std::vector<std::string>& args) {
     return reasons.empty() ? STATUS_HEALTHY : STATUS_DEGRADED;
 }
 
+// A whole decimal number from 1 to `most`; 0 otherwise.
+long long Seconds(const std::string& text, long long most) {
+    if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) return 0;
+    const long long value = std::stoll(text);
+    return value <= most ? value : 0;
+}
+
+int Apply(const std::vector<std::string>& args) {
+    APPLY_REQUEST request;
+    request.m_statusDirectory = kStatusDirectory;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const bool bValue = i + 1 < args.size();
+        if (args[i] == "--confirm-within" && bValue) {
+            request.m_nWithinSeconds = Seconds(args[++i], kMaxConfirmSeconds);
+            if (request.m_nWithinSeconds == 0) return Usage(stderr, 2);
+        } else if (args[i] == "--config" && bValue) {
+            request.m_configPath = args[++i];
+        } else if (args[i] == "--status-dir" && bValue) {
+            request.m_statusDirectory = args[++i];
+        } else if (args[i] == "--wait" && bValue) {
+            request.m_nWaitSeconds = Seconds(args[++i], kMaxConfirmSeconds);
+            if (request.m_nWaitSeconds == 0) return Usage(stderr, 2);
+        } else if (request.m_file.empty() && !args[i].empty() && args[i][0] != '-') {
+            request.m_file = args[i];
+        } else {
+            return Usage(stderr, 2);
+        }
+    }
+    if (request.m_file.empty() || request.m_nWithinSeconds == 0) return Usage(stderr, 2);
+    return ApplyConfig(request);
+}
+
+int Confirm(const std::vector<std::string>& args) {
+    std::string configPath;
+    std::string directory = kStatusDirectory;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--config" && i + 1 < args.size()) {
+            configPath = args[++i];
+        } else if (args[i] == "--status-dir" && i + 1 < args.size()) {
+            directory = args[++i];
+        } else {
+            return Usage(stderr, 2);
+        }
+    }
+    return ConfirmConfig(configPath, directory);
+}
+
 int Run(int argc, char** argv) {
     const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (args.empty()) return Usage(stderr, 2);
@@ -115,6 +178,12 @@ int Run(int argc, char** argv) {
     if (command == "check") {
         if (rest.size() != 1 || rest[0].empty() || rest[0][0] == '-') return Usage(stderr, 2);
         return CheckConfigFile(rest[0]);
+    }
+    if (command == "apply") return Apply(rest);
+    if (command == "confirm") return Confirm(rest);
+    if (command == "restore-due") {
+        if (rest.size() != 2 || rest[0] != "--config" || rest[1].empty()) return Usage(stderr, 2);
+        return RestoreIfDue(rest[1]);
     }
     fprintf(stderr, "tessel-networkctl: unknown command %s\n", command.c_str());
     return Usage(stderr, 2);

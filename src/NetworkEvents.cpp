@@ -24,6 +24,7 @@
 #include "src/NetworkCycleShape.h"
 #include "src/NetworkFilterWatch.h"
 #include "src/NetworkNetlink.h"
+#include "src/NetworkPending.h"
 #include "src/NetworkRetry.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
@@ -284,6 +285,7 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath) {
     const size_t slash = configPath.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : configPath.substr(0, slash);
     watch.m_configName = slash == std::string::npos ? configPath : configPath.substr(slash + 1);
+    watch.m_pendingName = PendingRecordPath(watch.m_configName);
     watch.m_files.Reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     if (watch.m_files.IsOpen()) {
         watch.m_nConfigWatch = inotify_add_watch(watch.m_files.Get(), directory.c_str(), kConfigMask | IN_ONLYDIR);
@@ -341,6 +343,7 @@ void NoteFileEvents(const EVENT_WATCH& watch, const char* data, size_t length, E
             events.m_bFilesLost = true;
             continue;
         }
+        if (record.wd == watch.m_nConfigWatch && entry == watch.m_pendingName) events.m_bRecordChanged = true;
         if (record.wd == watch.m_nConfigWatch && entry == watch.m_configName) {
             if ((record.mask & (IN_MODIFY | IN_CREATE)) != 0) {
                 events.m_bConfigWriting = true;
@@ -389,6 +392,7 @@ void AwaitNextPass(EVENT_WATCH& watch, CYCLE_STATE& state, unsigned int millisec
             continue;
         }
         NoteConfigWriting(events, state);
+        if (events.m_bRecordChanged || events.m_bFilesLost) watch.m_bPendingLookDue = true;
         if (events.m_bKernel) {
             // The look reads everything: what was lost meanwhile included.
             watch.m_nLostLookDueMs = -1;

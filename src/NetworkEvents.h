@@ -38,6 +38,8 @@ struct EVENT_WATCH {
     int64_t m_nLastNftWakeMs = -1;   // ... nf_tables' commits brought early; -1: none yet
     int64_t m_nLastLostLookMs = -1;  // steady ms of the last look lost kernel notifications brought; -1: none yet
     int64_t m_nLostLookDueMs = -1;   // a look they owe, held back to then (steady ms); -1: none owed
+    std::string m_pendingName;       // the pending configuration record's name in that directory
+    bool m_bPendingLookDue = false;  // that record (or lost notifications) changed: main looks at it
 };
 
 // The directory the DHCP client's script puts its lease files in.
@@ -58,6 +60,7 @@ struct EVENTS {
     bool m_bLeaseWritten = false;   // a lease file the pass would take was put in place
     bool m_bFilesLost = false;      // the file notifications' queue overflowed: anything may have changed
     bool m_bNftCommitted = false;   // nf_tables was committed to, or its notifications were lost
+    bool m_bRecordChanged = false;  // the pending configuration record was written, renamed or removed
 };
 
 // Adds what rtnetlink messages (as read from the socket) say to `events`: only

@@ -13,6 +13,7 @@
 #include "src/NetworkEvents.h"
 #include "src/NetworkInstance.h"
 #include "src/NetworkNotify.h"
+#include "src/NetworkPending.h"
 #include "src/NetworkStatus.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStop.h"
@@ -107,7 +108,16 @@ int main(int argc, char** argv) {
     // Passes come once a second, and sooner when the kernel or the files report a change.
     EVENT_WATCH watch = OpenEventWatch(configPath);
     bool ready = false;
+    // A configuration applied and not confirmed in time is put back before the
+    // pass reads it: looked at once now, then when its directory changes.
+    PENDING_STATE pending;
     do {
+        if (watch.m_bPendingLookDue || watch.m_nConfigWatch < 0) pending.m_bLookDue = true;
+        watch.m_bPendingLookDue = false;
+        if (SupervisePendingConfig(configPath, pending)) {
+            m_nExitCode = kExitRestoreAtStart;
+            break;
+        }
         RunSupervisionCycle(configPath, state);
         UpdateStatus(status, state);
         if (!ready) {

@@ -86,11 +86,13 @@ for keyword in bridge phy veth1 veth3 vrx0 vrx1; do
 done
 
 # The unit starts the installed daemon in the foreground with the installed
-# configuration as a notify service under a watchdog, restarts it, and stops it with SIGTERM.
+# configuration as a notify service under a watchdog, restarts it, and stops it with SIGTERM;
+# before each start, outside its sandbox, an unconfirmed configuration is restored when due.
 unit=$stage/usr/lib/systemd/system/tessel-networkd.service
 for line in "Type=notify" "NotifyAccess=main" "WatchdogSec=60" \
     "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
     "ExecStartPre=+systemd-tmpfiles --create tessel-networkd.conf" \
+    "ExecStartPre=+-/usr/bin/tessel-networkctl restore-due --config /etc/tessel-networkd.conf" \
     "Restart=always" "KillSignal=SIGTERM" "KillMode=process" \
     "RuntimeDirectory=tessel-networkd" "RuntimeDirectoryMode=0755" "RuntimeDirectoryPreserve=yes"; do
     grep -qx -- "$line" "$unit" || fail "unit lacks the line: $line"
@@ -99,7 +101,7 @@ if command -v systemd-analyze >/dev/null; then
     # systemd checks that ExecStart names an executable, so point it at the staged one.
     check=$stage/verify/tessel-networkd.service
     mkdir -p "$stage/verify"
-    sed "s#=/usr/sbin/#=$stage/usr/sbin/#" "$unit" >"$check"
+    sed -e "s#=/usr/sbin/#=$stage/usr/sbin/#" -e "s#=+-/usr/bin/#=+-$stage/usr/bin/#" "$unit" >"$check"
     verdict=$(systemd-analyze verify "$check" 2>&1)
     [ -z "$verdict" ] || fail "systemd-analyze verify: $verdict"
 fi

@@ -679,6 +679,40 @@ std::string Overflow() {
     return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
 }
 
+// An inotify record of a name in a watched directory, padded as the kernel pads it.
+std::string FileRecord(int wd, uint32_t mask, const std::string& name) {
+    inotify_event record{};
+    record.wd = wd;
+    record.mask = mask;
+    record.len = static_cast<uint32_t>((name.size() + 1 + 3) / 4 * 4);
+    std::string text(reinterpret_cast<const char*>(&record), sizeof(record));
+    text += name;
+    text.append(record.len - name.size(), '\0');
+    return text;
+}
+
+TEST(FileNotificationsTest, ThePendingRecordsChangesAreNotedAndTheConfigurationsAloneAreNot) {
+    EVENT_WATCH watch;
+    watch.m_nConfigWatch = 1;
+    watch.m_nLeaseWatch = 2;
+    watch.m_configName = "networkd.conf";
+    watch.m_pendingName = "networkd.conf.pending";
+    const auto note = [&watch](const std::string& records) {
+        EVENTS events;
+        NoteFileEvents(watch, records.data(), records.size(), events);
+        return std::string(events.m_bRecordChanged ? "record" : "-") + (events.m_bConfigWritten ? " config" : "");
+    };
+    EXPECT_EQ(note(FileRecord(1, IN_MOVED_TO, "networkd.conf.pending")), "record");
+    EXPECT_EQ(note(FileRecord(1, IN_DELETE, "networkd.conf.pending")), "record");
+    EXPECT_EQ(note(FileRecord(1, IN_MOVED_TO, "networkd.conf")), "- config");
+    EXPECT_EQ(note(FileRecord(1, IN_MOVED_TO, "networkd.conf.rollback")), "-");
+    EXPECT_EQ(note(FileRecord(1, IN_CLOSE_WRITE, ".networkd.conf.pending.apply-Ab3dEf")), "-");
+    // The same name in /tmp's watch is another file.
+    EXPECT_EQ(note(FileRecord(2, IN_MOVED_TO, "networkd.conf.pending")), "-");
+    EXPECT_EQ(note(FileRecord(1, IN_MOVED_TO, "networkd.conf.pending") + FileRecord(1, IN_MOVED_TO, "networkd.conf")),
+              "record config");
+}
+
 TEST(FileNotificationsTest, OverflowsAreOneLookAtTheLeaseFilesNotAPassEach) {
     TESSEL_NEED_NAMESPACES();
     Lines lines = InNewNamespaces(CLONE_NEWNET | CLONE_NEWNS, [] {
