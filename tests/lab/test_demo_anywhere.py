@@ -66,8 +66,8 @@ class DemoAnywhereTest(unittest.TestCase):
         self.assertIn("veth1 has its lease", out)
         # The operator's table names the lease and veth3's address.
         view = section("The operator's view: tessel-networkctl status")
-        self.assertRegex(view, r"(?m)^\s+veth1\s+dhcp\s+192\.168\.77\.1\d\d\s+255\.255\.255\.0\s+.*\slease\s")
-        self.assertRegex(view, r"(?m)^\s+veth3\s+static\s+\S+\s+%s\s" % re.escape(VETH3_ADDR))
+        self.assertRegex(view, r"(?m)^\s+veth1:\s+dhcp\s+192\.168\.77\.1\d\d/24\s.*\n\s+lease from \S+, taken ")
+        self.assertRegex(view, r"(?m)^\s+veth3:\s+static\s+%s/24[\s,]" % re.escape(VETH3_ADDR))
         # Every isolation check ran and passed: ARP and IPv4 (8), and what only
         # the link-layer rules see (5).
         checks = re.findall(r"^\s+(PASS|FAIL)\s+", section("Isolation checks"), re.M)

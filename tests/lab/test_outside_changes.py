@@ -96,9 +96,9 @@ class OutsideChangesTest(unittest.TestCase):
             return record if last and last["found"] == found and last["repaired"] else None
         record = wait_until(repaired, "the status document to show %r repaired" % found, 5)
         self.assertEqual(1, record["outside_changes"], record)
-        result = wait_until(lambda: (lambda r: r if r.returncode == 0 else None)(self.lab.ctl("status")),
+        result = wait_until(lambda: (lambda r: r if r.returncode == 0 else None)(self.lab.ctl("status", "--full")),
                             "tessel-networkctl status to find the device healthy", 10)
-        self.assertRegex(result.stdout, r"\n%s +1 +%s +\S+ +yes\n" % (work, re.escape(found)), result.stdout)
+        self.assertRegex(result.stdout, r"\n%s +1 +\S+ +yes +%s\n" % (work, re.escape(found)), result.stdout)
 
     def assertSetUpAgain(self, mark, changed):
         """After a rebuild both interfaces are set up again: veth3's address

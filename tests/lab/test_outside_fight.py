@@ -8,6 +8,7 @@ changes in a row and shows the repair pending, and tessel-networkctl status
 reports it (exit 1). A change after the fight is over is repaired at once
 again. The waits are printed ("timing:")."""
 import datetime
+import re
 import time
 import unittest
 
@@ -134,9 +135,9 @@ class OutsideFightTest(unittest.TestCase):
                     record = self.pending_record("veth3", i + 1)
                     self.assertEqual(FOUND_VETH3, record["last_outside_change"]["found"])
             # The last wait is 8 s: tessel-networkctl status has time to see it.
-            result = self.lab.ctl("status")
+            result = self.lab.ctl("status", "--full")
             self.assertEqual(1, result.returncode, result.stdout + result.stderr)
-            self.assertRegex(result.stdout, r"\nveth3 +%d +%s +\S+ +not yet\n" % (rounds, FOUND_VETH3))
+            self.assertRegex(result.stdout, r"\nveth3 +%d +\S+ +not yet +%s\n" % (rounds, re.escape(FOUND_VETH3)))
             self.assertIn("addressing of veth3 undone from outside, not yet repaired", result.stdout)
             while self.lab.addresses("veth3") != addressed:
                 self.assertLess(time.monotonic() - began, 30, "veth3's address back after the fight")
