@@ -102,7 +102,7 @@ class ApplyTest(harness.DaemonTestCase):
 
     def test_a_killed_command_is_no_obstacle_to_the_restore(self):
         daemon = self.start()
-        command = subprocess.Popen([self.sandbox.ctl_path, "apply", self.new_file(NEW), "--confirm-within", "4",
+        command = subprocess.Popen(harness.run_prefix() + [self.sandbox.ctl_path, "apply", self.new_file(NEW), "--confirm-within", "4",
                                     "--config", self.sandbox.config_path, "--status-dir", self.sandbox.status_dir()],
                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         # The check's lines come first.
@@ -146,7 +146,7 @@ class ApplyTest(harness.DaemonTestCase):
         read_only = ["mount --bind {0} {0} && mount -o remount,bind,ro {0} {0} || fail read-only".format(etc)]
         daemon = self.start_daemon(args=args, setup=read_only)
         harness.wait_until(lambda: self.requested_veth1() == "10.0.0.2", "the first pass's status document")
-        result = subprocess.run([self.sandbox.ctl_path, "apply", self.new_file(NEW), "--confirm-within", "2",
+        result = subprocess.run(harness.run_prefix() + [self.sandbox.ctl_path, "apply", self.new_file(NEW), "--confirm-within", "2",
                                  "--config", config, "--status-dir", self.sandbox.status_dir()],
                                 capture_output=True, text=True, timeout=harness.TIMEOUT)
         self.assertEqual(result.returncode, 0, result)
@@ -156,7 +156,7 @@ class ApplyTest(harness.DaemonTestCase):
         with open(config) as text:
             self.assertEqual(text.read(), NEW)
         # What the unit runs before the next start, outside the sandbox.
-        restore = subprocess.run([self.sandbox.ctl_path, "restore-due", "--config", config], capture_output=True,
+        restore = subprocess.run(harness.run_prefix() + [self.sandbox.ctl_path, "restore-due", "--config", config], capture_output=True,
                                  text=True, timeout=harness.TIMEOUT)
         self.assertEqual((restore.returncode, restore.stdout, restore.stderr),
                          (0, restored(2) + "\n", ""))
@@ -164,7 +164,7 @@ class ApplyTest(harness.DaemonTestCase):
             self.assertEqual(text.read(), PREVIOUS)
         self.assertEqual(sorted(os.listdir(etc)), ["tessel-networkd.conf"])
         # Nothing due: nothing done, nothing said.
-        again = subprocess.run([self.sandbox.ctl_path, "restore-due", "--config", config], capture_output=True,
+        again = subprocess.run(harness.run_prefix() + [self.sandbox.ctl_path, "restore-due", "--config", config], capture_output=True,
                                text=True, timeout=harness.TIMEOUT)
         self.assertEqual((again.returncode, again.stdout, again.stderr), (0, "", ""))
 

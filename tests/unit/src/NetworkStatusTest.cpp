@@ -799,7 +799,8 @@ TEST(Eth0StreakTest, RecoveriesMoreThanAMinuteApartStartANewStreak) {
     std::vector<std::pair<unsigned int, long long>> seen;
     // A recovery a second for 5 s, then one a minute and 1 ms later, then one
     // a minute after that: the streak starts anew once, and goes on after it.
-    for (const int64_t stepMs : {0L, 1000L, 1000L, 1000L, 1000L, kEth0StreakGapMs + 1, kEth0StreakGapMs}) {
+    const std::vector<int64_t> stepsMs = {0, 1000, 1000, 1000, 1000, kEth0StreakGapMs + 1, kEth0StreakGapMs};
+    for (const int64_t stepMs : stepsMs) {
         clock.Step(stepMs);
         state.m_eth0RecoveredAt = {kInstant + SteppedClock::Now() / 1000, 0};
         NoteEth0Recovery(state);
