@@ -118,7 +118,9 @@ public:
                 table = line.substr(1);
                 continue;
             }
-            Run("ebtables -t " + table + " " + line);
+            std::string command = "ebtables -t ";
+            command.append(table).append(" ").append(line);
+            Run(command);
             if (m_bLastFailed) {
                 m_tables = before;
                 return;
