@@ -12,6 +12,7 @@ import time
 
 from labtest import ISOLATION_RULES, LabTestCase, main
 from tesselkit.device import TWO_PORT_CONFIG
+from tesselkit.waiting import wait_until
 
 KEPT_S = float(os.environ.get("TESSEL_COEXIST_S", "60"))
 PUT_BACK_WITHIN_S = 25  # a look every 10 s, the repair after it; generous on a loaded machine
@@ -109,7 +110,9 @@ class CoexistenceLegacyTest(CoexistenceTest):
         # Once the lock is free the next look finds it whole.
         freed = time.monotonic()
         self.lab.wait_for_log("INFO", "Isolation looked at again: in force", mark, DEADLINE_S + 15)
-        self.assertTrue(self.lab.status_document()["isolation"]["in_force"])
+        # The document, written at the end of that pass, vouches for it again.
+        wait_until(lambda: self.lab.status_document()["isolation"]["in_force"],
+                   "the status document to show the isolation in force again", 5)
         print("the daemon: WARN %s" % warning.message)
         print("timing: lock held %.1f s, eth1 up throughout; looked at again %.1f s after it was freed" %
               (lasted, time.monotonic() - freed))
