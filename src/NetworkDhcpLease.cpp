@@ -187,6 +187,8 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     char mask[15 + 1];
     char gateway[15 + 1];
     char server[15 + 1] = {};
+    // Assigned in the first line's test below, and read only after it.
+    // cppcheck-suppress unreadVariable
     int nFields = 0;
     if (fgets(line, sizeof line, file.get()) == nullptr) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read DHCP lease file for " + interfaceName);
