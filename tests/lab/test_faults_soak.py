@@ -9,12 +9,14 @@ daemon's memory, descriptors, children and the rules in force are sampled
 command and reads the configuration: what stays is what counts).
 
 At the end the daemon that started still runs, its memory has not grown after
-the first minute, its descriptors and the rules are what the first sample
+the first minute (at rest, and at its peak, polled every 10 ms throughout),
+its descriptors and the rules are what the first sample
 found, it has no children, the device runs nothing but the daemon and one DHCP
 client, and the device is in the final configuration with its isolation
 checked by frames. The samples are printed as a table."""
 import os
 import signal
+import threading
 import time
 import unittest
 
@@ -28,6 +30,12 @@ SOAK_SECONDS = float(os.environ.get("TESSEL_SOAK_SECONDS", "600"))
 SAMPLE_EVERY = 30
 # After the first minute, resident memory may move by this much (page granularity, allocator).
 RSS_SLACK_KB = 64
+# The peak is taken from VmRSS polled this often: the kernel's own VmHWM is
+# recorded from per-CPU counters that may each hold up to 31 pages not yet
+# folded in (Linux 6.2 and later), so a process whose true peak moves by
+# 32 kB can show VmHWM 150 kB higher. VmHWM is held to that bound only.
+PEAK_POLL_SECONDS = 0.01
+HWM_COUNTING_SLACK_KB = 31 * 4 * (os.cpu_count() or 1)
 
 STATIC_CONFIG = TWO_PORT_CONFIG.replace("veth1 dhcp", "veth1 static 192.168.77.60 255.255.255.0 192.168.77.1")
 ETH0_CONFIG = config_text("eth0", "frame", "static 10.253.254.10 255.255.255.0 0.0.0.0",
@@ -58,6 +66,29 @@ def children_of(pid):
                     # process that is gone gives ESRCH): no child any more.
                     pass
     return found
+
+
+class PeakWatch:
+    """The highest VmRSS seen, polled in a thread of its own from the first
+    sample to the last."""
+
+    def __init__(self, pid):
+        self.pid = pid
+        self.peak = 0
+        self.done = threading.Event()
+        self.thread = threading.Thread(target=self.run, daemon=True)
+        self.thread.start()
+
+    def run(self):
+        while not self.done.wait(PEAK_POLL_SECONDS):
+            try:
+                self.peak = max(self.peak, status_kb(self.pid, "VmRSS"))
+            except (FileNotFoundError, ProcessLookupError):
+                return
+
+    def stop(self):
+        self.done.set()
+        self.thread.join()
 
 
 class SoakTest(unittest.TestCase):
@@ -152,18 +183,19 @@ class SoakTest(unittest.TestCase):
             time.sleep(0.05)
         self.samples.append({
             "t": time.monotonic() - started,
-            "rss": status_kb(pid, "VmRSS"), "hwm": status_kb(pid, "VmHWM"),
+            "rss": status_kb(pid, "VmRSS"), "peak": max(self.peaks.peak, status_kb(pid, "VmRSS")),
+            "hwm": status_kb(pid, "VmHWM"),
             "fds": min(fds), "children": min(children), "zombies": min(zombies),
             "arp": len(self.lab.arp_rules()), "ip": len(self.lab.ip_rules()),
             "clients": len(self.lab.udhcpc_clients()),
             "flaps": self.counts["flaps"], "kills": self.counts["kills"], "changes": self.counts["changes"]})
 
     def print_samples(self):
-        print("\n| t (s) | VmRSS (kB) | VmHWM (kB) | fds | children | zombies | ARP rules | IP rules | DHCP clients "
+        print("\n| t (s) | VmRSS (kB) | peak VmRSS (kB) | VmHWM (kB) | fds | children | zombies | ARP rules | IP rules | DHCP clients "
               "| eth0 flaps | clients killed | config changes |")
-        print("|---|---|---|---|---|---|---|---|---|---|---|---|")
+        print("|---|---|---|---|---|---|---|---|---|---|---|---|---|")
         for s in self.samples:
-            print("| %(t).0f | %(rss)d | %(hwm)d | %(fds)d | %(children)d | %(zombies)d | %(arp)d | %(ip)d | "
+            print("| %(t).0f | %(rss)d | %(peak)d | %(hwm)d | %(fds)d | %(children)d | %(zombies)d | %(arp)d | %(ip)d | "
                   "%(clients)d | %(flaps)d | %(kills)d | %(changes)d |" % s)
         print("\nrecovery times (s): " + "; ".join(
             "%s: %d, max %.2f, mean %.2f" % (what, len(times), max(times), sum(times) / len(times))
@@ -180,6 +212,7 @@ class SoakTest(unittest.TestCase):
         pid = lab.daemon_pid()
         self.assertIsNotNone(pid)
         mark = lab.start_mark
+        self.peaks = PeakWatch(pid)
         try:
             self.sample(pid, started)
             rounds = 0
@@ -195,6 +228,7 @@ class SoakTest(unittest.TestCase):
                 while started + next_sample <= time.monotonic():
                     next_sample += SAMPLE_EVERY
         finally:
+            self.peaks.stop()
             self.print_samples()
 
         # The same daemon, in the final configuration, isolating.
@@ -213,7 +247,8 @@ class SoakTest(unittest.TestCase):
                                                                  s["ip"], s["clients"]), s)
         for s in steady:
             self.assertLessEqual(s["rss"] - steady[0]["rss"], RSS_SLACK_KB, s)
-            self.assertLessEqual(s["hwm"] - steady[0]["hwm"], RSS_SLACK_KB, s)
+            self.assertLessEqual(s["peak"] - steady[0]["peak"], RSS_SLACK_KB, s)
+            self.assertLessEqual(s["hwm"] - steady[0]["hwm"], RSS_SLACK_KB + HWM_COUNTING_SLACK_KB, s)
         # Every fault was repaired with no command failing (the lab has no PHY driver file).
         failures = [e for e in lab.log_entries_since(mark) if e.level == "ERROR" and e.function != "SetEthernetPhyMode"]
         self.assertEqual([], failures)
