@@ -13,6 +13,7 @@
 #include "src/NetworkCycle.h"
 #include "src/NetworkStatusFile.h"
 #include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusMetrics.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStatusSnapshot.h"
 #include "util/Format.h"
@@ -44,12 +45,31 @@ void StartStatus(STATUS_WRITER& writer, const std::string& directory, const std:
     writer.m_daemon.m_configPath = configPath;
     writer.m_bWritten = false;
     writer.m_bFailureLogged = false;
+    writer.m_bMetricsDue = false;
+    writer.m_bMetricsFailureLogged = false;
 }
 
-void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
-    TakeStatusSnapshot(state, writer.m_current);
-    writer.m_current.m_eEth1Link = ReadLink(writer.m_eth1);
-    if (writer.m_bWritten && writer.m_current == writer.m_written) return;
+namespace {
+
+// The metrics file from the snapshot last taken; quiet while it keeps failing.
+void UpdateMetrics(STATUS_WRITER& writer) {
+    std::string error;
+    const std::string path = writer.m_metricsDirectory + "/" + kMetricsFileName;
+    if (!WriteMetricsFile(writer.m_metricsDirectory, StatusMetrics(writer.m_daemon, writer.m_current), error)) {
+        if (!writer.m_bMetricsFailureLogged) {
+            LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Unable to write metrics file " + path + ": " + error);
+            writer.m_bMetricsFailureLogged = true;
+        }
+        return;
+    }
+    if (writer.m_bMetricsFailureLogged) {
+        LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Metrics file " + path + " written again");
+        writer.m_bMetricsFailureLogged = false;
+    }
+    writer.m_bMetricsDue = false;
+}
+
+void UpdateDocument(STATUS_WRITER& writer) {
     std::string error;
     const std::string path = writer.m_directory + "/" + kStatusFileName;
     if (!WriteStatusFile(writer.m_directory, StatusJson(writer.m_daemon, writer.m_current), error)) {
@@ -67,4 +87,16 @@ void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
     }
     writer.m_written = writer.m_current;
     writer.m_bWritten = true;
+}
+
+}  // namespace
+
+void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
+    TakeStatusSnapshot(state, writer.m_current);
+    writer.m_current.m_eEth1Link = ReadLink(writer.m_eth1);
+    if (!writer.m_bWritten || !(writer.m_current == writer.m_written)) {
+        UpdateDocument(writer);
+        writer.m_bMetricsDue = true;
+    }
+    if (writer.m_bMetricsDue && !writer.m_metricsDirectory.empty()) UpdateMetrics(writer);
 }
