@@ -41,8 +41,7 @@ bool ReplaceIn(int directoryFd, const char* temporary, const char* name, const s
         error = Reason(std::string("cannot remove ") + temporary);
         return false;
     }
-    Util::UniqueFd file(
-        openat(directoryFd, temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    Util::UniqueFd file(openat(directoryFd, temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file.IsOpen()) {
         error = Reason(std::string("cannot create ") + temporary);
         return false;
@@ -114,7 +113,7 @@ Util::UniqueFd OpenMetricsDirectory(const std::string& directory, std::string& e
     // Never made here: a directory the operator named and that is missing is a mistake to report.
     Util::UniqueFd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!dir.IsOpen()) {
-        error = errno == ENOENT                     ? directory + " does not exist"
+        error = errno == ENOENT                      ? directory + " does not exist"
                 : errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory"
                                                      : Reason("cannot open " + directory);
         return {};

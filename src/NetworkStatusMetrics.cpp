@@ -69,9 +69,11 @@ const char* IsolationWord(const STATUS_ISOLATION& isolation) {
 
 void WriteWorks(MetricsWriter& out, const NAMED_WORK* works, size_t count) {
     out.Family("work_failing", "gauge", "1 while a kind of work is failing (retried after 1, 2, 4 ... 60 s).");
-    for (size_t i = 0; i < count; ++i) out.Flag("work_failing", "work", works[i].m_name, works[i].m_work.m_nFailures != 0);
+    for (size_t i = 0; i < count; ++i)
+        out.Flag("work_failing", "work", works[i].m_name, works[i].m_work.m_nFailures != 0);
     out.Family("work_failures", "gauge", "Failed attempts of a kind of work since its last success.");
-    for (size_t i = 0; i < count; ++i) out.Sample("work_failures", "work", works[i].m_name, works[i].m_work.m_nFailures);
+    for (size_t i = 0; i < count; ++i)
+        out.Sample("work_failures", "work", works[i].m_name, works[i].m_work.m_nFailures);
     out.Family("work_last_failure_timestamp_seconds", "gauge",
                "When a kind of work last failed, in seconds since 1970; absent when it never did.");
     for (size_t i = 0; i < count; ++i) {
@@ -99,12 +101,14 @@ struct NAMED_INTERFACE {
 void WriteInterfaces(MetricsWriter& out, const NAMED_INTERFACE* ifaces, size_t count) {
     out.Family("interface_address", "gauge", "1 when a served interface has its address in force.");
     for (size_t i = 0; i < count; ++i) {
-        if (ifaces[i].m_iface.m_bShown) out.Flag("interface_address", "interface", ifaces[i].m_name, ifaces[i].m_iface.m_bInForce);
+        if (ifaces[i].m_iface.m_bShown)
+            out.Flag("interface_address", "interface", ifaces[i].m_name, ifaces[i].m_iface.m_bInForce);
     }
     out.Family("interface_dhcp", "gauge", "1 when a served interface is asked to take its address by DHCP, 0 static.");
     for (size_t i = 0; i < count; ++i) {
         const STATUS_INTERFACE& iface = ifaces[i].m_iface;
-        if (iface.m_bShown && iface.m_bRequested) out.Flag("interface_dhcp", "interface", ifaces[i].m_name, iface.m_requested.m_bDhcp);
+        if (iface.m_bShown && iface.m_bRequested)
+            out.Flag("interface_dhcp", "interface", ifaces[i].m_name, iface.m_requested.m_bDhcp);
     }
     out.Family("lease_timestamp_seconds", "gauge",
                "When the DHCP lease in force was taken up, in seconds since 1970; absent without one. "
@@ -115,7 +119,8 @@ void WriteInterfaces(MetricsWriter& out, const NAMED_INTERFACE* ifaces, size_t c
             out.Sample("lease_timestamp_seconds", "interface", ifaces[i].m_name, iface.m_leaseAt.tv_sec);
         }
     }
-    out.Family("dhcp_client_starts_total", "counter", "DHCP clients started for an interface since the daemon started.");
+    out.Family("dhcp_client_starts_total", "counter",
+               "DHCP clients started for an interface since the daemon started.");
     for (size_t i = 0; i < count; ++i) {
         if (ifaces[i].m_iface.m_bShown) {
             out.Sample("dhcp_client_starts_total", "interface", ifaces[i].m_name, ifaces[i].m_iface.m_nClientStarts);
@@ -128,14 +133,15 @@ void WriteInterfaces(MetricsWriter& out, const NAMED_INTERFACE* ifaces, size_t c
 STATUS_STATE StatusState(const STATUS_SNAPSHOT& s) {
     if (!s.m_bConfigRead) return STATUS_STATE_STARTING;
     bool bDegraded = !s.m_bConfigUsable;
-    for (const STATUS_WORK* work : {&s.m_startup, &s.m_bridge, &s.m_registers, &s.m_phy, &s.m_veth1.m_work,
-                                    &s.m_veth3.m_work, &s.m_isolation.m_work, &s.m_links, &s.m_ports, &s.m_macs,
-                                    &s.m_eth0Port}) {
+    for (const STATUS_WORK* work :
+         {&s.m_startup, &s.m_bridge, &s.m_registers, &s.m_phy, &s.m_veth1.m_work, &s.m_veth3.m_work,
+          &s.m_isolation.m_work, &s.m_links, &s.m_ports, &s.m_macs, &s.m_eth0Port}) {
         bDegraded = bDegraded || WorkDegrades(*work);
     }
     bDegraded = bDegraded || !s.m_veth1.m_bInForce || (s.m_veth3.m_bShown && !s.m_veth3.m_bInForce);
     bDegraded = bDegraded || (s.m_bEth0Used && !s.m_bEth0LinkUp);
-    bDegraded = bDegraded || (s.m_isolation.m_bRequired && (!s.m_isolation.m_bInForce || !s.m_isolation.m_partial.empty()));
+    bDegraded =
+        bDegraded || (s.m_isolation.m_bRequired && (!s.m_isolation.m_bInForce || !s.m_isolation.m_partial.empty()));
     return bDegraded ? STATUS_STATE_DEGRADED : STATUS_STATE_HEALTHY;
 }
 
@@ -212,10 +218,17 @@ std::string StatusMetrics(const STATUS_DAEMON& daemon, const STATUS_SNAPSHOT& s)
     const NAMED_INTERFACE ifaces[] = {{"veth1", s.m_veth1}, {"veth3", s.m_veth3}};
     WriteInterfaces(out, ifaces, sizeof ifaces / sizeof ifaces[0]);
     const NAMED_WORK works[] = {
-        {"startup", s.m_startup},         {"bridge", s.m_bridge},         {"registers", s.m_registers},
-        {"phy", s.m_phy},                 {"veth1", s.m_veth1.m_work},    {"veth3", s.m_veth3.m_work},
-        {"isolation", s.m_isolation.m_work}, {"links", s.m_links},        {"ports", s.m_ports},
-        {"macs", s.m_macs},               {"eth0_port", s.m_eth0Port},
+        {"startup", s.m_startup},
+        {"bridge", s.m_bridge},
+        {"registers", s.m_registers},
+        {"phy", s.m_phy},
+        {"veth1", s.m_veth1.m_work},
+        {"veth3", s.m_veth3.m_work},
+        {"isolation", s.m_isolation.m_work},
+        {"links", s.m_links},
+        {"ports", s.m_ports},
+        {"macs", s.m_macs},
+        {"eth0_port", s.m_eth0Port},
     };
     WriteWorks(out, works, sizeof works / sizeof works[0]);
     return text;
