@@ -136,7 +136,8 @@ class MetricsTest(harness.DaemonTestCase):
     def test_without_the_option_no_file_is_written(self):
         daemon = self.start()
         daemon.run_cycle(TWO_PORT_STATIC, 2)
-        self.assertEqual(sorted(os.listdir(self.sandbox.path("run"))), ["tessel-networkd"])
+        made = [os.path.join(top, name) for top, _, names in os.walk(self.sandbox.path("run")) for name in names]
+        self.assertFalse([path for path in made if "prom" in os.path.basename(path)], made)
         self.assertEqual(sorted(os.listdir(self.sandbox.status_dir())), ["lock", "status.json"])
         self.assertFalse([entry for entry in daemon.entries() if "etrics" in entry.message])
 
