@@ -69,7 +69,20 @@ void UpdateMetrics(STATUS_WRITER& writer) {
     writer.m_bMetricsDue = false;
 }
 
-void UpdateDocument(STATUS_WRITER& writer) {
+// Only with a metrics directory, and only when the document was due or the
+// last metrics write failed.
+void UpdateMetricsIfDue(STATUS_WRITER& writer) {
+    if (writer.m_bMetricsDue && !writer.m_metricsDirectory.empty()) UpdateMetrics(writer);
+}
+
+}  // namespace
+
+void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
+    TakeStatusSnapshot(state, writer.m_current);
+    writer.m_current.m_eEth1Link = ReadLink(writer.m_eth1);
+    if (writer.m_bWritten && writer.m_current == writer.m_written) return UpdateMetricsIfDue(writer);
+    // The metrics file follows the document: written now, whatever becomes of the document.
+    writer.m_bMetricsDue = true;
     std::string error;
     const std::string path = writer.m_directory + "/" + kStatusFileName;
     if (!WriteStatusFile(writer.m_directory, StatusJson(writer.m_daemon, writer.m_current), error)) {
@@ -79,7 +92,7 @@ void UpdateDocument(STATUS_WRITER& writer) {
             writer.m_bFailureLogged = true;
         }
         writer.m_bWritten = false;
-        return;
+        return UpdateMetricsIfDue(writer);
     }
     if (writer.m_bFailureLogged) {
         LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Status file " + path + " written again");
@@ -87,16 +100,5 @@ void UpdateDocument(STATUS_WRITER& writer) {
     }
     writer.m_written = writer.m_current;
     writer.m_bWritten = true;
-}
-
-}  // namespace
-
-void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
-    TakeStatusSnapshot(state, writer.m_current);
-    writer.m_current.m_eEth1Link = ReadLink(writer.m_eth1);
-    if (!writer.m_bWritten || !(writer.m_current == writer.m_written)) {
-        UpdateDocument(writer);
-        writer.m_bMetricsDue = true;
-    }
-    if (writer.m_bMetricsDue && !writer.m_metricsDirectory.empty()) UpdateMetrics(writer);
+    UpdateMetricsIfDue(writer);
 }

@@ -68,8 +68,8 @@ int main(int argc, char** argv) {
     cli.AddParam("04phy-file", "--phy-file", "-p", PARAM_OPTIONAL, false,
                  std::string("PHY driver's file the PHY mode is written to (default ") + kPhyModeFile + ")", "");
     cli.AddParam("05metrics-dir", "--metrics-dir", "-m", PARAM_OPTIONAL, false,
-                 std::string("Directory (the node exporter's textfile directory) to keep the status in as "
-                             "Prometheus metrics, ") +
+                 std::string("Directory (the node exporter's textfile one) to keep the status in as Prometheus "
+                             "metrics too, as ") +
                      kMetricsFileName + " (default: none)",
                  "");
     if (cli.ProcessCmdLine(argc, argv) != 0) {
