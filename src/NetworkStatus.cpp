@@ -13,6 +13,7 @@
 #include "src/NetworkCycle.h"
 #include "src/NetworkStatusFile.h"
 #include "src/NetworkStatusJson.h"
+#include "src/NetworkStatusMetrics.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStatusSnapshot.h"
 #include "util/Format.h"
@@ -44,12 +45,44 @@ void StartStatus(STATUS_WRITER& writer, const std::string& directory, const std:
     writer.m_daemon.m_configPath = configPath;
     writer.m_bWritten = false;
     writer.m_bFailureLogged = false;
+    writer.m_bMetricsDue = false;
+    writer.m_bMetricsFailureLogged = false;
 }
+
+namespace {
+
+// The metrics file from the snapshot last taken; quiet while it keeps failing.
+void UpdateMetrics(STATUS_WRITER& writer) {
+    std::string error;
+    const std::string path = writer.m_metricsDirectory + "/" + kMetricsFileName;
+    if (!WriteMetricsFile(writer.m_metricsDirectory, StatusMetrics(writer.m_daemon, writer.m_current), error)) {
+        if (!writer.m_bMetricsFailureLogged) {
+            LOG_ENTRY(LOGGING_SEVERITY_WARN, false, "Unable to write metrics file " + path + ": " + error);
+            writer.m_bMetricsFailureLogged = true;
+        }
+        return;
+    }
+    if (writer.m_bMetricsFailureLogged) {
+        LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Metrics file " + path + " written again");
+        writer.m_bMetricsFailureLogged = false;
+    }
+    writer.m_bMetricsDue = false;
+}
+
+// Only with a metrics directory, and only when the document was due or the
+// last metrics write failed.
+void UpdateMetricsIfDue(STATUS_WRITER& writer) {
+    if (writer.m_bMetricsDue && !writer.m_metricsDirectory.empty()) UpdateMetrics(writer);
+}
+
+}  // namespace
 
 void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
     TakeStatusSnapshot(state, writer.m_current);
     writer.m_current.m_eEth1Link = ReadLink(writer.m_eth1);
-    if (writer.m_bWritten && writer.m_current == writer.m_written) return;
+    if (writer.m_bWritten && writer.m_current == writer.m_written) return UpdateMetricsIfDue(writer);
+    // The metrics file follows the document: written now, whatever becomes of the document.
+    writer.m_bMetricsDue = true;
     std::string error;
     const std::string path = writer.m_directory + "/" + kStatusFileName;
     if (!WriteStatusFile(writer.m_directory, StatusJson(writer.m_daemon, writer.m_current), error)) {
@@ -59,7 +92,7 @@ void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
             writer.m_bFailureLogged = true;
         }
         writer.m_bWritten = false;
-        return;
+        return UpdateMetricsIfDue(writer);
     }
     if (writer.m_bFailureLogged) {
         LOG_ENTRY(LOGGING_SEVERITY_NOTICE, false, "Status file " + path + " written again");
@@ -67,4 +100,5 @@ void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
     }
     writer.m_written = writer.m_current;
     writer.m_bWritten = true;
+    UpdateMetricsIfDue(writer);
 }

@@ -23,6 +23,10 @@ struct STATUS_WRITER {
     bool m_bWritten = false;        // the document on disk is the one of m_written
     bool m_bFailureLogged = false;  // a failed write was logged and none has worked since
     std::string m_eth1 = "eth1";    // the link whose state the document shows as eth1's
+    // The same status as Prometheus metrics, written with the document; empty: not written.
+    std::string m_metricsDirectory;
+    bool m_bMetricsDue = false;            // the metrics file is behind the snapshot last taken
+    bool m_bMetricsFailureLogged = false;  // as m_bFailureLogged, for the metrics file
 };
 
 // Before the first pass: the daemon's version, pid and start time, and the path
@@ -32,5 +36,8 @@ void StartStatus(STATUS_WRITER& writer, const std::string& directory, const std:
 // After each pass: reads eth1's link (one ioctl, nothing logged), and writes
 // the document when what it shows changed since the last write, or the last
 // write failed. A failure is logged once (WARN) and tried
-// again after the next pass; it never stops the cycle.
+// again after the next pass; it never stops the cycle. With a metrics
+// directory, the metrics file is written whenever the document is, from the
+// same snapshot, and on its own only while its last write failed (logged
+// once too); neither write waits for or disturbs the other.
 void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state);

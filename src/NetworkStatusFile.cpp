@@ -18,6 +18,8 @@
 namespace {
 
 const char kTemporaryName[] = ".status.json.new";
+// Not ending in .prom: the textfile collector reads only what does.
+const char kMetricsTemporaryName[] = ".tessel_networkd.prom.new";
 
 std::string Reason(const std::string& what) { return what + ": " + strerror(errno); }
 
@@ -32,17 +34,16 @@ bool WriteAll(int fd, const std::string& text) {
     return true;
 }
 
-// Writes the temporary file in the directory and renames it over the document.
-bool ReplaceIn(int directoryFd, const std::string& text, std::string& error) {
+// Writes the temporary file `temporary` in the directory and renames it over `name`.
+bool ReplaceIn(int directoryFd, const char* temporary, const char* name, const std::string& text, std::string& error) {
     // A file left by a write that broke off is ours to remove.
-    if (unlinkat(directoryFd, kTemporaryName, 0) != 0 && errno != ENOENT) {
-        error = Reason(std::string("cannot remove ") + kTemporaryName);
+    if (unlinkat(directoryFd, temporary, 0) != 0 && errno != ENOENT) {
+        error = Reason(std::string("cannot remove ") + temporary);
         return false;
     }
-    Util::UniqueFd file(
-        openat(directoryFd, kTemporaryName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    Util::UniqueFd file(openat(directoryFd, temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!file.IsOpen()) {
-        error = Reason(std::string("cannot create ") + kTemporaryName);
+        error = Reason(std::string("cannot create ") + temporary);
         return false;
     }
     bool bDone = true;
@@ -58,11 +59,11 @@ bool ReplaceIn(int directoryFd, const std::string& text, std::string& error) {
         error = Reason("cannot close it");
         bDone = false;
     }
-    if (bDone && renameat(directoryFd, kTemporaryName, directoryFd, kStatusFileName) != 0) {
-        error = Reason(std::string("cannot rename it to ") + kStatusFileName);
+    if (bDone && renameat(directoryFd, temporary, directoryFd, name) != 0) {
+        error = Reason(std::string("cannot rename it to ") + name);
         bDone = false;
     }
-    if (!bDone) unlinkat(directoryFd, kTemporaryName, 0);
+    if (!bDone) unlinkat(directoryFd, temporary, 0);
     return bDone;
 }
 
@@ -105,5 +106,32 @@ Util::UniqueFd OpenStatusDirectory(const std::string& directory, std::string& er
 
 bool WriteStatusFile(const std::string& directory, const std::string& text, std::string& error) {
     const Util::UniqueFd dir = OpenStatusDirectory(directory, error);
-    return dir.IsOpen() && ReplaceIn(dir.Get(), text, error);
+    return dir.IsOpen() && ReplaceIn(dir.Get(), kTemporaryName, kStatusFileName, text, error);
+}
+
+Util::UniqueFd OpenMetricsDirectory(const std::string& directory, std::string& error) {
+    // Never made here: a directory the operator named and that is missing is a mistake to report.
+    Util::UniqueFd dir(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!dir.IsOpen()) {
+        error = errno == ENOENT                      ? directory + " does not exist"
+                : errno == ELOOP || errno == ENOTDIR ? directory + " is not a directory"
+                                                     : Reason("cannot open " + directory);
+        return {};
+    }
+    struct stat status {};
+    if (fstat(dir.Get(), &status) != 0) {
+        error = Reason("cannot examine " + directory);
+        return {};
+    }
+    // Its owner may be another user (the node exporter's); nobody else may write it.
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        error = directory + " is writable by others";
+        return {};
+    }
+    return dir;
+}
+
+bool WriteMetricsFile(const std::string& directory, const std::string& text, std::string& error) {
+    const Util::UniqueFd dir = OpenMetricsDirectory(directory, error);
+    return dir.IsOpen() && ReplaceIn(dir.Get(), kMetricsTemporaryName, kMetricsFileName, text, error);
 }

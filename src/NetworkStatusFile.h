@@ -16,3 +16,10 @@ bool WriteStatusFile(const std::string& directory, const std::string& text, std:
 // keeps there (its instance lock) is held to the same rules. Holds nothing,
 // with the reason in `error`, when it is refused.
 Util::UniqueFd OpenStatusDirectory(const std::string& directory, std::string& error);
+
+// Replaces `directory`/tessel_networkd.prom with `text` in one step, as the
+// document (a file written beside it, never through a link, mode 0644,
+// renamed over it). The directory is the operator's (the node exporter's
+// textfile directory): never created; one that is missing, a symbolic link or
+// writable by group or others is refused; it may belong to another user.
+bool WriteMetricsFile(const std::string& directory, const std::string& text, std::string& error);

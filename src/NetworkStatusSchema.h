@@ -14,3 +14,7 @@ constexpr long long kIsolationVerifiedWithinSeconds = 25;
 // Where the document lives unless the command line says otherwise, and its name there.
 constexpr const char* kStatusDirectory = "/run/tessel-networkd";
 constexpr const char* kStatusFileName = "status.json";
+
+// The status as Prometheus metrics, in the directory --metrics-dir names (none
+// by default): the name the node exporter's textfile collector reads.
+constexpr const char* kMetricsFileName = "tessel_networkd.prom";

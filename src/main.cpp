@@ -67,6 +67,11 @@ int main(int argc, char** argv) {
     cli.AddParam("03version", "--version", "-V", PARAM_OVERRIDE, true, "Shows the version and the source revision", "");
     cli.AddParam("04phy-file", "--phy-file", "-p", PARAM_OPTIONAL, false,
                  std::string("PHY driver's file the PHY mode is written to (default ") + kPhyModeFile + ")", "");
+    cli.AddParam("05metrics-dir", "--metrics-dir", "-m", PARAM_OPTIONAL, false,
+                 std::string("Directory (the node exporter's textfile one) to keep the status in as Prometheus "
+                             "metrics too, as ") +
+                     kMetricsFileName + " (default: none)",
+                 "");
     if (cli.ProcessCmdLine(argc, argv) != 0) {
         ShowUsage(cli);
         exit(1);
@@ -104,6 +109,7 @@ int main(int argc, char** argv) {
     // The status document follows each pass; it is written only when what it shows changed.
     STATUS_WRITER status;
     StartStatus(status, statusDirectory, configPath);
+    status.m_metricsDirectory = cli["05metrics-dir"];
     UpdateStatus(status, state);
     // Passes come once a second, and sooner when the kernel or the files report a change.
     EVENT_WATCH watch = OpenEventWatch(configPath);

@@ -7,7 +7,8 @@
 # its own; a second start is refused while one is under way, but a lock left
 # by a killed start is taken over, by one start only; a pid file naming
 # another process never gets it signalled; HUP, INT and TERM sent to the
-# supervisor stop it and the daemon cleanly, none of them ignored by it.
+# supervisor stop it and the daemon cleanly, none of them ignored by it;
+# METRICS_DIR adds --metrics-dir to the daemon's command line.
 #   init-script.sh BUILD_DIR [SHELL [TOOLS]]
 #     SHELL  runs the script (default sh)
 #     TOOLS  "busybox": BusyBox's applets come first on PATH, as on a device
@@ -257,6 +258,26 @@ reloaded=$(daemon_child "$supervisor") || fail "no daemon after force-reload"
 [ -n "$reloaded" ] && [ "$reloaded" != "$daemon" ] || fail "force-reload kept the old daemon"
 kill -0 "$daemon" 2>/dev/null && fail "the old daemon still runs after force-reload"
 out=$($init stop 2>&1) || fail "stop after force-reload: exit $? ($out)"
+
+# METRICS_DIR (the environment or /etc/default/tessel-networkd) gives the
+# daemon --metrics-dir: the status as Prometheus metrics in that directory.
+mkdir -m 0755 "$work/metrics"
+out=$(METRICS_DIR=$work/metrics $init start 2>&1) || fail "start with METRICS_DIR: exit $? ($out)"
+supervisor=$(cat "$PIDFILE" 2>/dev/null)
+with_metrics=
+tries=50
+while [ $tries -gt 0 ]; do
+    for pid in $(cat "/proc/$supervisor/task/$supervisor/children" 2>/dev/null); do
+        [ "$(tr '\0' ' ' <"/proc/$pid/cmdline")" = "$DAEMON --config $CONFIG --metrics-dir $work/metrics " ] &&
+            with_metrics=$pid
+    done
+    [ -n "$with_metrics" ] && [ -s "$work/metrics/tessel_networkd.prom" ] && break
+    sleep 0.1; tries=$((tries - 1))
+done
+[ -n "$with_metrics" ] || fail "no daemon with --metrics-dir after a start with METRICS_DIR"
+grep -q '^tessel_networkd_state{state="degraded"} ' "$work/metrics/tessel_networkd.prom" 2>/dev/null ||
+    fail "no metrics file in METRICS_DIR"
+out=$($init stop 2>&1) || fail "stop after a start with METRICS_DIR: exit $? ($out)"
 
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
 echo "init script under $shell${tools:+ with $tools tools}: OK"

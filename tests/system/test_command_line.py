@@ -14,6 +14,8 @@ USAGE = (
     "    -V, --version                                [Override ] Shows the version and the source revision\n"
     "    -p, --phy-file                               [Optional ] PHY driver's file the PHY mode is written to (default "
     "/proc/marvell-phy-0-port)\n"
+    "    -m, --metrics-dir                            [Optional ] Directory (the node exporter's textfile one) to keep "
+    "the status in as Prometheus metrics too, as tessel_networkd.prom (default: none)\n"
     "\n"
 )
 
