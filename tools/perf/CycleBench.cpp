@@ -214,7 +214,8 @@ int main(int argc, char** argv) {
         state.m_settings.m_veth1Config.m_bDhcp = true;
         state.m_veth1.m_applied = state.m_settings.m_veth1Config;
         state.m_veth1.m_bReconfigure = state.m_veth3.m_bReconfigure = false;
-        state.m_veth1.m_dhcp = {true, {htonl(0xC0A84D64)}, {htonl(0xFFFFFF00)}, {htonl(0xC0A84D01)}};
+        state.m_veth1.m_dhcp = {
+            true, {htonl(0xC0A84D64)}, {htonl(0xFFFFFF00)}, {htonl(0xC0A84D01)}, {htonl(0xC0A84D01)}};
         state.m_veth1.m_leaseAt = {1795000000, 0};
         state.m_veth1.m_clientPid = 223;
         state.m_veth1.m_nClientStarts = 1;
