@@ -78,10 +78,10 @@ constexpr size_t kConfigBytesMax = 65536;
 // The whole file, read at once: its bytes, then how the read ended. Handed out
 // in fgets' pieces, so a read error still comes where the stream would have met it.
 struct ConfigText {
-    char bytes[kConfigBytesMax + 1];
     size_t size = 0;
     size_t next = 0;
     bool error = false;  // the read after the bytes failed (rather than ended)
+    char bytes[kConfigBytesMax + 1];
 };
 
 // Reads the file when it is a regular file of at most kConfigBytesMax bytes;
@@ -187,8 +187,14 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
 
     // Read with as many system calls as opening, reading and closing it take
     // (the size from fstat saves the read that finds the end) and no stream
-    // to allocate, then taken apart in memory.
-    ConfigText text;
+    // to allocate, then taken apart in memory. The text is kept outside the
+    // stack: 64 KiB there would put everything called beneath the parse that
+    // much deeper, on pages that stay resident; here a file touches only the
+    // pages it fills. (One thread, and the parse never calls itself.)
+    static ConfigText text;
+    text.size = 0;
+    text.next = 0;
+    text.error = false;
     bool bReadable = ReadConfigFile(path, text);
     // 256 bytes as for fgets: a longer line comes back in 255-character pieces,
     // and each piece is classified as a line of its own.

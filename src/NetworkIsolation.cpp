@@ -242,11 +242,14 @@ const RULE_LISTING kRuleListings[] = {
 
 const char* const kBridge = "br0";
 
-// One rule the isolation appends: its chain, the rest of its command, and the command.
+// One rule the isolation appends: its chain, the rest of its command, and the
+// command. The chain and the rest are views into the step's command, which is
+// static like every step: kept for the daemon's life, the set costs the heap
+// only each rule's key.
 struct OWN_RULE {
-    std::string m_chain;
-    std::string m_spec;
-    std::string m_command;
+    std::string_view m_chain;
+    std::string_view m_spec;
+    const char* m_szCommand;
     RULE_WORDS m_words;
 };
 
@@ -254,13 +257,14 @@ std::vector<OWN_RULE> ReadOwnRules(const RULE_LISTING& table) {
     const std::string append = std::string(table.m_szTool) + " -A ";
     std::vector<OWN_RULE> rules;
     for (const SHELL_STEP& step : table.m_steps) {
-        const std::string command = step.m_szCommand;
+        const std::string_view command = step.m_szCommand;
         if (!command.starts_with(append)) continue;
-        const std::string rest = command.substr(append.size());
-        const std::string chain = FirstWord(rest);
-        const std::string options = rest.substr(std::min(rest.size(), chain.size() + 1));
-        rules.push_back({chain, options, command, ReadRule(options)});
+        const std::string_view rest = command.substr(append.size());
+        const std::string_view chain = rest.substr(0, rest.find(' '));
+        const std::string_view options = rest.substr(std::min(rest.size(), chain.size() + 1));
+        rules.push_back({chain, options, step.m_szCommand, ReadRule(std::string(options))});
     }
+    rules.shrink_to_fit();
     return rules;
 }
 
@@ -302,7 +306,7 @@ void JudgeTable(const RULE_LISTING& table, const std::vector<OWN_RULE>& own, con
     std::vector<std::string> ahead;
     std::vector<std::string> chains;
     for (const OWN_RULE& rule : own) {
-        if (std::find(chains.begin(), chains.end(), rule.m_chain) == chains.end()) chains.push_back(rule.m_chain);
+        if (std::find(chains.begin(), chains.end(), rule.m_chain) == chains.end()) chains.emplace_back(rule.m_chain);
     }
     std::vector<bool> found(own.size(), false);
     for (const std::string& chain : chains) {
@@ -340,16 +344,16 @@ void JudgeTable(const RULE_LISTING& table, const std::vector<OWN_RULE>& own, con
             }
             if (at != entries.end()) {
                 look.m_repair.push_back(
-                    {Util::Format("%s -D %s %s", table.m_szTool, chain.c_str(), rule.m_spec.c_str())});
+                    {Util::Format("%s -D %s %s", table.m_szTool, chain.c_str(), std::string(rule.m_spec).c_str())});
                 entries.erase(at);
             }
             if (firstOpen >= entries.size()) {
-                look.m_repair.push_back({rule.m_command});
+                look.m_repair.push_back({rule.m_szCommand});
                 entries.push_back({static_cast<int>(index), true});
                 firstOpen = entries.size();
             } else {
                 look.m_repair.push_back({Util::Format("%s -I %s %zu %s", table.m_szTool, chain.c_str(), firstOpen + 1,
-                                                      rule.m_spec.c_str())});
+                                                      std::string(rule.m_spec).c_str())});
                 entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(firstOpen),
                                {static_cast<int>(index), true});
                 ++firstOpen;

@@ -46,6 +46,11 @@ CommandRunner& ActiveRunner() {
     return runner;
 }
 
+unsigned long& CommandsHandedOver() {
+    static unsigned long count = 0;
+    return count;
+}
+
 void OnChildEnded(int /*sig*/) {}
 
 // A handled SIGCHLD is what wakes the wait below when the command ends; the
@@ -178,6 +183,7 @@ std::string DescribeOutcome(const COMMAND_OUTCOME& outcome) {
 }
 
 COMMAND_OUTCOME RunCommand(const std::string& command) {
+    ++CommandsHandedOver();
     const CommandRunner& runner = ActiveRunner();
     if (runner) return runner(command, nullptr);
     return RunShellCommand(command);
@@ -185,10 +191,13 @@ COMMAND_OUTCOME RunCommand(const std::string& command) {
 
 COMMAND_OUTCOME RunCommandForOutput(const std::string& command, std::string& output) {
     output.clear();
+    ++CommandsHandedOver();
     const CommandRunner& runner = ActiveRunner();
     if (runner) return runner(command, &output);
     return RunShellCommand(command, &output);
 }
+
+unsigned long CommandsRun() { return CommandsHandedOver(); }
 
 CommandRunner SetCommandRunner(CommandRunner runner) { return std::exchange(ActiveRunner(), std::move(runner)); }
 

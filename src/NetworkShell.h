@@ -46,6 +46,10 @@ constexpr size_t kCommandOutputLimit = 65536;
 using CommandRunner = std::function<COMMAND_OUTCOME(const std::string& command, std::string* output)>;
 CommandRunner SetCommandRunner(CommandRunner runner);
 
+// How many commands the daemon has handed to a runner since it started: a pass
+// that ran none left the heap as it found it.
+unsigned long CommandsRun();
+
 // The real runner: starts the shell in a process group of its own, with default
 // signal dispositions and an empty signal mask, and lets the daemon's stop
 // signals in while it waits, so a stop requested during a command is neither

@@ -1,5 +1,6 @@
 // tessel-networkd: keeps the device's bridge, veth pairs, isolation rules,
 // addresses and PHY mode in the shape its configuration file asks for.
+#include <malloc.h>
 #include <signal.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include "src/NetworkInstance.h"
 #include "src/NetworkNotify.h"
 #include "src/NetworkPending.h"
+#include "src/NetworkShell.h"
 #include "src/NetworkStatus.h"
 #include "src/NetworkStatusSchema.h"
 #include "src/NetworkStop.h"
@@ -34,6 +36,16 @@ void SigHandler(int sig) {
     m_bMainRunning = false;
     // Commands and pauses then end soon, even one that hangs.
     RequestStop();
+}
+
+// After a pass that ran commands (a build above all, whose look parses three
+// listings), the heap's freed pages go back to the kernel: they would stay
+// resident for the daemon's life otherwise. A pass that ran none pays nothing.
+void ReleaseFreedHeap(unsigned long& commandsAtTrim) {
+    const unsigned long commands = CommandsRun();
+    if (commands == commandsAtTrim) return;
+    commandsAtTrim = commands;
+    malloc_trim(0);
 }
 
 void ShowUsage(CliProcessing& cli) {
@@ -117,6 +129,7 @@ int main(int argc, char** argv) {
     // A configuration applied and not confirmed in time is put back before the
     // pass reads it: looked at once now, then when its directory changes.
     PENDING_STATE pending;
+    unsigned long commandsAtTrim = 0;
     do {
         if (watch.m_bPendingLookDue || watch.m_nConfigWatch < 0) pending.m_bLookDue = true;
         watch.m_bPendingLookDue = false;
@@ -126,6 +139,7 @@ int main(int argc, char** argv) {
         }
         RunSupervisionCycle(configPath, state);
         UpdateStatus(status, state);
+        ReleaseFreedHeap(commandsAtTrim);
         if (!ready) {
             NotifyReady();
             ready = true;

@@ -182,6 +182,20 @@ TEST(CommandRecorderTest, RecordsInsteadOfRunningAndRestoresTheRealRunner) {
     EXPECT_EQ(ReadFile(dir.Path("b")), "real\n");
 }
 
+// The count the main loop releases the heap by: every command handed to a
+// runner, read or not, and nothing else.
+TEST(CommandsRunTest, CountsEveryCommandHandedToARunner) {
+    CommandRecorder recorder;
+    const unsigned long before = CommandsRun();
+    RunCommand("ip link set br0 up");
+    std::string output;
+    RunCommandForOutput("iptables -S", output);
+    WORK_FAILURE failure;
+    EXPECT_TRUE(RunStep("ip link set eth0 master br0", true, failure));
+    EXPECT_EQ(CommandsRun() - before, 3U);
+    EXPECT_EQ(CommandsRun() - before, 3U);
+}
+
 // --- Outcomes -----------------------------------------------------------------
 
 TEST(RunShellCommandTest, ReportsHowEachCommandEnded) {

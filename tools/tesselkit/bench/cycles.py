@@ -88,7 +88,10 @@ def inside(args):
             shutil.copy(args.config, path)
         watches["daemon"].append(Watch(daemon_config, IN_OPEN))
         watches["floor"].append(Watch(floor_config, IN_OPEN))
-        processes.append(start_in(groups["daemon"], [args.daemon, "--config", daemon_config]))
+        # A status directory each: the daemon holds its directory's instance
+        # lock, and a second daemon on the same one would exit at its start.
+        status_dir = "/run/tessel-networkd-%s-%d" % (args.kind, copy)
+        processes.append(start_in(groups["daemon"], [args.daemon, "--config", daemon_config, "--status-dir", status_dir]))
         processes.append(start_in(groups["floor"], [args.bench, "paced", floor_config] + command))
     for watch in watches["daemon"]:
         # The first usable cycle and two steady ones.
