@@ -24,11 +24,11 @@ namespace {
 
 // A link's flags as the document shows them; quiet, as a failed read only
 // shows as "not known".
-STATUS_LINK ReadLink(const std::string& name) {
+STATUS_LINK ReadLink(Util::UniqueFd& querySocket, const std::string& name) {
     ifreq request{};
     if (name.size() >= sizeof request.ifr_name) return STATUS_LINK_UNKNOWN;
     name.copy(request.ifr_name, name.size());
-    const Util::UniqueFd querySocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!querySocket.IsOpen()) querySocket = Util::UniqueFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!querySocket.IsOpen() || ioctl(querySocket.Get(), SIOCGIFFLAGS, &request) != 0) return STATUS_LINK_UNKNOWN;
     // Up without carrier is down, as for eth0.
     const int wanted = IFF_UP | IFF_RUNNING;
@@ -79,7 +79,7 @@ void UpdateMetricsIfDue(STATUS_WRITER& writer) {
 
 void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
     TakeStatusSnapshot(state, writer.m_current);
-    writer.m_current.m_eEth1Link = ReadLink(writer.m_eth1);
+    writer.m_current.m_eEth1Link = ReadLink(writer.m_linkQuery, writer.m_eth1);
     if (writer.m_bWritten && writer.m_current == writer.m_written) return UpdateMetricsIfDue(writer);
     // The metrics file follows the document: written now, whatever becomes of the document.
     writer.m_bMetricsDue = true;

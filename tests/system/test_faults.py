@@ -358,10 +358,11 @@ class FaultTest(harness.DaemonTestCase):
         # Nothing was left open by the failed reads: the standard three, and what
         # the daemon holds for its life, its instance lock, the kernel's and the
         # files' notifications (and nf_tables' commits, where the kernel has
-        # them) and the set it waits on.
+        # them), the set it waits on and the socket the status asks eth1's
+        # flags through.
         descriptors = daemon.held_descriptors()
         held = sorted(target for fd, target in descriptors.items() if fd > 2)
-        lifelong = ["/run/tessel-networkd/lock", "anon_inode:[eventpoll]", "anon_inode:inotify", "socket:"]
+        lifelong = ["/run/tessel-networkd/lock", "anon_inode:[eventpoll]", "anon_inode:inotify", "socket:", "socket:"]
         if len(held) == len(lifelong) + 1:
             lifelong.append("socket:")
         self.assertEqual(sorted(descriptors), list(range(3 + len(lifelong))))
@@ -405,15 +406,20 @@ class FaultTest(harness.DaemonTestCase):
         self.sandbox.write_config(ETH1_STATIC)
         daemon = self.start_daemon(env={"WATCHDOG_USEC": "2000000"})
         daemon.wait_for_message("Adding default gateway 10.0.0.1 for veth1")
-        # No socket was opened for it (the link query's is closed at once): the
-        # sockets the daemon holds are its netlink ones for the kernel's
-        # notifications, rtnetlink's and, where the kernel has nf_tables, netfilter's.
+        # No socket was opened for it (eth0's link query's is closed at once):
+        # the sockets the daemon holds are its netlink ones for the kernel's
+        # notifications, rtnetlink's and, where the kernel has nf_tables,
+        # netfilter's, and the status's query of eth1's link, which is no
+        # Unix socket as the notifications' would be.
         sockets = [s[len("socket:["):-1] for s in daemon.held_descriptors().values() if s.startswith("socket:")]
         with open("/proc/%d/net/netlink" % daemon.pid) as netlink:
             # The protocol (the "Eth" column) of each netlink socket, by inode.
             protocols = {line.split()[-1]: int(line.split()[1]) for line in netlink.readlines()[1:]}
+        with open("/proc/%d/net/unix" % daemon.pid) as unix:
+            unix_inodes = {line.split()[6] for line in unix.readlines()[1:] if len(line.split()) > 6}
         held = sorted(protocols.get(inode, -1) for inode in sockets)
-        self.assertIn(held, ([0], [0, 12]), sockets)
+        self.assertIn(held, ([-1, 0], [-1, 0, 12]), sockets)
+        self.assertEqual([], [inode for inode in sockets if inode in unix_inodes])
         daemon.send(signal.SIGTERM)
         self.assertEqual(daemon.wait_exit(), 0, daemon.output())
 
