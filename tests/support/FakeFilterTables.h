@@ -254,7 +254,10 @@ private:
             if (!line.empty()) line += " ";
             line += option[0];
             for (size_t value = 1; value < option.size(); ++value) {
-                line += " " + (m_bLegacyEbtables ? ShortMac(option[value]) : NftEtherType(option[0], option[value]));
+                // Two appends: GCC 12 takes " " + std::string for an overlapping
+                // copy at -O3 (-Wrestrict), a false alarm.
+                line += " ";
+                line += m_bLegacyEbtables ? ShortMac(option[value]) : NftEtherType(option[0], option[value]);
             }
         }
         return m_bLegacyEbtables ? line + " " : line;

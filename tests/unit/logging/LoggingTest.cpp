@@ -18,6 +18,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/FixedClock.h"
@@ -339,7 +340,13 @@ TEST_F(LoggingTest, EntriesAboveTheLevelAreDropped) {
         std::vector<std::string> expectedSystemLog;
         for (int severity = 0; severity <= level; severity++) {
             expected.push_back(std::to_string(severity));
-            expectedSystemLog.push_back("<" + std::to_string(severity) + "> " + std::to_string(severity));
+            // Appended piece by piece: GCC 12 takes "<" + std::string for an
+            // overlapping copy at -O3 (-Wrestrict), a false alarm.
+            std::string line = "<";
+            line += std::to_string(severity);
+            line += "> ";
+            line += std::to_string(severity);
+            expectedSystemLog.push_back(std::move(line));
         }
         EXPECT_EQ(messages, expected);
         EXPECT_EQ(g_systemLog, expectedSystemLog);
