@@ -66,6 +66,10 @@ fi
 # that lives under /tmp (a clone there), as it would any file the device keeps there.
 cp "$build/tessel-networkd" "$build/dist/tessel-networkd.init" "$work/"
 export DAEMON=$work/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
+# The package's tools directory, first on the daemon's PATH: the stand-ins' own
+# here, never an installed package's (its devmem is the real one).
+export TOOLDIR=$work/tools
+mkdir "$work/tools"
 init="$shell_cmd $shell_args $work/tessel-networkd.init"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
@@ -115,6 +119,16 @@ out=$($init start 2>&1) || fail "start: exit $? ($out)"
 supervisor=$(cat "$PIDFILE" 2>/dev/null)
 [ "$out" = "tessel-networkd started (pid $supervisor)" ] || fail "start said: $out"
 first=$(daemon_child "$supervisor") || fail "no daemon running with its configuration after start"
+
+# The daemon's PATH starts with the tools directory, once.
+if [ -n "$first" ]; then
+    daemon_path=$(tr '\0' '\n' <"/proc/$first/environ" | sed -n 's/^PATH=//p')
+    case $daemon_path in
+        "$TOOLDIR:$work/bin:"*) ;;
+        *) fail "the daemon's PATH does not start with TOOLDIR: $daemon_path" ;;
+    esac
+    [ "$(tr ':' '\n' <<<"$daemon_path" | grep -cx "$TOOLDIR")" = 1 ] || fail "TOOLDIR more than once on the daemon's PATH: $daemon_path"
+fi
 
 out=$($init status 2>&1) || fail "status while running: exit $?"
 [ "$out" = "tessel-networkd running (pid $supervisor)" ] || fail "status said: $out"
