@@ -272,5 +272,20 @@ reloaded=$(daemon_child "$supervisor") || fail "no daemon after force-reload"
 kill -0 "$daemon" 2>/dev/null && fail "the old daemon still runs after force-reload"
 out=$($init stop 2>&1) || fail "stop after force-reload: exit $? ($out)"
 
+# A /bin/sh that runs BusyBox's own applets before PATH is refused with one
+# clear message, and nothing starts. Played by a shell put over dash in a mount
+# namespace of its own, answering "command -v ip" as such a BusyBox does.
+if [ "$(readlink -f /bin/sh)" = /usr/bin/dash ]; then
+    printf '#!/bin/bash\n[ "$*" = "-c command -v ip" ] && { echo ip; exit 0; }\nexec /bin/bash "$@"\n' >"$work/applet-sh"
+    chmod +x "$work/applet-sh"
+    out=$(/usr/bin/unshare --mount /bin/bash -c '/usr/bin/mount --bind "$1" /usr/bin/dash && shift && exec "$@"' - "$work/applet-sh" \
+        $shell_cmd $shell_args "$work/tessel-networkd.init" start 2>&1) && fail "start under an applet-first /bin/sh succeeded ($out)"
+    case $out in
+        "tessel-networkd: /bin/sh runs BusyBox's own applets before PATH (its ip, not iproute2's);"*) ;;
+        *) fail "start under an applet-first /bin/sh said: $out" ;;
+    esac
+    [ -z "$(supervisors)" ] && [ ! -e "$PIDFILE" ] || fail "start under an applet-first /bin/sh started a supervisor"
+fi
+
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
 echo "init script under $shell${tools:+ with $tools tools}: OK"
