@@ -56,6 +56,11 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 # An edited configuration or init script survives an upgrade.
 file(WRITE ${CMAKE_BINARY_DIR}/debian/conffiles "/etc/tessel-networkd.conf\n/etc/init.d/tessel-networkd\n")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/conffiles)
+# The maintainer scripts (dist/debian): a first install starts nothing, an
+# upgrade restarts a running daemon, a removal stops it, a purge removes what it made.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_BINARY_DIR}/debian/conffiles ${PROJECT_SOURCE_DIR}/dist/debian/postinst
+    ${PROJECT_SOURCE_DIR}/dist/debian/prerm ${PROJECT_SOURCE_DIR}/dist/debian/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 
 include(CPack)

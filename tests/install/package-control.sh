@@ -4,7 +4,7 @@
 # Recommends, which an install without them drops), and the libraries'
 # minimum versions are the ones Debian's own dpkg-shlibdeps finds for the
 # packaged programs on this machine, so a build that imports newer symbol
-# versions is caught. The conffiles are checked too.
+# versions is caught. The maintainer scripts and the conffiles are checked too.
 #   package-control.sh BUILD_DIR
 set -uo pipefail
 
@@ -51,10 +51,27 @@ $expected
 --- built
 $fields"
 
-# The control archive: the conffiles.
+# The control archive: the conffiles and the three maintainer scripts, executable.
 dpkg-deb -e "$deb" "$out/control"
+members=$(cd "$out/control" && find . -type f -printf '%M %P\n' | sort -k2)
+expected="-rw-r--r-- conffiles
+-rw-r--r-- control
+-rw-r--r-- md5sums
+-rwxr-xr-x postinst
+-rwxr-xr-x postrm
+-rwxr-xr-x prerm"
+[ "$members" = "$expected" ] || fail "control archive
+--- expected
+$expected
+--- built
+$members"
 [ "$(cat "$out/control/conffiles")" = "/etc/tessel-networkd.conf
 /etc/init.d/tessel-networkd" ] || fail "conffiles: $(cat "$out/control/conffiles")"
+for script in postinst prerm postrm; do
+    [ -f "$out/control/$script" ] || continue
+    cmp -s "$out/control/$script" "$(dirname "$0")/../../dist/debian/$script" ||
+        fail "$script differs from dist/debian/$script"
+done
 
 [ "$failures" -eq 0 ] && echo "package control: OK ($(dpkg-deb -f "$deb" Depends))"
 exit $((failures > 0))
