@@ -106,6 +106,8 @@ unit=$stage/usr/lib/systemd/system/tessel-networkd.service
 for line in "Type=notify" "NotifyAccess=main" "WatchdogSec=60" \
     "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
     "ExecStartPre=+systemd-tmpfiles --create tessel-networkd.conf" \
+    "ExecStartPre=+-/lib/systemd/systemd-modules-load /usr/lib/modules-load.d/tessel-networkd.conf" \
+    "ExecStartPre=+-/lib/systemd/systemd-sysctl /usr/lib/sysctl.d/tessel-networkd.conf" \
     "ExecStartPre=+-/usr/bin/tessel-networkctl restore-due --config /etc/tessel-networkd.conf" \
     "Environment=PATH=/usr/lib/tessel-networkd/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" \
     "Restart=always" "KillSignal=SIGTERM" "KillMode=process" \
