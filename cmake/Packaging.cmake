@@ -33,15 +33,34 @@ elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 
-# Written out rather than found with dpkg-shlibdeps, which cannot look into a
-# cross build's libraries. The tools are what the daemon runs through the shell.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2, arptables, iptables, ebtables, udhcpc")
+# Depends: the libraries at the versions the programs import (found by
+# cmake/PackageDepends.cmake when cpack runs, from this build's own binaries:
+# an armhf package gets its own), then every tool the daemon runs in some mode,
+# none left to Recommends, which an install without them drops: ip and bridge
+# (iproute2), iptables, arptables (arptables-legacy, the one with an ARP FORWARD
+# chain), ebtables and ebtables-restore, udhcpc, and BusyBox for devmem (the
+# package's private directory names its applet). The shell (dash) and rm
+# (coreutils) are Essential.
+set(CPACK_TESSEL_TOOLS_DEPENDS "iproute2, iptables, arptables, ebtables, udhcpc, busybox | busybox-static")
+if(CMAKE_READELF)
+  set(CPACK_TESSEL_READELF ${CMAKE_READELF})
+else()
+  find_program(CPACK_TESSEL_READELF readelf REQUIRED)
+endif()
+set(CPACK_TESSEL_BINARIES ${CMAKE_BINARY_DIR}/debian/binaries)
+file(GENERATE OUTPUT ${CPACK_TESSEL_BINARIES}
+     CONTENT "$<TARGET_FILE:tessel-networkd>\n$<TARGET_FILE:tessel-networkctl>\n$<TARGET_FILE:tessel-netcheck>\n")
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_CURRENT_LIST_DIR}/PackageDepends.cmake)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 
 # An edited configuration or init script survives an upgrade.
 file(WRITE ${CMAKE_BINARY_DIR}/debian/conffiles "/etc/tessel-networkd.conf\n/etc/init.d/tessel-networkd\n")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/debian/conffiles)
+# The maintainer scripts (dist/debian): a first install starts nothing, an
+# upgrade restarts a running daemon, a removal stops it, a purge removes what it made.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_BINARY_DIR}/debian/conffiles ${PROJECT_SOURCE_DIR}/dist/debian/postinst
+    ${PROJECT_SOURCE_DIR}/dist/debian/prerm ${PROJECT_SOURCE_DIR}/dist/debian/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 
 include(CPack)

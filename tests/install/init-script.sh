@@ -67,6 +67,10 @@ fi
 # that lives under /tmp (a clone there), as it would any file the device keeps there.
 cp "$build/tessel-networkd" "$build/dist/tessel-networkd.init" "$work/"
 export DAEMON=$work/tessel-networkd CONFIG=$work/networkd.conf PIDFILE=$work/networkd.pid LOGFILE=$work/networkd.log
+# The package's tools directory, first on the daemon's PATH: the stand-ins' own
+# here, never an installed package's (its devmem is the real one).
+export TOOLDIR=$work/tools
+mkdir "$work/tools"
 init="$shell_cmd $shell_args $work/tessel-networkd.init"
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
@@ -116,6 +120,16 @@ out=$($init start 2>&1) || fail "start: exit $? ($out)"
 supervisor=$(cat "$PIDFILE" 2>/dev/null)
 [ "$out" = "tessel-networkd started (pid $supervisor)" ] || fail "start said: $out"
 first=$(daemon_child "$supervisor") || fail "no daemon running with its configuration after start"
+
+# The daemon's PATH starts with the tools directory, once.
+if [ -n "$first" ]; then
+    daemon_path=$(tr '\0' '\n' <"/proc/$first/environ" | sed -n 's/^PATH=//p')
+    case $daemon_path in
+        "$TOOLDIR:$work/bin:"*) ;;
+        *) fail "the daemon's PATH does not start with TOOLDIR: $daemon_path" ;;
+    esac
+    [ "$(tr ':' '\n' <<<"$daemon_path" | grep -cx "$TOOLDIR")" = 1 ] || fail "TOOLDIR more than once on the daemon's PATH: $daemon_path"
+fi
 
 out=$($init status 2>&1) || fail "status while running: exit $?"
 [ "$out" = "tessel-networkd running (pid $supervisor)" ] || fail "status said: $out"
@@ -278,6 +292,21 @@ done
 grep -q '^tessel_networkd_state{state="degraded"} ' "$work/metrics/tessel_networkd.prom" 2>/dev/null ||
     fail "no metrics file in METRICS_DIR"
 out=$($init stop 2>&1) || fail "stop after a start with METRICS_DIR: exit $? ($out)"
+
+# A /bin/sh that runs BusyBox's own applets before PATH is refused with one
+# clear message, and nothing starts. Played by a shell put over dash in a mount
+# namespace of its own, answering "command -v ip" as such a BusyBox does.
+if [ "$(readlink -f /bin/sh)" = /usr/bin/dash ]; then
+    printf '#!/bin/bash\n[ "$*" = "-c command -v ip" ] && { echo ip; exit 0; }\nexec /bin/bash "$@"\n' >"$work/applet-sh"
+    chmod +x "$work/applet-sh"
+    out=$(/usr/bin/unshare --mount /bin/bash -c '/usr/bin/mount --bind "$1" /usr/bin/dash && shift && exec "$@"' - "$work/applet-sh" \
+        $shell_cmd $shell_args "$work/tessel-networkd.init" start 2>&1) && fail "start under an applet-first /bin/sh succeeded ($out)"
+    case $out in
+        "tessel-networkd: /bin/sh runs BusyBox's own applets before PATH (its ip, not iproute2's);"*) ;;
+        *) fail "start under an applet-first /bin/sh said: $out" ;;
+    esac
+    [ -z "$(supervisors)" ] && [ ! -e "$PIDFILE" ] || fail "start under an applet-first /bin/sh started a supervisor"
+fi
 
 if [ "$failures" -ne 0 ]; then echo "--- daemon log"; cat "$LOGFILE"; exit 1; fi
 echo "init script under $shell${tools:+ with $tools tools}: OK"

@@ -43,6 +43,20 @@ $expected
 --- installed
 $layout"
 
+# The daemon's tools directory: the legacy arptables (relative within /usr, so
+# it names /usr/sbin/arptables-legacy) and BusyBox, called as devmem.
+links=$(cd "$stage" && find . -type l -printf '%P -> %l\n' | sort)
+expected="usr/lib/tessel-networkd/bin/arptables -> ../../../sbin/arptables-legacy
+usr/lib/tessel-networkd/bin/devmem -> /bin/busybox"
+[ "$links" = "$expected" ] || fail "installed links
+--- expected
+$expected
+--- installed
+$links"
+target=$(readlink "$stage/usr/lib/tessel-networkd/bin/arptables")
+[ "$(realpath -m "/usr/lib/tessel-networkd/bin/$target")" = /usr/sbin/arptables-legacy ] ||
+    fail "the arptables link ($target) does not name /usr/sbin/arptables-legacy"
+
 cmp -s "$stage/usr/share/udhcpc/tessel.script" "$(dirname "$0")/../../dist/udhcpc/tessel.script" ||
     fail "installed DHCP client script differs from dist/udhcpc/tessel.script"
 
@@ -92,7 +106,10 @@ unit=$stage/usr/lib/systemd/system/tessel-networkd.service
 for line in "Type=notify" "NotifyAccess=main" "WatchdogSec=60" \
     "ExecStart=/usr/sbin/tessel-networkd --config /etc/tessel-networkd.conf" \
     "ExecStartPre=+systemd-tmpfiles --create tessel-networkd.conf" \
+    "ExecStartPre=+-/lib/systemd/systemd-modules-load /usr/lib/modules-load.d/tessel-networkd.conf" \
+    "ExecStartPre=+-/lib/systemd/systemd-sysctl /usr/lib/sysctl.d/tessel-networkd.conf" \
     "ExecStartPre=+-/usr/bin/tessel-networkctl restore-due --config /etc/tessel-networkd.conf" \
+    "Environment=PATH=/usr/lib/tessel-networkd/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin" \
     "Restart=always" "KillSignal=SIGTERM" "KillMode=process" \
     "RuntimeDirectory=tessel-networkd" "RuntimeDirectoryMode=0755" "RuntimeDirectoryPreserve=yes"; do
     grep -qx -- "$line" "$unit" || fail "unit lacks the line: $line"
@@ -133,6 +150,7 @@ init=$stage/etc/init.d/tessel-networkd
 grep -qx 'DAEMON=${DAEMON:-/usr/sbin/tessel-networkd}' "$init" || fail "init script: daemon path"
 grep -qx 'CONFIG=${CONFIG:-/etc/tessel-networkd.conf}' "$init" || fail "init script: configuration path"
 grep -qx 'MODULES=${MODULES:-/usr/lib/modules-load.d/tessel-networkd.conf}' "$init" || fail "init script: modules list"
+grep -qx 'TOOLDIR=${TOOLDIR:-/usr/lib/tessel-networkd/bin}' "$init" || fail "init script: tools directory"
 for shell in sh dash "busybox sh"; do
     command -v ${shell%% *} >/dev/null || continue
     $shell -n "$init" || fail "init script does not parse under $shell"
