@@ -26,10 +26,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -243,20 +245,23 @@ int main(int argc, char** argv) {
     if (mode == "bridge") {
         int builds = atoi(argv[2]);
         // The whole two-port build as a pass runs it: eth1 and veth0 blocked,
-        // br0, the isolation completed and looked at, the blocks lifted. The stand-ins
-        // print nothing, so each listing is given the isolation's rules after
-        // its process ran, and bridge netfilter is taken as on: the look then
-        // finds the isolation whole and the build runs to its end.
-        auto listing = [](const std::string& command) -> std::string {
-            const unsigned int rules = command.rfind("arptables", 0) == 0  ? kArpIsolationRules
-                                       : command.rfind("iptables", 0) == 0 ? kIpIsolationRules
-                                                                           : kLinkLayerIsolationRules;
-            std::string text;
-            for (unsigned int i = 0; i < rules; ++i) text += "-A FORWARD -i veth" + std::to_string(i) + " -j DROP\n";
-            return text;
+        // br0, the isolation completed and looked at, the blocks lifted. The
+        // stand-ins print nothing, so each listing is given, after its process
+        // ran, the rules the build's own commands appended to that tool's
+        // filter table since its flush (the look judges each rule), and bridge
+        // netfilter is taken as on: the look then finds the isolation whole and
+        // the build runs to its end.
+        std::map<std::string, std::string> tables;
+        auto note = [&tables](const std::string& command) {
+            const std::string tool = command.substr(0, command.find(' '));
+            const std::string rest = command.substr(std::min(command.size(), tool.size() + 1));
+            if (rest.starts_with("-F")) tables[tool].clear();
+            if (rest.starts_with("-A ")) tables[tool] += rest + "\n";
         };
+        auto listing = [&tables](const std::string& command) { return tables[command.substr(0, command.find(' '))]; };
         CommandRunner real = SetCommandRunner([&](const std::string& command, std::string* output) {
             COMMAND_OUTCOME outcome = RunShellCommand(command, output);
+            note(command);
             if (output != nullptr) *output = listing(command);
             return outcome;
         });
@@ -272,6 +277,7 @@ int main(int argc, char** argv) {
         std::vector<std::string> commands;
         CommandRunner timed = SetCommandRunner([&](const std::string& command, std::string* output) {
             commands.push_back(command);
+            note(command);
             if (output != nullptr) *output = listing(command);
             return COMMAND_OUTCOME{};
         });
