@@ -159,6 +159,7 @@ void TakeInto(EVENT_WATCH& watch, EVENTS& events) {
             if (error != 0) events.m_bKernelLost = true;
             if (data != nullptr) NoteKernelMessages(data, length, events, &watch.m_owned);
         });
+        if (events.m_bLinkReported || events.m_bKernelLost) watch.m_bLinksReported = true;
     }
     if (watch.m_files.IsOpen()) {
         Drain(watch.m_files.Get(), false, [&watch, &events](const char* data, size_t length, int /*error*/) {
@@ -308,7 +309,7 @@ void NoteKernelMessages(const char* data, size_t length, EVENTS& events, OWNED_L
         switch (header->nlmsg_type) {
             case RTM_NEWLINK:
             case RTM_DELLINK:
-                if (OwnedLinkMessage(header, owned)) events.m_bKernel = true;
+                if (OwnedLinkMessage(header, owned)) events.m_bKernel = events.m_bLinkReported = true;
                 NoteEth0(header, events);
                 break;
             case RTM_NEWADDR:

@@ -40,6 +40,10 @@ struct EVENT_WATCH {
     int64_t m_nLostLookDueMs = -1;   // a look they owe, held back to then (steady ms); -1: none owed
     std::string m_pendingName;       // the pending configuration record's name in that directory
     bool m_bPendingLookDue = false;  // that record (or lost notifications) changed: main looks at it
+    // An owned link was reported, or kernel notifications were lost, since
+    // main last took it: eth1's link is read again for the status. True until
+    // the first wait, which reads what came before the watch was opened.
+    bool m_bLinksReported = true;
 };
 
 // The directory the DHCP client's script puts its lease files in.
@@ -52,6 +56,7 @@ EVENT_WATCH OpenEventWatch(const std::string& configPath);
 // What a batch of notifications said.
 struct EVENTS {
     bool m_bKernel = false;         // an owned link, an address or a route changed
+    bool m_bLinkReported = false;   // an owned link was reported (eth1's state among what may have moved)
     bool m_bKernelLost = false;     // kernel notifications were lost (queue overflow, one too long to read)
     bool m_bEth0Reported = false;   // eth0's link was reported ...
     bool m_bEth0Running = false;    // ... last as up and running (or not)

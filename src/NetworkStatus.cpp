@@ -79,7 +79,11 @@ void UpdateMetricsIfDue(STATUS_WRITER& writer) {
 
 void UpdateStatus(STATUS_WRITER& writer, const CYCLE_STATE& state) {
     TakeStatusSnapshot(state, writer.m_current);
-    writer.m_current.m_eEth1Link = ReadLink(writer.m_linkQuery, writer.m_eth1);
+    if (writer.m_bEth1LinkDue) {
+        writer.m_eEth1Link = ReadLink(writer.m_linkQuery, writer.m_eth1);
+        writer.m_bEth1LinkDue = !writer.m_linkQuery.IsOpen();
+    }
+    writer.m_current.m_eEth1Link = writer.m_eEth1Link;
     if (writer.m_bWritten && writer.m_current == writer.m_written) return UpdateMetricsIfDue(writer);
     // The metrics file follows the document: written now, whatever becomes of the document.
     writer.m_bMetricsDue = true;

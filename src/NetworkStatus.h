@@ -27,6 +27,11 @@ struct STATUS_WRITER {
     // The socket eth1's flags are asked through, opened at the first pass that
     // can and kept: one a pass would cost the idle pass an eighth of its time.
     Util::UniqueFd m_linkQuery;
+    // eth1's link as last read, and whether it is to be read at the next
+    // update: main says so when the kernel reported an owned link (or has no
+    // reports to give); a read without the socket is tried again.
+    STATUS_LINK m_eEth1Link = STATUS_LINK_UNKNOWN;
+    bool m_bEth1LinkDue = true;
     // The same status as Prometheus metrics, written with the document; empty: not written.
     std::string m_metricsDirectory;
     bool m_bMetricsDue = false;            // the metrics file is behind the snapshot last taken
@@ -37,9 +42,9 @@ struct STATUS_WRITER {
 // of its configuration file.
 void StartStatus(STATUS_WRITER& writer, const std::string& directory, const std::string& configPath);
 
-// After each pass: reads eth1's link (one ioctl, on a socket kept for the run,
-// nothing logged), and writes the document when what it shows changed since
-// the last write, or the last write failed. A failure is logged once (WARN) and tried
+// After each pass: reads eth1's link when it is due (one ioctl, on a socket
+// kept for the run, nothing logged), and writes the document when what it
+// shows changed since the last write, or the last write failed. A failure is logged once (WARN) and tried
 // again after the next pass; it never stops the cycle. With a metrics
 // directory, the metrics file is written whenever the document is, from the
 // same snapshot, and on its own only while its last write failed (logged

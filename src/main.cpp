@@ -138,6 +138,10 @@ int main(int argc, char** argv) {
             break;
         }
         RunSupervisionCycle(configPath, state);
+        // eth1's link is read again only after the kernel reported an owned
+        // link, or where it gives no reports.
+        status.m_bEth1LinkDue = status.m_bEth1LinkDue || watch.m_bLinksReported || !watch.m_kernel.IsOpen();
+        watch.m_bLinksReported = false;
         UpdateStatus(status, state);
         ReleaseFreedHeap(commandsAtTrim);
         if (!ready) {

@@ -360,6 +360,28 @@ class StatusTest(harness.DaemonTestCase):
         self.assertEqual(self.sandbox.commands().count("ip link set eth1 down"), 1)
         self.ctl_status(daemon, 0)
 
+    def test_eth1s_link_follows_the_kernels_reports_of_it(self):
+        # eth1's link is read for the document only after the kernel reported
+        # an owned link: each change of it is shown all the same.
+        daemon = self.start_daemon(args=["--config", self.sandbox.config_path, "--phy-file", PHY_FILE],
+                                   interfaces=["eth0", "eth1"], up=["eth0", "eth1"])
+        daemon.wait_for_config_read()
+
+        def shown_after(command, link):
+            if command:
+                daemon.ns_run([self.ip] + command)
+
+            def after_a_pass():
+                daemon.run_cycle(TWO_PORT_STATIC)
+                return self.document()["eth1"] == {"link": link}
+
+            harness.wait_until(after_a_pass, "eth1 shown as %s" % link, timeout=10)
+
+        shown_after(None, "up")
+        shown_after(["link", "set", "eth1", "down"], "down")
+        shown_after(["link", "set", "eth1", "up"], "up")
+        shown_after(["link", "del", "eth1"], None)
+
     def test_the_table_fits_a_console_healthy_and_degraded_and_full_shows_it_whole(self):
         daemon = self.start()
         daemon.run_cycle(TWO_PORT_STATIC)

@@ -503,14 +503,33 @@ TEST(KernelNotificationsTest, OnlyTheOwnedLinksAndTheDefaultRoutesAreNews) {
     EXPECT_TRUE(said(AddressReport(RTM_NEWADDR, 47, "")));
 }
 
+TEST(KernelNotificationsTest, AReportOfAnOwnedLinkIsOneOfALink) {
+    OWNED_LINKS owned;
+    owned.m_indexes[6] = 46;  // veth3
+    auto reported = [&owned](const std::string& datagram) {
+        EVENTS events;
+        NoteKernelMessages(datagram.data(), datagram.size(), events, &owned);
+        return events.m_bLinkReported;
+    };
+    EXPECT_TRUE(reported(LinkReport(RTM_NEWLINK, 42, "eth1", false)));
+    EXPECT_TRUE(reported(LinkReport(RTM_DELLINK, 42, "eth1", false)));
+    EXPECT_TRUE(reported(LinkReport(RTM_NEWLINK, 46, "spare3", true)));
+    EXPECT_FALSE(reported(LinkReport(RTM_NEWLINK, 4242, "dummy7", false)));
+    EXPECT_FALSE(reported(AddressReport(RTM_DELADDR, 46, "veth3")));
+    EXPECT_FALSE(reported(RouteReport(RTM_DELROUTE, 0, 4242)));
+}
+
 TEST_F(AwaitAfterABuildTest, AStormOfAnotherLinksReportsBringsNoLookAndNoPass) {
     // 2000 flaps of a link the daemon does not own, over about a second.
+    recorded.m_watch.m_bLinksReported = false;
     std::thread storm = recorded.SendLater(ForeignFlaps(2000), 50);
     const int64_t tookMs = TimedWait(recorded.m_watch, state, 1500);
     storm.join();
     EXPECT_GE(tookMs, 1500);
     EXPECT_EQ(kernel.m_nReads, 0);
     EXPECT_EQ(log.Timeline(), Lines{});
+    // Nor a read of eth1's link for the status.
+    EXPECT_FALSE(recorded.m_watch.m_bLinksReported);
     // Among them, one report of an owned link is one look.
     kernel.Show(WithoutLink(WholeTwoPortShape(), "br0"));
     std::vector<std::string> mixed = ForeignFlaps(200);
@@ -520,6 +539,7 @@ TEST_F(AwaitAfterABuildTest, AStormOfAnotherLinksReportsBringsNoLookAndNoPass) {
     storm.join();
     EXPECT_EQ(kernel.m_nReads, 1);
     EXPECT_EQ(log.Timeline(), Lines{"WARN CheckForOutsideChanges: br0 was removed; rebuilding the bridge"});
+    EXPECT_TRUE(recorded.m_watch.m_bLinksReported);
 }
 
 // A notification longer than the 8 KiB the wait reads one into: lost to it,

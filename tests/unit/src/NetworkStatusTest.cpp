@@ -996,7 +996,7 @@ TEST(UpdateStatusTest, WritesOnlyWhenWhatItShowsChanged) {
     EXPECT_EQ(json::parse(ReadFile(path))["eth0"]["link"], "down");
 }
 
-TEST(UpdateStatusTest, Eth1sLinkIsReadAtEachUpdateAndAChangeRewritesTheDocument) {
+TEST(UpdateStatusTest, Eth1sLinkIsReadWhenDueAndAChangeRewritesTheDocument) {
     TempDir dir;
     STATUS_WRITER writer;
     StartStatus(writer, dir.Path("run"), "/etc/x.conf");
@@ -1009,10 +1009,17 @@ TEST(UpdateStatusTest, Eth1sLinkIsReadAtEachUpdateAndAChangeRewritesTheDocument)
     const json link = json::parse(ReadFile(path))["eth1"]["link"];
     EXPECT_TRUE(link == "up" || link == "down") << link;
     const ino_t first = Inode(path);
+    // Not read again until it is due (main makes it so on the kernel's report of an owned link).
+    EXPECT_FALSE(writer.m_bEth1LinkDue);
     writer.m_eth1 = "tsl-no-such0";
+    UpdateStatus(writer, state);
+    EXPECT_EQ(Inode(path), first);
+    EXPECT_EQ(json::parse(ReadFile(path))["eth1"]["link"], link);
+    writer.m_bEth1LinkDue = true;
     UpdateStatus(writer, state);
     EXPECT_NE(Inode(path), first);
     EXPECT_EQ(json::parse(ReadFile(path))["eth1"], json::parse(R"({"link": null})"));
+    EXPECT_FALSE(writer.m_bEth1LinkDue);
 }
 
 TEST(UpdateStatusTest, InTheTwoPortModeEachLookThatFindsTheIsolationWholeRewritesIt) {
