@@ -16,20 +16,10 @@
 #include "tests/support/Files.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
+#include "tests/support/StatusDaemon.h"
 #include "tests/support/TempDir.h"
 
 namespace {
-
-constexpr long long kInstant = 2147483647LL;  // 2038-01-19T03:14:07Z
-
-STATUS_DAEMON Daemon() {
-    STATUS_DAEMON daemon;
-    daemon.m_version = "1.2.3";
-    daemon.m_pid = 4321;
-    daemon.m_startedAt = {kInstant, 0};
-    daemon.m_configPath = "/etc/tessel-networkd.conf";
-    return daemon;
-}
 
 // A two-port device in good health: the isolation whole, veth1 with a lease, veth3 static.
 STATUS_SNAPSHOT Healthy() {
@@ -52,7 +42,7 @@ STATUS_SNAPSHOT Healthy() {
     s.m_veth1.m_bInForce = true;
     s.m_veth1.m_bFromDhcp = true;
     s.m_veth1.m_address = Ip("192.168.77.100");
-    s.m_veth1.m_leaseAt = {kInstant + 5, 0};
+    s.m_veth1.m_leaseAt = {kStatusInstant + 5, 0};
     s.m_veth1.m_nClientStarts = 1;
     s.m_veth3.m_bShown = true;
     s.m_veth3.m_bRequested = true;
@@ -60,7 +50,7 @@ STATUS_SNAPSHOT Healthy() {
     s.m_veth3.m_bInForce = true;
     s.m_isolation.m_bRequired = true;
     s.m_isolation.m_bInForce = true;
-    s.m_isolation.m_verifiedAt = {kInstant + 30, 0};
+    s.m_isolation.m_verifiedAt = {kStatusInstant + 30, 0};
     return s;
 }
 
@@ -81,7 +71,7 @@ std::string LinesStartingWith(const std::string& text, const std::string& prefix
 std::string Samples(const std::string& text) { return LinesStartingWith(text, "tessel_networkd_"); }
 
 TEST(StatusMetricsTest, AHealthyTwoPortDeviceWholeWithHelpAndTypeLines) {
-    EXPECT_EQ(StatusMetrics(Daemon(), Healthy()), R"(# HELP tessel_networkd_info The daemon's version; always 1.
+    EXPECT_EQ(StatusMetrics(StatusDaemon(), Healthy()), R"(# HELP tessel_networkd_info The daemon's version; always 1.
 # TYPE tessel_networkd_info gauge
 tessel_networkd_info{version="1.2.3"} 1
 # HELP tessel_networkd_start_time_seconds When the daemon started, in seconds since 1970.
@@ -208,21 +198,21 @@ TEST(StatusMetricsTest, ADegradedDevice) {
     STATUS_SNAPSHOT s = Healthy();
     s.m_bridge.m_nFailures = 3;
     s.m_bridge.m_command = "ip link add name br0 type bridge";
-    s.m_bridge.m_failedAt = {kInstant + 60, 0};
+    s.m_bridge.m_failedAt = {kStatusInstant + 60, 0};
     s.m_isolation.m_bInForce = false;
     s.m_isolation.m_problem = "the ARP rules are missing";
     s.m_bEth0LinkUp = false;
     s.m_nEth0Recoveries = 7;
-    s.m_eth0RecoveredAt = {kInstant + 50, 0};
+    s.m_eth0RecoveredAt = {kStatusInstant + 50, 0};
     s.m_nEth0StreakRecoveries = 4;
-    s.m_eth0StreakSince = {kInstant + 20, 0};
+    s.m_eth0StreakSince = {kStatusInstant + 20, 0};
     s.m_eEth1Link = STATUS_LINK_UNKNOWN;
     s.m_macs.m_nUndone = 2;
     s.m_macs.m_undone = "veth1's MAC address was changed";
-    s.m_macs.m_undoneAt = {kInstant + 55, 0};
+    s.m_macs.m_undoneAt = {kStatusInstant + 55, 0};
     s.m_macs.m_bUndonePending = true;
     EXPECT_EQ(StatusState(s), STATUS_STATE_DEGRADED);
-    const std::string text = StatusMetrics(Daemon(), s);
+    const std::string text = StatusMetrics(StatusDaemon(), s);
     EXPECT_EQ(Samples(LinesStartingWith(text, "tessel_networkd_state")),
               "tessel_networkd_state{state=\"starting\"} 0\n"
               "tessel_networkd_state{state=\"healthy\"} 0\n"
@@ -251,7 +241,7 @@ TEST(StatusMetricsTest, ADegradedDevice) {
               "tessel_networkd_work_undone{work=\"macs\"} 1\n");
     // Every other work stays at 0; the families keep their HELP and TYPE lines.
     EXPECT_EQ(LinesStartingWith(text, "tessel_networkd_work_undone{").size(),
-              LinesStartingWith(StatusMetrics(Daemon(), Healthy()), "tessel_networkd_work_undone{").size());
+              LinesStartingWith(StatusMetrics(StatusDaemon(), Healthy()), "tessel_networkd_work_undone{").size());
     EXPECT_NE(text.find("# TYPE tessel_networkd_eth1_link_up gauge\n# HELP tessel_networkd_interface_address "),
               std::string::npos);
 }
@@ -263,7 +253,7 @@ TEST(StatusMetricsTest, NoLeaseLeavesTheLeaseTimeOut) {
     s.m_veth1.m_bFromDhcp = false;
     s.m_veth1.m_address = {};
     s.m_veth1.m_leaseAt = {};
-    const std::string text = StatusMetrics(Daemon(), s);
+    const std::string text = StatusMetrics(StatusDaemon(), s);
     EXPECT_EQ(LinesStartingWith(text, "tessel_networkd_interface_address"),
               "tessel_networkd_interface_address{interface=\"veth1\"} 0\n"
               "tessel_networkd_interface_address{interface=\"veth3\"} 1\n");
@@ -279,7 +269,7 @@ TEST(StatusMetricsTest, NoLeaseLeavesTheLeaseTimeOut) {
 TEST(StatusMetricsTest, ALabelValueIsEscaped) {
     EXPECT_EQ(MetricsLabelValue("plain 1.2.3"), "plain 1.2.3");
     EXPECT_EQ(MetricsLabelValue("a \"b\" c\\d\ne"), "a \\\"b\\\" c\\\\d\\ne");
-    STATUS_DAEMON daemon = Daemon();
+    STATUS_DAEMON daemon = StatusDaemon();
     daemon.m_version = "1.2.3 \"rc\" C:\\x\nnext";
     EXPECT_EQ(LinesStartingWith(StatusMetrics(daemon, Healthy()), "tessel_networkd_info"),
               "tessel_networkd_info{version=\"1.2.3 \\\"rc\\\" C:\\\\x\\nnext\"} 1\n");
@@ -294,7 +284,7 @@ TEST(StatusMetricsTest, TheStateFollowsWhatTheOperatorCommandCountsAsACause) {
     s = Healthy();
     s.m_isolation.m_partial = "ebtables is not on PATH";
     EXPECT_EQ(StatusState(s), STATUS_STATE_DEGRADED);
-    EXPECT_EQ(LinesStartingWith(StatusMetrics(Daemon(), s), "tessel_networkd_isolation{state=\"partial\"}"),
+    EXPECT_EQ(LinesStartingWith(StatusMetrics(StatusDaemon(), s), "tessel_networkd_isolation{state=\"partial\"}"),
               "tessel_networkd_isolation{state=\"partial\"} 1\n");
     s = Healthy();
     s.m_veth3.m_bInForce = false;
@@ -302,7 +292,7 @@ TEST(StatusMetricsTest, TheStateFollowsWhatTheOperatorCommandCountsAsACause) {
     // An outside change already put back is no cause.
     s = Healthy();
     s.m_links.m_nUndone = 1;
-    s.m_links.m_undoneAt = {kInstant + 9, 0};
+    s.m_links.m_undoneAt = {kStatusInstant + 9, 0};
     EXPECT_EQ(StatusState(s), STATUS_STATE_HEALTHY);
     // A one-port mode: no eth0, no isolation, no veth3.
     s = Healthy();
@@ -312,7 +302,7 @@ TEST(StatusMetricsTest, TheStateFollowsWhatTheOperatorCommandCountsAsACause) {
     s.m_isolation = {};
     s.m_veth3 = {};
     EXPECT_EQ(StatusState(s), STATUS_STATE_HEALTHY);
-    const std::string text = StatusMetrics(Daemon(), s);
+    const std::string text = StatusMetrics(StatusDaemon(), s);
     EXPECT_EQ(LinesStartingWith(text, "tessel_networkd_eth0_link_up"), "");
     EXPECT_EQ(LinesStartingWith(text, "tessel_networkd_isolation{state=\"not_required\"}"),
               "tessel_networkd_isolation{state=\"not_required\"} 1\n");

@@ -21,14 +21,13 @@
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/NetworkRecords.h"
+#include "tests/support/StatusDaemon.h"
 #include "tests/support/SteppedClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
 using nlohmann::json;
-
-constexpr long long kInstant = 2147483647LL;  // 2038-01-19T03:14:07Z
 
 // Runs the test in UTC, and puts the zone back.
 class Utc {
@@ -56,15 +55,6 @@ private:
     std::string m_old;
 };
 
-STATUS_DAEMON Daemon() {
-    STATUS_DAEMON daemon;
-    daemon.m_version = "1.2.3";
-    daemon.m_pid = 4321;
-    daemon.m_startedAt = {kInstant, 0};
-    daemon.m_configPath = "/etc/tessel-networkd.conf";
-    return daemon;
-}
-
 // The state after usable passes in the two-port mode: veth1 with a lease, veth3 static.
 CYCLE_STATE TwoPortState() {
     CYCLE_STATE state;
@@ -84,7 +74,7 @@ CYCLE_STATE TwoPortState() {
     state.m_veth1.m_applied = state.m_settings.m_veth1Config;
     state.m_veth1.m_dhcp = LeaseState(true, "192.168.77.100", "255.255.255.0", "192.168.77.1");
     state.m_veth1.m_dhcp.m_server = Ip("192.168.77.2");
-    state.m_veth1.m_leaseAt = {kInstant + 5, 0};
+    state.m_veth1.m_leaseAt = {kStatusInstant + 5, 0};
     state.m_veth1.m_clientPid = 77;
     state.m_veth1.m_nClientStarts = 1;
     state.m_veth3.m_bReconfigure = false;
@@ -95,7 +85,7 @@ CYCLE_STATE TwoPortState() {
 json Document(const CYCLE_STATE& state) {
     STATUS_SNAPSHOT snapshot;
     TakeStatusSnapshot(state, snapshot);
-    return json::parse(StatusJson(Daemon(), snapshot));
+    return json::parse(StatusJson(StatusDaemon(), snapshot));
 }
 
 ino_t Inode(const std::string& path) {
@@ -144,7 +134,7 @@ TEST(StatusJsonTest, TwoPortDeviceWithALeaseAndAStaticAddress) {
 CYCLE_STATE IsolatedTwoPortState() {
     CYCLE_STATE state = TwoPortState();
     state.m_isolation.m_bInForce = true;
-    state.m_isolation.m_verifiedAt = {kInstant + 30, 0};
+    state.m_isolation.m_verifiedAt = {kStatusInstant + 30, 0};
     state.m_isolation.m_nVerifiedMs = MonotonicMs();
     return state;
 }
@@ -153,7 +143,7 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationInForce) {
     Utc utc;
     STATUS_SNAPSHOT snapshot;
     TakeStatusSnapshot(IsolatedTwoPortState(), snapshot);
-    EXPECT_EQ(StatusJson(Daemon(), snapshot), R"({
+    EXPECT_EQ(StatusJson(StatusDaemon(), snapshot), R"({
   "schema": 1,
   "daemon": {
     "version": "1.2.3",
@@ -344,10 +334,10 @@ TEST(StatusJsonTest, TheWholeDocumentWithTheIsolationBrokenAndItsRepairFailing) 
     state.m_isolation.m_health.m_nFailures = 2;
     state.m_isolation.m_health.m_lastFailure.m_command = "arptables -A FORWARD -i eth1 -j DROP";
     state.m_isolation.m_health.m_lastFailure.m_outcome.m_nStatus = 4;
-    state.m_isolation.m_health.m_failedAt = {kInstant + 42, 0};
+    state.m_isolation.m_health.m_failedAt = {kStatusInstant + 42, 0};
     STATUS_SNAPSHOT snapshot;
     TakeStatusSnapshot(state, snapshot);
-    EXPECT_EQ(StatusJson(Daemon(), snapshot), R"({
+    EXPECT_EQ(StatusJson(StatusDaemon(), snapshot), R"({
   "schema": 1,
   "daemon": {
     "version": "1.2.3",
@@ -541,8 +531,8 @@ TEST(StatusJsonTest, TheIsolationIsNotRequiredInTheOneBridgeModes) {
     state.m_isolation.m_problem = "putting it back failed: ebtables -A FORWARD -i eth1 -j DROP";
     state.m_isolation.m_health.m_lastFailure.m_command = "ebtables -A FORWARD -i eth1 -j DROP";
     state.m_isolation.m_health.m_lastFailure.m_outcome.m_nStatus = 1;
-    state.m_isolation.m_health.m_failedAt = {kInstant + 12, 0};
-    state.m_isolation.m_health.m_recoveredAt = {kInstant + 13, 0};
+    state.m_isolation.m_health.m_failedAt = {kStatusInstant + 12, 0};
+    state.m_isolation.m_health.m_recoveredAt = {kStatusInstant + 13, 0};
     for (const BRIDGE_MODE mode : {BRIDGE_MODE_ETH0, BRIDGE_MODE_ETH1}) {
         state.m_settings.m_eBridgeMode = mode;
         state.m_eLastBridgeMode = mode;
@@ -592,15 +582,15 @@ TEST(StatusJsonTest, AFailureNotYetRecoveredAndOneThatRecovered) {
     state.m_bridgeHealth.m_nFailures = 3;
     state.m_bridgeHealth.m_lastFailure.m_command = "ip link add name br0 type bridge";
     state.m_bridgeHealth.m_lastFailure.m_outcome.m_nStatus = 2;
-    state.m_bridgeHealth.m_failedAt = {kInstant + 60, 0};
+    state.m_bridgeHealth.m_failedAt = {kStatusInstant + 60, 0};
     state.m_registerHealth.m_nFailures = 1;
     state.m_registerHealth.m_lastFailure.m_command = "devmem 0xFF200088 32 0x3";
     state.m_registerHealth.m_lastFailure.m_outcome.m_bStarted = false;
-    state.m_registerHealth.m_failedAt = {kInstant + 3, 0};
+    state.m_registerHealth.m_failedAt = {kStatusInstant + 3, 0};
     state.m_veth3.m_health.m_lastFailure.m_command = "ip addr add 10.253.254.253/255.255.255.0 dev veth3";
     state.m_veth3.m_health.m_lastFailure.m_outcome.m_nStatus = 1;
-    state.m_veth3.m_health.m_failedAt = {kInstant + 1, 0};
-    state.m_veth3.m_health.m_recoveredAt = {kInstant + 2, 0};
+    state.m_veth3.m_health.m_failedAt = {kStatusInstant + 1, 0};
+    state.m_veth3.m_health.m_recoveredAt = {kStatusInstant + 2, 0};
     const json doc = Document(state);
     EXPECT_EQ(
         doc["work"]["bridge"],
@@ -656,7 +646,7 @@ TEST(StatusJsonTest, WorkUndoneFromOutsideAndItsRepair) {
     CYCLE_STATE state = TwoPortState();
     state.m_veth3.m_health.m_nUndone = 3;
     state.m_veth3.m_health.m_lastUndone = "veth3's address 10.253.254.253/24 was removed";
-    state.m_veth3.m_health.m_undoneAt = {kInstant + 60, 0};
+    state.m_veth3.m_health.m_undoneAt = {kStatusInstant + 60, 0};
     state.m_veth3.m_health.m_bUndonePending = true;
     json doc = Document(state);
     EXPECT_EQ(doc["work"]["veth3"], json::parse(R"({"failing": false, "failures": 0, "last_failure": null,
@@ -669,7 +659,7 @@ TEST(StatusJsonTest, WorkUndoneFromOutsideAndItsRepair) {
 }
 
 TEST(StatusJsonTest, EscapesWhatItQuotes) {
-    STATUS_DAEMON daemon = Daemon();
+    STATUS_DAEMON daemon = StatusDaemon();
     daemon.m_configPath = "/etc/odd \"name\"\n\x01\xff.conf";
     STATUS_SNAPSHOT snapshot;
     TakeStatusSnapshot(TwoPortState(), snapshot);
@@ -693,7 +683,7 @@ TEST(StatusSnapshotTest, EqualUntilAFieldTheDocumentShowsChanges) {
     TakeStatusSnapshot(changed, b);
     EXPECT_TRUE(a != b);
     changed = state;
-    changed.m_eth0RecoveredAt = {kInstant, 1};
+    changed.m_eth0RecoveredAt = {kStatusInstant, 1};
     TakeStatusSnapshot(changed, b);
     EXPECT_TRUE(a != b);
     // What the document does not show changes nothing: the client check's next time.
@@ -709,7 +699,7 @@ TEST(StatusSnapshotTest, TheIsolationIsRequiredWhileBr0IsBuiltOrBeingBuiltForThe
     TakeStatusSnapshot(state, snapshot);
     EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
     EXPECT_TRUE(snapshot.m_isolation.m_bInForce);
-    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kInstant + 30);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kStatusInstant + 30);
     EXPECT_EQ(snapshot.m_isolation.m_problem, "");
 
     // Asked for and not built yet (or its build failing): required, and not in
@@ -720,7 +710,7 @@ TEST(StatusSnapshotTest, TheIsolationIsRequiredWhileBr0IsBuiltOrBeingBuiltForThe
     TakeStatusSnapshot(building, snapshot);
     EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
     EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
-    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kInstant + 30);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kStatusInstant + 30);
     EXPECT_EQ(snapshot.m_isolation.m_problem, "the bridge build stopped at: ip link add name br0 type bridge");
 
     // Built for it, and the file no longer usable: still in force.
@@ -766,10 +756,10 @@ TEST(StatusSnapshotTest, TheIsolationIsInForceOnlyWhileALookFoundItWholeWithinIt
     TakeStatusSnapshot(state, snapshot);
     EXPECT_TRUE(snapshot.m_isolation.m_bRequired);
     EXPECT_FALSE(snapshot.m_isolation.m_bInForce);
-    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kInstant + 30);
+    EXPECT_EQ(snapshot.m_isolation.m_verifiedAt.tv_sec, kStatusInstant + 30);
     EXPECT_EQ(snapshot.m_isolation.m_problem,
               "not found whole by a look for over 25 s: the IP rules cannot be listed (iptables -S: exit status 4)");
-    const json document = json::parse(StatusJson(Daemon(), snapshot));
+    const json document = json::parse(StatusJson(StatusDaemon(), snapshot));
     EXPECT_EQ(document["isolation"]["in_force"], false);
     EXPECT_EQ(document["isolation"]["problem"],
               "not found whole by a look for over 25 s: the IP rules cannot be listed (iptables -S: exit status 4)");
@@ -794,7 +784,7 @@ TEST(StatusSnapshotTest, TheIsolationIsInForceOnlyWhileALookFoundItWholeWithinIt
 
 TEST(Eth0StreakTest, RecoveriesMoreThanAMinuteApartStartANewStreak) {
     SteppedClock clock(1000000);
-    FixedClock wall(kInstant, 0);
+    FixedClock wall(kStatusInstant, 0);
     CYCLE_STATE state;
     std::vector<std::pair<unsigned int, long long>> seen;
     // A recovery a second for 5 s, then one a minute and 1 ms later, then one
@@ -802,9 +792,9 @@ TEST(Eth0StreakTest, RecoveriesMoreThanAMinuteApartStartANewStreak) {
     const std::vector<int64_t> stepsMs = {0, 1000, 1000, 1000, 1000, kEth0StreakGapMs + 1, kEth0StreakGapMs};
     for (const int64_t stepMs : stepsMs) {
         clock.Step(stepMs);
-        state.m_eth0RecoveredAt = {kInstant + SteppedClock::Now() / 1000, 0};
+        state.m_eth0RecoveredAt = {kStatusInstant + SteppedClock::Now() / 1000, 0};
         NoteEth0Recovery(state);
-        seen.emplace_back(state.m_nEth0StreakRecoveries, state.m_eth0StreakSince.tv_sec - kInstant);
+        seen.emplace_back(state.m_nEth0StreakRecoveries, state.m_eth0StreakSince.tv_sec - kStatusInstant);
     }
     EXPECT_EQ(seen, (std::vector<std::pair<unsigned int, long long>>{
                         {1, 1000}, {2, 1000}, {3, 1000}, {4, 1000}, {5, 1000}, {1, 1064}, {2, 1064}}));
@@ -815,9 +805,9 @@ TEST(StatusSnapshotTest, AStreakOfEth0RecoveriesIsShownWhileItLasts) {
     SteppedClock clock(1000000);
     CYCLE_STATE state = TwoPortState();
     state.m_nEth0Recoveries = 7;
-    state.m_eth0RecoveredAt = {kInstant + 100, 0};
+    state.m_eth0RecoveredAt = {kStatusInstant + 100, 0};
     state.m_nEth0StreakRecoveries = 5;
-    state.m_eth0StreakSince = {kInstant + 90, 0};
+    state.m_eth0StreakSince = {kStatusInstant + 90, 0};
     state.m_nEth0RecoveredMs = SteppedClock::Now();
     clock.Step(kEth0StreakGapMs);
     EXPECT_EQ(Document(state)["eth0"],
@@ -835,7 +825,7 @@ TEST(StatusSnapshotTest, EachLookThatFindsTheIsolationWholeChangesItAndNothingEl
     STATUS_SNAPSHOT b;
     TakeStatusSnapshot(state, a);
     CYCLE_STATE looked = state;
-    looked.m_isolation.m_verifiedAt = {kInstant + 40, 0};
+    looked.m_isolation.m_verifiedAt = {kStatusInstant + 40, 0};
     TakeStatusSnapshot(looked, b);
     EXPECT_TRUE(a != b);
     // The next look's time and the wait after a listing that could not run are the daemon's own.
@@ -1036,7 +1026,7 @@ TEST(UpdateStatusTest, InTheTwoPortModeEachLookThatFindsTheIsolationWholeRewrite
     UpdateStatus(writer, state);
     EXPECT_EQ(Inode(path), first);
     // The next look, 10 s on.
-    state.m_isolation.m_verifiedAt = {kInstant + 40, 0};
+    state.m_isolation.m_verifiedAt = {kStatusInstant + 40, 0};
     UpdateStatus(writer, state);
     EXPECT_NE(Inode(path), first);
     EXPECT_EQ(json::parse(ReadFile(path))["isolation"]["verified_at"], "2038-01-19T03:14:47+00:00");
