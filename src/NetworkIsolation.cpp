@@ -244,8 +244,7 @@ const char* const kBridge = "br0";
 
 // One rule the isolation appends: its chain, the rest of its command, and the
 // command. The chain and the rest are views into the step's command, which is
-// static like every step: kept for the daemon's life, the set costs the heap
-// only each rule's key.
+// static like every step.
 struct OWN_RULE {
     std::string_view m_chain;
     std::string_view m_spec;
@@ -264,7 +263,6 @@ std::vector<OWN_RULE> ReadOwnRules(const RULE_LISTING& table) {
         const std::string_view options = rest.substr(std::min(rest.size(), chain.size() + 1));
         rules.push_back({chain, options, step.m_szCommand, ReadRule(std::string(options))});
     }
-    rules.shrink_to_fit();
     return rules;
 }
 
@@ -409,9 +407,6 @@ BRIDGE_FILTER_STATE BridgeFilterState() {
 // layer) and bridge netfilter. A listing that cannot be run leaves its table
 // unjudged.
 ISOLATION_LOOK LookAtIsolation(bool linkLayer) {
-    static const std::vector<OWN_RULE> ownRules[] = {ReadOwnRules(kRuleListings[0]), ReadOwnRules(kRuleListings[1]),
-                                                     ReadOwnRules(kRuleListings[2])};
-    static_assert(std::size(ownRules) == std::size(kRuleListings));
     ISOLATION_LOOK look;
     for (size_t index = 0; index < std::size(kRuleListings); ++index) {
         const RULE_LISTING& table = kRuleListings[index];
@@ -425,7 +420,9 @@ ISOLATION_LOOK LookAtIsolation(bool linkLayer) {
             if (look.m_listingFailure.m_command.empty()) look.m_listingFailure = listingFailure;
             continue;
         }
-        JudgeTable(table, ownRules[index], ReadListing(text), look);
+        // Read for each look, not kept: looks are rare, and the keys would hold
+        // heap pages for the daemon's life.
+        JudgeTable(table, ReadOwnRules(table), ReadListing(text), look);
     }
     const BRIDGE_FILTER_STATE filter = BridgeFilterState();
     JudgeBridgeFilter(filter, look.m_problems);
