@@ -57,20 +57,18 @@ void ShowUsage(CliProcessing& cli) {
     fflush(stdout);
 }
 
-int main(int argc, char** argv) {
-    Logging::SetLogToStdout(true);
-    // Under the service manager each entry carries its priority into the journal.
-    Logging::UsePriorityPrefixIfStdoutIsJournal();
-    Logging::SetLogLevel(Logging::LOGGING_SEVERITY_INFO);
-    LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "tessel-networkd starting");
+// What the command line asks for; the paths cannot change after it is read.
+struct DAEMON_OPTIONS {
+    std::string m_configPath;
+    std::string m_statusDirectory;
+    std::string m_phyFile;
+    std::string m_metricsDirectory;
+};
 
-    // Raised before any handler can clear it: a stop signal taken while a start-up
-    // command runs must not be undone when the loop is entered.
-    m_bMainRunning = true;
-    InstallStopHandler(SigHandler);
-    signal(SIGPIPE, SIG_IGN);
-    BlockStopSignals();
-
+// Reads the command line into `options`: -1 to run, or the exit status when
+// it asked for help or the version, or was wrong. The parser and its texts
+// are gone once it returns, not kept on the heap for the daemon's life.
+int ReadOptions(int argc, char** argv, DAEMON_OPTIONS& options) {
     CliProcessing cli;
     cli.AddParam("00help", "--help", "-h", PARAM_OVERRIDE, true, "Shows this help", "");
     cli.AddParam("01cfg-file", "--config", "-c", PARAM_MANDATORY, false, "Path to config file", "");
@@ -86,7 +84,7 @@ int main(int argc, char** argv) {
                  "");
     if (cli.ProcessCmdLine(argc, argv) != 0) {
         ShowUsage(cli);
-        exit(1);
+        return 1;
     }
     if (!cli["00help"].empty()) {
         ShowUsage(cli);
@@ -96,9 +94,32 @@ int main(int argc, char** argv) {
         puts(Util::VersionLine("tessel-networkd").c_str());
         return 0;
     }
-    LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using config file: " + cli["01cfg-file"]);
+    options.m_configPath = cli["01cfg-file"];
+    options.m_statusDirectory = cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"];
+    options.m_phyFile = cli["04phy-file"];
+    options.m_metricsDirectory = cli["05metrics-dir"];
+    return -1;
+}
 
-    const std::string statusDirectory = cli["02status-dir"].empty() ? kStatusDirectory : cli["02status-dir"];
+int main(int argc, char** argv) {
+    Logging::SetLogToStdout(true);
+    // Under the service manager each entry carries its priority into the journal.
+    Logging::UsePriorityPrefixIfStdoutIsJournal();
+    Logging::SetLogLevel(Logging::LOGGING_SEVERITY_INFO);
+    LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "tessel-networkd starting");
+
+    // Raised before any handler can clear it: a stop signal taken while a start-up
+    // command runs must not be undone when the loop is entered.
+    m_bMainRunning = true;
+    InstallStopHandler(SigHandler);
+    signal(SIGPIPE, SIG_IGN);
+    BlockStopSignals();
+
+    DAEMON_OPTIONS options;
+    if (const int status = ReadOptions(argc, argv, options); status >= 0) return status;
+    LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Using config file: " + options.m_configPath);
+
+    const std::string& statusDirectory = options.m_statusDirectory;
     // Before any command: a second daemon must not touch what the first one keeps.
     const INSTANCE_LOCK instance = TakeInstanceLock(statusDirectory);
     if (instance.m_bHeldByOther) {
@@ -111,17 +132,16 @@ int main(int argc, char** argv) {
     }
 
     CYCLE_STATE state;
-    if (!cli["04phy-file"].empty()) state.m_phyModeFile = cli["04phy-file"];
+    if (!options.m_phyFile.empty()) state.m_phyModeFile = options.m_phyFile;
 
     LOG_ENTRY(LOGGING_SEVERITY_INFO, false, "Bringing up loopback lo");
     RunStartupCommands(state);
 
-    // The path cannot change after parsing; looked up once.
-    const std::string configPath = cli["01cfg-file"];
+    const std::string& configPath = options.m_configPath;
     // The status document follows each pass; it is written only when what it shows changed.
     STATUS_WRITER status;
     StartStatus(status, statusDirectory, configPath);
-    status.m_metricsDirectory = cli["05metrics-dir"];
+    status.m_metricsDirectory = options.m_metricsDirectory;
     UpdateStatus(status, state);
     // Passes come once a second, and sooner when the kernel or the files report a change.
     EVENT_WATCH watch = OpenEventWatch(configPath);
