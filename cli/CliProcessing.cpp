@@ -1,5 +1,6 @@
 #include "cli/CliProcessing.h"
 
+#include <algorithm>
 #include <cstdio>
 
 CliProcessing::CliProcessing() : m_nMandatoryFound(0), m_nMandatoryCount(0), m_bOverrideFound(false) {}
@@ -8,17 +9,18 @@ CliProcessing::~CliProcessing() = default;
 
 int CliProcessing::AddParam(std::string key, std::string longName, std::string shortName, MANDATORY_E kind, bool flag,
                             std::string description, std::string argHint) {
-    if (m_params.count(key) != 0) return 3;
-    PARAM_T param{key, shortName, longName, kind, flag, description, argHint};
-    m_params.emplace(key, param);
+    auto at = std::lower_bound(m_params.begin(), m_params.end(), key,
+                               [](const PARAM_T& param, const std::string& wanted) { return param.m_strKey < wanted; });
+    if (at != m_params.end() && at->m_strKey == key) return 3;
+    m_params.insert(at, PARAM_T{key, shortName, longName, kind, flag, description, argHint});
     if (kind == PARAM_MANDATORY) m_nMandatoryCount++;
     return 0;
 }
 
 // Whole, case-sensitive names, long before short, options in key order; the first wins.
 const PARAM_T* CliProcessing::Match(const std::string& name) const {
-    for (const auto& entry : m_params) {
-        if (name == entry.second.m_strLong || name == entry.second.m_strShort) return &entry.second;
+    for (const PARAM_T& param : m_params) {
+        if (name == param.m_strLong || name == param.m_strShort) return &param;
     }
     return nullptr;
 }
@@ -38,12 +40,15 @@ int CliProcessing::ProcessCmdLine(int argc, char** argv) {
             const PARAM_T* param = Match(argv[i]);
             if (param == nullptr) return 1;
             CountMatch(*param);
-            if (m_values.count(param->m_strKey) != 0) return 3;
+            if (std::any_of(m_values.begin(), m_values.end(),
+                            [param](const auto& value) { return value.first == param->m_strKey; })) {
+                return 3;
+            }
             if (param->m_bFlag) {
-                m_values[param->m_strKey] = "FLAG";
+                m_values.emplace_back(param->m_strKey, "FLAG");
             } else {
                 if (++i >= argc) return 1;
-                m_values[param->m_strKey] = argv[i];  // verbatim, even when it looks like an option
+                m_values.emplace_back(param->m_strKey, argv[i]);  // verbatim, even when it looks like an option
             }
         }
     }
@@ -52,8 +57,10 @@ int CliProcessing::ProcessCmdLine(int argc, char** argv) {
 }
 
 std::string CliProcessing::operator[](std::string key) {
-    auto found = m_values.find(key);
-    return found == m_values.end() ? std::string() : found->second;
+    for (const auto& [valueKey, value] : m_values) {
+        if (valueKey == key) return value;
+    }
+    return {};
 }
 
 bool CliProcessing::IsParam(std::string name) {
@@ -72,8 +79,7 @@ std::string CliProcessing::GetUsage(int width) {
     static const char* const kKindWords[] = {"Optional", "Mandatory", "Override", "Attribute"};
     std::string usage;
     std::string format = "    %s, %-" + std::to_string(width) + "s [%-9s] %s\n";
-    for (const auto& entry : m_params) {
-        const PARAM_T& param = entry.second;
+    for (const PARAM_T& param : m_params) {
         int kind = param.m_eMandatory;
         const char* word = (kind >= PARAM_OPTIONAL && kind <= PARAM_ATTRIBUTE) ? kKindWords[kind] : "";
         std::string longColumn = param.m_strLong + param.m_strArgHint;

@@ -1,8 +1,9 @@
 // A small command-line processor: declare options, parse argv, read values by key.
 #pragma once
 
-#include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 enum MANDATORY_E : int {
     PARAM_OPTIONAL = 0,
@@ -51,8 +52,10 @@ private:
     const PARAM_T* Match(const std::string& name) const;
     void CountMatch(const PARAM_T& param);
 
-    std::map<std::string, std::string> m_values;
-    std::map<std::string, PARAM_T> m_params;
+    // A handful of options: kept in vectors, the declarations in key order
+    // (a search tree would map a part of the C++ library this alone uses).
+    std::vector<std::pair<std::string, std::string>> m_values;
+    std::vector<PARAM_T> m_params;
     int m_nMandatoryFound;
     int m_nMandatoryCount;
     bool m_bOverrideFound;

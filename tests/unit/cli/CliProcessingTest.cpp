@@ -158,6 +158,11 @@ TEST_F(DaemonOptionsTest, EmptyValueCountsAsGivenButReadsEmpty) {
     EXPECT_EQ(m_cli["01cfg-file"], "");
 }
 
+TEST_F(DaemonOptionsTest, AnEmptyValueGivenFirstStillMakesASecondOneADuplicate) {
+    EXPECT_EQ(Parse(m_cli, {"-c", "", "--config", "/etc/x.conf"}), 3);
+    EXPECT_EQ(m_cli["01cfg-file"], "");
+}
+
 TEST_F(DaemonOptionsTest, ValuesStoredBeforeAnUnknownArgumentStay) {
     EXPECT_EQ(Parse(m_cli, {"-c", "a", "-x"}), 1);
     EXPECT_EQ(m_cli["01cfg-file"], "a");
@@ -366,6 +371,19 @@ TEST_F(DaemonOptionsTest, UsageDoesNotDependOnParsing) {
     std::string before = m_cli.GetUsage(40);
     ASSERT_EQ(Parse(m_cli, {"-c", "a"}), 0);
     EXPECT_EQ(m_cli.GetUsage(40), before);
+}
+
+TEST(CliGetUsageTest, OptionsDeclaredOutOfOrderAreListedAndMatchedInKeyOrder) {
+    CliProcessing cli;
+    ASSERT_EQ(cli.AddParam("2c", "--c", "-c", PARAM_OPTIONAL, true, "C", ""), 0);
+    ASSERT_EQ(cli.AddParam("0a", "--a", "-a", PARAM_OPTIONAL, true, "A", ""), 0);
+    ASSERT_EQ(cli.AddParam("1b", "--b", "-a", PARAM_OPTIONAL, true, "B", ""), 0);
+    EXPECT_EQ(cli.GetUsage(3),
+              "    -a, --a [Optional ] A\n"
+              "    -a, --b [Optional ] B\n"
+              "    -c, --c [Optional ] C\n");
+    // "-a" is both 0a's and 1b's: the lower key wins.
+    EXPECT_EQ(cli.GetParamName("-a"), "0a");
 }
 
 TEST(CliGetUsageTest, NothingDeclaredGivesEmpty) {
