@@ -177,8 +177,9 @@ DRY_RUN* s_active = nullptr;
 class DRY_RUN {
 public:
     explicit DRY_RUN(const CYCLE_STATE& state) : m_state(state) {
-        char folder[] = "/tmp/tessel-plan-XXXXXX";
-        if (mkdtemp(folder) != nullptr) m_folder = folder;
+        const char* base = getenv("TMPDIR");
+        std::string folder = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tessel-plan-XXXXXX";
+        if (mkdtemp(folder.data()) != nullptr) m_folder = folder;
         s_active = this;
         s_nowMs = 1000000;
         const char* notify = getenv("NOTIFY_SOCKET");
@@ -209,12 +210,12 @@ public:
         });
         m_clients = SetDhcpClientLister([](const std::string&) { return std::vector<pid_t>{}; });
         m_leases = SetDhcpLeaseDirectory(m_folder.empty() ? "/nonexistent" : m_folder);
+        // The daemon's level: what its log would show.
         Logging::SetLogLevel(Logging::LOGGING_SEVERITY_INFO);
-        Logging::SetLogToStdout(false);
-        Logging::SetSystemLogSink(Sink);
+        Logging::SetEntrySink(Sink);
     }
     ~DRY_RUN() {
-        Logging::SetSystemLogSink(nullptr);
+        Logging::SetEntrySink(nullptr);
         SetDhcpLeaseDirectory(std::move(m_leases));
         SetDhcpClientLister(std::move(m_clients));
         SetLinkStateReader(std::move(m_link));
@@ -254,8 +255,10 @@ public:
     std::vector<std::string> Take() { return std::exchange(m_lines, {}); }
 
 private:
-    static void Sink(int priority, const char* message) {
-        if (s_active != nullptr) s_active->Record(std::string(Logging::SeverityName(priority)) + " " + message);
+    static void Sink(Logging::LOGGING_SEVERITY_LEVEL severity, const char* function, const std::string& message) {
+        if (s_active != nullptr) {
+            s_active->Record(std::string(Logging::SeverityName(severity)) + " " + function + ": " + message);
+        }
     }
 
     const CYCLE_STATE& m_state;
