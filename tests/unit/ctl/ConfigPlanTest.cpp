@@ -86,7 +86,7 @@ const Lines kPhyCopper = {
 class ConfigPlanTest : public testing::Test {
 protected:
     std::string Write(const std::string& name, const std::string& text) {
-        const std::string path = m_dir.Path(name);
+        std::string path = m_dir.Path(name);
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
