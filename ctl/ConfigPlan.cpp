@@ -107,11 +107,14 @@ public:
     // One number that moves with any change, as the kernel's fingerprint does.
     uint64_t Hash() const {
         uint64_t hash = 1469598103934665603ULL;
+        auto add = [&hash](const std::string& text) {
+            // The terminator too, so "ab" "c" and "a" "bc" differ.
+            for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+            hash *= 1099511628211ULL;
+        };
         for (const auto& [name, rules] : m_tables) {
-            for (const std::string& text : rules) {
-                for (const char c : name + "\n" + text + "\n")
-                    hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
-            }
+            add(name);
+            for (const std::string& text : rules) add(text);
         }
         return hash;
     }
@@ -127,7 +130,9 @@ private:
                 table = line.substr(1);
                 continue;
             }
-            Run("ebtables -t " + table + " " + line);
+            std::string command = "ebtables -t ";
+            command.append(table).append(" ").append(line);
+            Run(command);
         }
     }
 
