@@ -433,6 +433,12 @@ int PlanConfig(const PLAN_REQUEST& request) {
         fprintf(stderr, "tessel-networkctl: cannot read %s: %s\n", ends.m_fromPath.c_str(), strerror(errno));
         return 2;
     }
+    // What a daemon keeps from an earlier usable file is not known here: the
+    // plan is then a first start's, and says so.
+    if (!ends.m_fromPath.empty() && QuietCheck(ends.m_fromPath) != 0) {
+        from += " (not usable: planned from nothing)";
+        ends.m_fromPath.clear();
+    }
     fputs(PlanText(PlanShown(MakePlan(ends), from, request.m_file)).c_str(), stdout);
     return 0;
 }

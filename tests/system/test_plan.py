@@ -139,6 +139,17 @@ class PlanAnywhereTest(unittest.TestCase):
         self.assertIn("$ ip route add default via 10.9.0.1 dev veth1 metric 10", lines)
         self.assert_nothing_touched()
 
+    def test_an_unusable_running_configuration_is_planned_from_nothing(self):
+        before = self.write("from.conf", UNUSABLE)
+        after = self.write("to.conf", NEW)
+        result = self.plan(after, "--from", before)
+        self.assertEqual(result.returncode, 0, result)
+        lines = unwrapped(result.stdout).splitlines()
+        self.assertEqual(lines[0], "Plan from the configuration %s (not usable: planned from nothing) to %s "
+                                   "(nothing run):" % (before, after))
+        self.assertEqual(lines[1], "$ ip link set dev lo up")
+        self.assert_nothing_touched()
+
     def test_an_unusable_file_prints_the_check(self):
         path = self.write("bad.conf", UNUSABLE)
         result = self.plan(path, "--status-dir", self.work)
