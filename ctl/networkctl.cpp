@@ -4,10 +4,12 @@
 //   tessel-networkctl apply FILE --confirm-within SECONDS  installs FILE on trial (ConfigApply.h)
 //   tessel-networkctl confirm                             keeps the configuration applied on trial
 //   tessel-networkctl restore-due --config PATH           the restore, outside the daemon's sandbox
+//   tessel-networkctl plan FILE                           what the daemon would do for FILE, run nowhere
 // Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or
 // its document is stale; of check: 0 usable, 1 not usable, 2 unreadable; of
 // apply: 0 applied, 1 refused or not applied; of confirm: 0 confirmed, 1
-// nothing to confirm or too late; 2 for a wrong command line.
+// nothing to confirm or too late; of plan: 0 printed, 1 FILE not usable, 2
+// unreadable; 2 for a wrong command line.
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,6 +24,7 @@
 
 #include "ctl/ConfigApply.h"
 #include "ctl/ConfigCheck.h"
+#include "ctl/ConfigPlan.h"
 #include "ctl/StatusView.h"
 #include "src/NetworkPending.h"
 #include "src/NetworkStatusSchema.h"
@@ -45,12 +48,16 @@ const char kUsage[] =
     "                                      keeps the configuration applied last\n"
     "  restore-due --config PATH           restores the previous configuration when one applied\n"
     "                                      was not confirmed in time (the service runs it at start)\n"
+    "  plan FILE [--status-dir DIR] [--from PATH]\n"
+    "                                      prints, running nothing, the commands and log lines the\n"
+    "                                      daemon would produce going from the configuration it runs\n"
+    "                                      (--from: PATH's; no daemon: nothing) to FILE's\n"
     "  help                                this text\n"
     "  --version                           the version and the source revision it was built from\n"
     "Exit status of status: 0 healthy, 1 degraded, 3 the daemon is not running or its status is\n"
     "stale; of check: 0 usable, 1 not usable, 2 the file cannot be read; of apply: 0 applied, 1\n"
-    "refused or not applied; of confirm: 0 confirmed, 1 nothing to confirm or too late; 2 for a wrong\n"
-    "command line.\n";
+    "refused or not applied; of confirm: 0 confirmed, 1 nothing to confirm or too late; of plan: 0\n"
+    "printed, 1 FILE not usable, 2 a file cannot be read; 2 for a wrong command line.\n";
 
 int Usage(FILE* out, int status) {
     fputs(kUsage, out);
@@ -164,6 +171,25 @@ int Confirm(const std::vector<std::string>& args) {
     return ConfirmConfig(configPath, directory);
 }
 
+int Plan(const std::vector<std::string>& args) {
+    PLAN_REQUEST request;
+    request.m_statusDirectory = kStatusDirectory;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const bool bValue = i + 1 < args.size() && !args[i + 1].empty();
+        if (args[i] == "--status-dir" && bValue) {
+            request.m_statusDirectory = args[++i];
+        } else if (args[i] == "--from" && bValue) {
+            request.m_fromPath = args[++i];
+        } else if (request.m_file.empty() && !args[i].empty() && args[i][0] != '-') {
+            request.m_file = args[i];
+        } else {
+            return Usage(stderr, 2);
+        }
+    }
+    if (request.m_file.empty()) return Usage(stderr, 2);
+    return PlanConfig(request);
+}
+
 int Run(int argc, char** argv) {
     const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (args.empty()) return Usage(stderr, 2);
@@ -181,6 +207,7 @@ int Run(int argc, char** argv) {
     }
     if (command == "apply") return Apply(rest);
     if (command == "confirm") return Confirm(rest);
+    if (command == "plan") return Plan(rest);
     if (command == "restore-due") {
         if (rest.size() != 2 || rest[0] != "--config" || rest[1].empty()) return Usage(stderr, 2);
         return RestoreIfDue(rest[1]);

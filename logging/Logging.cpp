@@ -21,6 +21,7 @@ namespace {
 std::atomic<int> s_level{LOGGING_SEVERITY_INFO};
 std::atomic<bool> s_toStdout{true};
 std::atomic<SystemLogSink> s_systemLogSink{nullptr};
+std::atomic<EntrySink> s_entrySink{nullptr};
 std::atomic<bool> s_priorityPrefix{false};
 
 const char* const kLevelNames[] = {"EMERG", "ALERT", "CRIT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
@@ -231,12 +232,18 @@ void SetLogToStdout(bool toStdout) { s_toStdout = toStdout; }
 
 void SetSystemLogSink(SystemLogSink sink) { s_systemLogSink = sink; }
 
+void SetEntrySink(EntrySink sink) { s_entrySink = sink; }
+
 void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, const std::string& message,
                           const char* file, const char* function, int line) {
     if (severity < LOGGING_SEVERITY_EMERG || severity > LOGGING_SEVERITY_DEBUG) severity = LOGGING_SEVERITY_DEBUG;
     if (severity > s_level.load()) return;
     SignalsHeld held;
 
+    if (EntrySink sink = s_entrySink.load()) {
+        sink(severity, function, message);
+        return;
+    }
     if (s_toStdout.load()) WriteEntryToStdout(severity, message, file, function, line);
     if (!s_toStdout.load() || toSystemLog) WriteToSystemLog(severity, message);
 }

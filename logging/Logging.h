@@ -48,6 +48,11 @@ void AddEntryWithLocation(LOGGING_SEVERITY_LEVEL severity, bool toSystemLog, con
 using SystemLogSink = void (*)(int priority, const char* message);
 void SetSystemLogSink(SystemLogSink sink);
 
+// A dry run (tessel-networkctl plan) takes each entry whole, with the
+// function that made it, in place of both outputs; nullptr puts them back.
+using EntrySink = void (*)(LOGGING_SEVERITY_LEVEL severity, const char* function, const std::string& message);
+void SetEntrySink(EntrySink sink);
+
 }  // namespace Logging
 
 // Logs with the caller's location: its path from the repository root, its plain

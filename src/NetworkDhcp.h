@@ -4,7 +4,9 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "src/NetworkConfig.h"
 
@@ -41,6 +43,18 @@ pid_t FindDhcpClient(const std::string& interfaceName);
 // root (one read of its command line and its status; a process that has ended,
 // zombie or gone, is not).
 bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName);
+
+// The function the udhcpc processes serving an interface are found through,
+// in place of a look through /proc: a dry run (tessel-networkctl plan) and
+// tests put their own here, and no process it names is ever signalled. An
+// empty one puts /proc back. Returns the one it replaced.
+using DhcpClientLister = std::function<std::vector<pid_t>(const std::string& interfaceName)>;
+DhcpClientLister SetDhcpClientLister(DhcpClientLister lister);
+
+// The directory CheckForNewDhcpAddress takes lease files from, in place of
+// /tmp (the log and the commands still name DhcpLeasePath): a dry run points
+// it at a private one. Empty puts /tmp back. Returns the one it replaced.
+std::string SetDhcpLeaseDirectory(std::string directory);
 
 // Reads /tmp/dhcp_<interface>.txt if present, puts a new lease into effect (or
 // flushes a lost one), records it in `dhcpState` and deletes the file. Returns

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "logging/Logging.h"
@@ -132,10 +133,19 @@ bool RunsAsRoot(pid_t pid) {
     return line != nullptr && sscanf(line, "\nUid: %ld %ld", &real, &effective) == 2 && real == 0 && effective == 0;
 }
 
+DhcpClientLister& ActiveLister() {
+    static DhcpClientLister lister;
+    return lister;
+}
+
 // Calls `found` with the pid of each udhcpc process serving the interface; false
 // when /proc cannot be read.
 template <typename Found>
 bool ForEachClient(const std::string& interfaceName, Found found) {
+    if (const DhcpClientLister& lister = ActiveLister()) {
+        for (pid_t pid : lister(interfaceName)) found(pid);
+        return true;
+    }
     const Util::UniqueDir proc(opendir("/proc"));
     if (!proc) return false;
     char path[sizeof(dirent::d_name) + sizeof "/cmdline"];
@@ -154,6 +164,10 @@ bool ForEachClient(const std::string& interfaceName, Found found) {
 // it: a stopped client is waited for as it was found, by its command line.
 bool IsUdhcpcOf(pid_t pid, const std::string& interfaceName) {
     if (pid <= 0) return false;
+    if (const DhcpClientLister& lister = ActiveLister()) {
+        const std::vector<pid_t> clients = lister(interfaceName);
+        return std::find(clients.begin(), clients.end(), pid) != clients.end();
+    }
     char path[32];
     snprintf(path, sizeof path, "/proc/%ld/cmdline", static_cast<long>(pid));
     return Serves(ReadUdhcpcArguments(AT_FDCWD, path), interfaceName);
@@ -181,6 +195,10 @@ std::vector<pid_t> WaitForClientsToGo(std::vector<pid_t> pids, const std::string
 
 }  // namespace
 
+DhcpClientLister SetDhcpClientLister(DhcpClientLister lister) {
+    return std::exchange(ActiveLister(), std::move(lister));
+}
+
 void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int metric) {
     std::vector<pid_t> clients;
     if (!ForEachClient(interfaceName, [&clients](pid_t pid) { clients.push_back(pid); })) {
@@ -190,7 +208,8 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
         LOG_ENTRY(
             LOGGING_SEVERITY_INFO, false,
             "Killing udhcpc pid " + Util::Format("%ld", static_cast<long>(pid)) + " for interface " + interfaceName);
-        kill(pid, SIGTERM);
+        // A stand-in's pid is no process of this system.
+        if (!ActiveLister()) kill(pid, SIGTERM);
     }
     // A stopped client releases its lease and then reports "no lease" through its
     // script; done after the next client's lease, that would take the address
@@ -207,7 +226,7 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
         pid_t group = 0;
         // A daemonised client leads a process group of its own, its script in it.
         const bool leadsGroup = ReadParentAndGroup(pid, parent, group) && group == pid;
-        kill(leadsGroup ? -pid : pid, SIGKILL);
+        if (!ActiveLister()) kill(leadsGroup ? -pid : pid, SIGKILL);
     }
     for (pid_t pid : WaitForClientsToGo(clients, interfaceName, kClientKillWaitMs)) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
@@ -221,7 +240,7 @@ void StopDhcp(const std::string& interfaceName, [[maybe_unused]] unsigned int me
 pid_t FindDhcpClient(const std::string& interfaceName) {
     std::vector<pid_t> clients;
     ForEachClient(interfaceName, [&clients](pid_t pid) {
-        if (RunsAsRoot(pid)) clients.push_back(pid);
+        if (ActiveLister() || RunsAsRoot(pid)) clients.push_back(pid);
     });
     // A client's own child (forked to run its script, and not yet the script)
     // carries the client's command line for a moment: the one whose parent is
@@ -233,5 +252,5 @@ pid_t FindDhcpClient(const std::string& interfaceName) {
 }
 
 bool IsDhcpClientOf(pid_t pid, const std::string& interfaceName) {
-    return IsUdhcpcOf(pid, interfaceName) && RunsAsRoot(pid);
+    return IsUdhcpcOf(pid, interfaceName) && (ActiveLister() || RunsAsRoot(pid));
 }

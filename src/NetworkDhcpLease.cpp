@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <utility>
 
 #include "logging/Logging.h"
 #include "src/NetworkAddress.h"
@@ -156,12 +157,25 @@ bool ApplyDhcpLease(const std::string& interfaceName, unsigned int metric, const
 
 std::string DhcpLeasePath(const std::string& interfaceName) { return "/tmp/dhcp_" + interfaceName + ".txt"; }
 
+namespace {
+
+std::string& LeaseDirectory() {
+    static std::string directory;
+    return directory;
+}
+
+}  // namespace
+
+std::string SetDhcpLeaseDirectory(std::string directory) {
+    return std::exchange(LeaseDirectory(), std::move(directory));
+}
+
 bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metric, DHCP_STATE& dhcpState,
                             WORK_FAILURE* failure) {
     const std::string path = DhcpLeasePath(interfaceName);
     // Declared first, so the claimed entry goes only after the stream is closed.
     ClaimedEntry claimed;
-    int error = claimed.Claim(path);
+    int error = claimed.Claim(LeaseDirectory().empty() ? path : LeaseDirectory() + "/dhcp_" + interfaceName + ".txt");
     // No file is the usual case: the script writes one only when something changed.
     if (error == ENOENT) return true;
     std::string why;

@@ -9,13 +9,28 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "logging/Logging.h"
 #include "src/NetworkConfig.h"
 #include "util/UniqueFd.h"
 
+namespace {
+
+LinkStateReader& ActiveLinkStateReader() {
+    static LinkStateReader reader;
+    return reader;
+}
+
+}  // namespace
+
+LinkStateReader SetLinkStateReader(LinkStateReader reader) {
+    return std::exchange(ActiveLinkStateReader(), std::move(reader));
+}
+
 int GenericInterfaceLinkIsUp(const std::string& name, bool& up) {
     up = false;
+    if (const LinkStateReader& reader = ActiveLinkStateReader()) return reader(name, up);
 
     struct ifreq request;
     memset(&request, 0, sizeof request);

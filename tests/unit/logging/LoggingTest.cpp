@@ -273,6 +273,29 @@ TEST_F(LoggingTest, StampsAroundAndPastTheEndOf32BitTime) {
     }
 }
 
+std::vector<std::string>* g_sunk = nullptr;
+
+void Sink(Logging::LOGGING_SEVERITY_LEVEL severity, const char* function, const std::string& message) {
+    g_sunk->push_back(std::string(Logging::SeverityName(severity)) + " " + function + ": " + message);
+}
+
+// A dry run's sink takes each entry whole, and nothing reaches either output.
+TEST_F(LoggingTest, AnEntrySinkTakesEveryEntryInPlaceOfBothOutputs) {
+    std::vector<std::string> sunk;
+    g_sunk = &sunk;
+    Pipe pipe;
+    StdoutTo redirect(pipe.WriteEnd());
+    Logging::SetEntrySink(Sink);
+    LogFromHelper("hello, world");
+    Logging::AddEntryWithLocation(Logging::LOGGING_SEVERITY_WARN, true, "to the system log too", "f.cpp", "Fn", 1);
+    Logging::SetEntrySink(nullptr);
+    const std::string text = pipe.ReadAvailable();
+    redirect.Restore();
+    g_sunk = nullptr;
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(sunk, (std::vector<std::string>{"INFO LogFromHelper: hello, world", "WARN Fn: to the system log too"}));
+}
+
 TEST_F(LoggingTest, LocationIsPrintedAsGiven) {
     Pipe pipe;
     StdoutTo redirect(pipe.WriteEnd());

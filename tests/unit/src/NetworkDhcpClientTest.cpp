@@ -72,6 +72,28 @@ TEST(StopDhcpTest, SignalsTheClientOfTheInterface) {
     EXPECT_EQ(client.EndingSignal(), SIGTERM);
 }
 
+// A dry run's clients: found, stopped and looked after as the lister says,
+// and never signalled (the pid given is the test's own).
+TEST(StopDhcpTest, AListersClientsAreNeverSignalled) {
+    const std::string name = UniqueName();
+    int calls = 0;
+    // Listed until it has been told to stop (the first look), as a client that goes at once.
+    DhcpClientLister previous = SetDhcpClientLister([&calls, &name](const std::string& interfaceName) {
+        return interfaceName == name && calls++ == 0 ? std::vector<pid_t>{getpid()} : std::vector<pid_t>{};
+    });
+    EXPECT_EQ(StopDhcpTimeline(name),
+              (Lines{
+                  "INFO StopDhcp: Killing udhcpc pid " + std::to_string(getpid()) + " for interface " + name,
+                  "$ rm -f /tmp/dhcp_" + name + ".txt > /dev/null 2>&1",
+              }));
+    calls = 0;
+    EXPECT_EQ(FindDhcpClient(name), getpid());
+    EXPECT_FALSE(IsDhcpClientOf(getpid(), name));
+    EXPECT_EQ(FindDhcpClient("other"), 0);
+    SetDhcpClientLister(std::move(previous));
+    EXPECT_FALSE(IsDhcpClientOf(getpid(), name));
+}
+
 TEST(StopDhcpTest, TheNameMayStandAnywhereOnTheCommandLine) {
     std::string name = UniqueName();
     FakeClient client("udhcpc", {"-b", "-R", name});

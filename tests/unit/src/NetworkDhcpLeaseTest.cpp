@@ -23,6 +23,7 @@
 #include "tests/support/Namespaces.h"
 #include "tests/support/NetworkRecords.h"
 #include "tests/support/RefusedSystemCalls.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -89,6 +90,32 @@ private:
     std::string m_name;
     std::string m_path;
 };
+
+// A dry run's directory: the lease is looked for there, and one in /tmp is
+// left for the daemon; the log still names the file by its /tmp name.
+TEST(DhcpLeaseDirectoryTest, LeasesAreTakenFromTheDirectoryNamed) {
+    const LeaseFile inTmp;
+    const TempDir directory;
+    inTmp.Write(inTmp.Name() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+    WriteLease(directory.Path("dhcp_" + inTmp.Name() + ".txt"), inTmp.Name() + " 10.0.0.6 255.255.255.0\n10.0.0.1\n");
+    const std::string previous = SetDhcpLeaseDirectory(directory.Path());
+    DHCP_STATE state{};
+    Lines timeline;
+    {
+        LogCapture log;
+        CommandRecorder commands;
+        CheckForNewDhcpAddress(inTmp.Name(), 10, state);
+        timeline = log.Timeline();
+    }
+    SetDhcpLeaseDirectory(previous);
+    ASSERT_FALSE(timeline.empty());
+    EXPECT_EQ(timeline[0], "INFO CheckForNewDhcpAddress: New DHCP lease for " + inTmp.Name());
+    EXPECT_TRUE(state.m_bLeaseValid);
+    EXPECT_EQ(state.m_ipAddress.s_addr, htonl(0x0A000006));
+    EXPECT_EQ(inTmp.Left(), Lines{"dhcp_" + inTmp.Name() + ".txt"});
+    EXPECT_EQ(ReadWhole(inTmp.Path()), inTmp.Name() + " 10.0.0.5 255.255.255.0\n10.0.0.1\n");
+    EXPECT_FALSE(std::filesystem::exists(directory.Path("dhcp_" + inTmp.Name() + ".txt")));
+}
 
 class CheckForNewDhcpAddressTest : public ::testing::Test {
 protected:

@@ -230,4 +230,20 @@ TEST(SetEthernetPhyModeTest, EntriesCarryTheUnit) {
     EXPECT_EQ(entries[0].file, "src/NetworkLinkPhy.cpp");
 }
 
+// A dry run answers the link query itself: no socket, no ioctl.
+TEST(GenericInterfaceLinkIsUpTest, AReaderAnswersInPlaceOfTheKernel) {
+    LinkStateReader previous = SetLinkStateReader([](const std::string& name, bool& up) {
+        up = name == "eth0";
+        return name == "gone" ? -1 : 0;
+    });
+    bool up = false;
+    EXPECT_EQ(GenericInterfaceLinkIsUp("eth0", up), 0);
+    EXPECT_TRUE(up);
+    EXPECT_EQ(GenericInterfaceLinkIsUp("gone", up), -1);
+    EXPECT_FALSE(up);
+    SetLinkStateReader(std::move(previous));
+    // The kernel's query again: no such interface here.
+    EXPECT_EQ(GenericInterfaceLinkIsUp("tessel-none0", up), -1);
+}
+
 }  // namespace
