@@ -37,6 +37,7 @@
 #include "tests/support/KernelShapes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
+#include "tests/support/SteppedClock.h"
 #include "tests/support/ToolPath.h"
 
 namespace {
@@ -339,8 +340,6 @@ TEST(NetworkCycleTest, DhcpStartLeaseRenewalAndLoss) {
 
 // The clock retries and client checks read in these tests: one second per pass,
 // as the daemon's loop pauses.
-int64_t g_nNowMs = 0;
-int64_t TestNow() { return g_nNowMs; }
 
 COMMAND_OUTCOME ExitStatus(int status) {
     COMMAND_OUTCOME outcome;
@@ -361,8 +360,7 @@ Lines RunTimedPasses(Eth0 link, const std::string& config, int count, const Faul
         if (!MakeEth0(link)) return Lines{"cannot make eth0"};
         if (!WriteFile(kConfigPath, config)) return Lines{"cannot write"};
         KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-        g_nNowMs = 100000;
-        MonotonicClock previous = SetMonotonicClock(TestNow);
+        SteppedClock clock(100000);
         LogCapture log;
         CommandRecorder commands;
         int pass = 0;
@@ -383,9 +381,8 @@ Lines RunTimedPasses(Eth0 link, const std::string& config, int count, const Faul
                 lines.insert(lines.end(), timeline.begin() + static_cast<std::ptrdiff_t>(seen), timeline.end());
             }
             seen = timeline.size();
-            g_nNowMs += 1000;
+            clock.Step(1000);
         }
-        SetMonotonicClock(previous);
         return lines;
     });
 }
@@ -455,8 +452,7 @@ Lines RunPhyPasses(const std::string& config, const std::string& phyFile, int co
         if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) return Lines{"cannot mount /tmp"};
         if (!WriteFile(kConfigPath, config)) return Lines{"cannot write"};
         KernelCommandLine cmdline("console=ttyS0 mac=02:00:00:00:77:01 quiet\n");
-        g_nNowMs = 100000;
-        MonotonicClock previous = SetMonotonicClock(TestNow);
+        SteppedClock clock(100000);
         LogCapture log;
         CommandRecorder commands;
         int pass = 0;
@@ -488,9 +484,8 @@ Lines RunPhyPasses(const std::string& config, const std::string& phyFile, int co
             }
             seen = timeline.size();
             shown = phy;
-            g_nNowMs += 1000;
+            clock.Step(1000);
         }
-        SetMonotonicClock(previous);
         return lines;
     });
 }

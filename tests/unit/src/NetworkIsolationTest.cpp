@@ -23,6 +23,7 @@
 #include "tests/support/FixedClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Namespaces.h"
+#include "tests/support/SteppedClock.h"
 #include "tests/support/ToolPath.h"
 
 namespace {
@@ -39,9 +40,6 @@ Lines Join(std::initializer_list<Lines> pieces) {
     return all;
 }
 
-int64_t g_nNowMs = 0;
-int64_t TestNow() { return g_nNowMs; }
-
 COMMAND_OUTCOME ExitStatus(int status) {
     COMMAND_OUTCOME outcome;
     outcome.m_nStatus = status;
@@ -53,8 +51,7 @@ COMMAND_OUTCOME ExitStatus(int status) {
 // wall clock; the isolation completed once, as after a two-port build.
 class IsolationTest : public ::testing::Test {
 protected:
-    IsolationTest() : m_wallClock(1795000000, 0), m_previousClock(SetMonotonicClock(TestNow)) {
-        g_nNowMs = 500000;
+    IsolationTest() : m_wallClock(1795000000, 0), m_clock(500000) {
         m_commands.SetOutputs([this](const std::string& command) { return m_tables.Run(command); });
         m_commands.SetOutcomes([this](const std::string& command) -> std::optional<COMMAND_OUTCOME> {
             if (m_refuse.empty() || command.rfind(m_refuse, 0) != 0) return m_tables.Failure();
@@ -66,11 +63,10 @@ protected:
         m_completed = CompleteIsolation(m_state, failure);
         m_seen = m_log.Timeline().size();
     }
-    ~IsolationTest() override { SetMonotonicClock(m_previousClock); }
 
     // One pass's look after `seconds` more, with its timeline.
     Lines After(int seconds) {
-        g_nNowMs += static_cast<int64_t>(seconds) * 1000;
+        m_clock.Step(static_cast<int64_t>(seconds) * 1000);
         SuperviseIsolation(m_state);
         return Since();
     }
@@ -84,7 +80,7 @@ protected:
     }
 
     FixedClock m_wallClock;
-    MonotonicClock m_previousClock;
+    SteppedClock m_clock;
     LogCapture m_log;
     CommandRecorder m_commands;
     FakeFilterTables m_tables;
@@ -436,7 +432,7 @@ TEST_F(IsolationTest, ACompletionWhoseListingCannotRunIsDoneAndLookedAtSoon) {
     EXPECT_EQ(state.m_problem, "not looked at yet: the link-layer rules cannot be listed (exit status 4)");
     EXPECT_EQ(state.m_verifiedAt.tv_sec, 0);
     m_refuse.clear();
-    g_nNowMs += 1000;
+    m_clock.Step(1000);
     SuperviseIsolation(state);
     EXPECT_TRUE(state.m_bInForce);
     EXPECT_EQ(state.m_problem, "");
