@@ -4,16 +4,21 @@
 #include <algorithm>
 #include <cctype>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
 #include "util/Strings.h"
 
 namespace {
 
+// Two texts held in the table itself: a table of pointers is relocated at
+// every start, which makes its page of the program private to each process.
+struct SPELLING {
+    char m_szAs[18];
+    char m_szUsual[10];
+};
+
 // The options the tools print in another spelling than the rule tables'.
-constexpr std::pair<std::string_view, std::string_view> kSpellings[] = {
+constexpr SPELLING kSpellings[] = {
     {"--in-interface", "-i"},
     {"--out-interface", "-o"},
     {"--source", "-s"},
@@ -31,15 +36,15 @@ constexpr std::pair<std::string_view, std::string_view> kSpellings[] = {
 // EtherTypes the tools print by name; the rule tables and other versions of
 // the tools give the number ("-p 0x88a8" is listed as "-p S-TAG",
 // "--vlan-encap 802_1Q" as "--vlan-encap 8100").
-constexpr std::pair<std::string_view, std::string_view> kEtherTypeNames[] = {
+constexpr SPELLING kEtherTypeNames[] = {
     {"IPv4", "0800"}, {"ARP", "0806"}, {"IPv6", "86dd"}, {"802_1Q", "8100"}, {"S-TAG", "88a8"}, {"802_1AD", "88a8"},
 };
 
 // An EtherType as four lower-case hexadecimal digits, from a name or a number
 // with or without "0x"; anything else as it is.
 std::string UsualEtherType(const std::string& value) {
-    for (const auto& [name, number] : kEtherTypeNames) {
-        if (value == name) return std::string(number);
+    for (const SPELLING& name : kEtherTypeNames) {
+        if (value == name.m_szAs) return name.m_szUsual;
     }
     std::string digits = value.starts_with("0x") || value.starts_with("0X") ? value.substr(2) : value;
     if (digits.empty() || digits.size() > 4 ||
@@ -92,8 +97,8 @@ RULE_WORDS ReadRule(const std::string& text) {
             continue;
         }
         std::string option = word;
-        for (const auto& [spelt, usual] : kSpellings) {
-            if (option == spelt) option = usual;
+        for (const SPELLING& spelling : kSpellings) {
+            if (option == spelling.m_szAs) option = spelling.m_szUsual;
         }
         if (option == "-j" && at + 1 < words.size()) rule.m_bDrop = words[at + 1] == "DROP";
         options.push_back((negated ? "! " : "") + option);
