@@ -120,14 +120,23 @@ std::string UtcText(time_t when, long offset, const char* format) {
     return text;
 }
 
+// The second the texts are made from, read as they read it: time() takes the
+// kernel's coarse clock, which may still show the last second for a tick after
+// clock_gettime shows the next one.
+time_t SecondNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec;
+}
+
 // A fixed zone five hours east of UTC, without summer time, written out by hand.
 constexpr long kFiveHoursEast = 5L * 3600;
 
 TEST(GetSystemDateTest, IsTheLocalDate) {
     TimeZone zone("TST-5");
-    time_t before = time(nullptr);
+    time_t before = SecondNow();
     std::string date = Util::GetSystemDate();
-    time_t after = time(nullptr);
+    time_t after = SecondNow();
     EXPECT_TRUE(date == UtcText(before, kFiveHoursEast, "%m/%d/%y") ||
                 date == UtcText(after, kFiveHoursEast, "%m/%d/%y"))
         << date;
@@ -135,9 +144,9 @@ TEST(GetSystemDateTest, IsTheLocalDate) {
 
 TEST(GetSystemTimeTest, IsTheLocalTimeOfDay) {
     TimeZone zone("TST-5");
-    time_t before = time(nullptr);
+    time_t before = SecondNow();
     std::string timeOfDay = Util::GetSystemTime();
-    time_t after = time(nullptr);
+    time_t after = SecondNow();
     EXPECT_TRUE(timeOfDay == UtcText(before, kFiveHoursEast, "%H:%M:%S") ||
                 timeOfDay == UtcText(after, kFiveHoursEast, "%H:%M:%S"))
         << timeOfDay;
