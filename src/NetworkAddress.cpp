@@ -7,13 +7,9 @@
 #include "logging/Logging.h"
 #include "src/NetworkShell.h"
 #include "util/Format.h"
+#include "util/TextScan.h"
 
-namespace {
-
-// inet_ntoa returns a shared buffer: copy each result before the next call.
-std::string DottedQuad(in_addr address) { return std::string(inet_ntoa(address)); }
-
-}  // namespace
+using Util::DottedQuad;
 
 bool FlushAddrAndRouting(const std::string& interfaceName, WORK_FAILURE* failure) {
     WORK_FAILURE& noted = FailureOrScratch(failure);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "logging/Logging.h"
+#include "util/TextScan.h"
 #include "util/UniqueFd.h"
 
 // An ERROR entry about the file, also noted for a caller that collects them; a
@@ -137,7 +138,7 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
     char address[16];
     char mask[16];
     char gateway[16];
-    int words = sscanf(line, "%*s %6s %15s %15s %15s", mode, address, mask, gateway);
+    int words = Util::ScanWords(line, true, {{mode, 6}, {address, 15}, {mask, 15}, {gateway, 15}});
     if (words < 1) {
         CONFIG_ERROR("Invalid syntax for " + name + " entry in config file");
         return -1;
@@ -170,7 +171,7 @@ int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
     };
     for (const StaticPart& part : parts) {
         in_addr value{};
-        if (inet_aton(part.word, &value) == 0) {
+        if (!Util::ScanIpv4(part.word, value)) {
             CONFIG_ERROR(part.fault + name);
             return -1;
         }
@@ -249,7 +250,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
                 bridge.m_bAny = true;
                 // As long as the longest word ("eth0eth1"): a longer one is cut, and then no word.
                 char word[9];
-                const bool bWord = sscanf(line, "%*s %8s", word) == 1;
+                const bool bWord = Util::ScanWords(line, true, {{word, 8}}) == 1;
                 const BRIDGE_MODE_TEXT* mode = bWord ? FindBridgeModeByWord(word) : nullptr;
                 if (!bWord) {
                     CONFIG_ERROR(kNoValueWord);
@@ -264,7 +265,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             case LINE_PHY: {
                 // As long as "frame", the one word that is not copper.
                 char word[6];
-                if (sscanf(line, "%*s %5s", word) != 1) {
+                if (Util::ScanWords(line, true, {{word, 5}}) != 1) {
                     CONFIG_ERROR(kNoValueWord);
                 } else {
                     // Every word but "frame" means copper, without complaint.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +22,7 @@
 #include "src/NetworkShell.h"
 #include "src/NetworkStop.h"
 #include "util/Format.h"
+#include "util/TextScan.h"
 #include "util/UniqueDir.h"
 #include "util/UniqueFd.h"
 
@@ -87,6 +89,17 @@ bool ReadProcessFile(pid_t pid, const char* name, char* text, size_t size) {
     return true;
 }
 
+// Two numbers as sscanf's " %ld %ld" reads them; false unless both are there.
+bool ScanTwoLongs(const char* text, long long (&values)[2]) {
+    for (long long& value : values) {
+        const char* end = nullptr;
+        value = Util::ScanDecimal(text, &end, LONG_MIN, LONG_MAX);
+        if (end == text) return false;
+        text = end;
+    }
+    return true;
+}
+
 // The parent and the process group of a process from its stat line ("pid (comm)
 // state ppid pgrp ..."); false when it cannot be read. The name may hold
 // anything, so the fields are counted from its last ')'.
@@ -94,11 +107,15 @@ bool ReadParentAndGroup(pid_t pid, pid_t& parent, pid_t& group) {
     char line[512];
     if (!ReadProcessFile(pid, "stat", line, sizeof line)) return false;
     const char* end = strrchr(line, ')');
-    long parentField = 0;
-    long groupField = 0;
-    if (end == nullptr || sscanf(end + 1, " %*c %ld %ld", &parentField, &groupField) != 2) return false;
-    parent = static_cast<pid_t>(parentField);
-    group = static_cast<pid_t>(groupField);
+    if (end == nullptr) return false;
+    // The state (one character), then the two numbers.
+    const char* p = end + 1;
+    p = Util::SkipSpace(p);
+    if (*p == '\0') return false;
+    long long fields[2] = {};
+    if (!ScanTwoLongs(p + 1, fields)) return false;
+    parent = static_cast<pid_t>(fields[0]);
+    group = static_cast<pid_t>(fields[1]);
     return true;
 }
 
@@ -128,9 +145,8 @@ bool RunsAsRoot(pid_t pid) {
     char text[1024];
     if (!ReadProcessFile(pid, "status", text, sizeof text)) return false;
     const char* line = strstr(text, "\nUid:");
-    long real = -1;
-    long effective = -1;
-    return line != nullptr && sscanf(line, "\nUid: %ld %ld", &real, &effective) == 2 && real == 0 && effective == 0;
+    long long ids[2] = {-1, -1};
+    return line != nullptr && ScanTwoLongs(line + strlen("\nUid:"), ids) && ids[0] == 0 && ids[1] == 0;
 }
 
 DhcpClientLister& ActiveLister() {
@@ -154,7 +170,7 @@ bool ForEachClient(const std::string& interfaceName, Found found) {
         // Relative to /proc, already open: no walk of the path's first part.
         snprintf(path, sizeof path, "%s/cmdline", entry->d_name);
         if (Serves(ReadUdhcpcArguments(dirfd(proc.get()), path), interfaceName)) {
-            found(static_cast<pid_t>(strtol(entry->d_name, nullptr, 10)));
+            found(static_cast<pid_t>(Util::ScanDecimal(entry->d_name, nullptr, LONG_MIN, LONG_MAX)));
         }
     }
     return true;

@@ -24,6 +24,7 @@
 #include "src/NetworkInputText.h"
 #include "src/NetworkShell.h"
 #include "util/Format.h"
+#include "util/TextScan.h"
 #include "util/UniqueFd.h"
 #include "util/UniqueFile.h"
 
@@ -36,7 +37,7 @@ const std::string kNoLease = "No DHCP lease for ";
 // Writes `address` only when the text converts, so a bad field leaves 0.0.0.0.
 bool ToAddress(const char* text, in_addr& address) {
     in_addr converted{};
-    if (inet_aton(text, &converted) == 0) return false;
+    if (!Util::ScanIpv4(text, converted)) return false;
     address = converted;
     return true;
 }
@@ -206,7 +207,7 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     int nFields = 0;
     if (fgets(line, sizeof line, file.get()) == nullptr) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false, "Unable to read DHCP lease file for " + interfaceName);
-    } else if ((nFields = sscanf(line, "%16s %15s %15s %15s", name, address, mask, server)) < 3) {
+    } else if ((nFields = Util::ScanWords(line, false, {{name, 16}, {address, 15}, {mask, 15}, {server, 15}})) < 3) {
         LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
                   "Unable to parse DHCP lease file for " + interfaceName + " invalid first line");
     } else if (!ToAddress(address, candidate.m_ipAddress)) {
@@ -226,7 +227,7 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
         if (fgets(line, sizeof line, file.get()) == nullptr) {
             LOG_ENTRY(LOGGING_SEVERITY_INFO, false,
                       "DHCP did not provide gateway for " + EscapeControlCharacters(name));
-        } else if (sscanf(line, "%15s", gateway) != 1) {
+        } else if (Util::ScanWords(line, false, {{gateway, 15}}) != 1) {
             LOG_ENTRY(LOGGING_SEVERITY_ERROR, false,
                       "Unable to parse DHCP lease file for " + interfaceName + " invalid second line");
         } else if (!ToAddress(gateway, candidate.m_gateway)) {

@@ -10,6 +10,8 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -102,11 +104,17 @@ bool DefaultRouteMessage(const nlmsghdr* header) {
     return info->rtm_family == AF_INET && info->rtm_dst_len == 0;
 }
 
-// Looks up each owned link's index, as the kernel has it now.
+// Looks up each owned link's index, as the kernel has it now: asked as
+// if_nametoindex asks, on one socket for all of them.
 void LookUpOwnedLinks(OWNED_LINKS& owned) {
+    const Util::UniqueFd query(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!query.IsOpen()) return;
     for (size_t i = 0; i < kOwnedLinkCount; ++i) {
-        const unsigned int index = if_nametoindex(kOwnedLinks[i]);
-        if (index != 0) owned.m_indexes[i] = static_cast<int>(index);
+        ifreq request{};
+        strncpy(request.ifr_name, kOwnedLinks[i], IFNAMSIZ - 1);
+        if (ioctl(query.Get(), SIOCGIFINDEX, &request) == 0 && request.ifr_ifindex > 0) {
+            owned.m_indexes[i] = request.ifr_ifindex;
+        }
     }
 }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "src/NetworkStatusFile.h"
+#include "util/TextScan.h"
 
 namespace {
 
@@ -29,8 +31,8 @@ pid_t PidInFile(int fd) {
     char text[24] = {};
     const ssize_t count = pread(fd, text, sizeof text - 1, 0);
     if (count <= 0) return 0;
-    char* end = nullptr;
-    const long pid = strtol(text, &end, 10);
+    const char* end = nullptr;
+    const long long pid = Util::ScanDecimal(text, &end, LONG_MIN, LONG_MAX);
     return end != text && (*end == '\n' || *end == '\0') && pid > 0 ? static_cast<pid_t>(pid) : 0;
 }
 

@@ -9,8 +9,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 
+#include "util/TextScan.h"
 #include "util/UniqueFd.h"
 
 namespace {
@@ -48,8 +50,8 @@ int64_t WatchdogHalfPeriodUs() {
         const char* usec = getenv("WATCHDOG_USEC");
         if (usec == nullptr) return int64_t{0};
         const char* pid = getenv("WATCHDOG_PID");
-        if (pid != nullptr && strtol(pid, nullptr, 10) != static_cast<long>(getpid())) return int64_t{0};
-        long long period = strtoll(usec, nullptr, 10);
+        if (pid != nullptr && Util::ScanDecimal(pid, nullptr, LONG_MIN, LONG_MAX) != getpid()) return int64_t{0};
+        const long long period = Util::ScanDecimal(usec, nullptr, LLONG_MIN, LLONG_MAX);
         return period > 0 ? static_cast<int64_t>(period / 2) : int64_t{0};
     }();
     return half;

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "src/NetworkNetlink.h"
+#include "util/TextScan.h"
 #include "util/UniqueFd.h"
 #include "util/UniqueMapping.h"
 
@@ -107,11 +108,7 @@ bool HasRoute(const KERNEL_SHAPE& kernel, int index, const WANTED_ADDRESS& wante
     });
 }
 
-std::string Dotted(in_addr address) {
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &address, text, sizeof(text));
-    return text;
-}
+std::string Dotted(in_addr address) { return Util::DottedQuad(address); }
 
 const char* const kRemoved = " was removed";
 const char* const kSetDown = " was set down";

@@ -16,6 +16,7 @@
 #include "src/NetworkStatusSnapshot.h"
 #include "util/Encoding.h"
 #include "util/Format.h"
+#include "util/TextScan.h"
 
 namespace {
 
@@ -60,9 +61,8 @@ public:
     }
     // Dotted, or null when absent.
     NOINLINE void Address(const char* name, bool bPresent, in_addr address) {
-        char text[INET_ADDRSTRLEN] = {};
-        if (!bPresent || inet_ntop(AF_INET, &address, text, sizeof text) == nullptr) return Null(name);
-        String(name, text);
+        if (!bPresent) return Null(name);
+        String(name, Util::DottedQuad(address));
     }
     // ISO 8601 with the zone, or null for the zero time.
     NOINLINE void Time(const char* name, const timespec& t) {
