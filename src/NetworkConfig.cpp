@@ -134,10 +134,10 @@ bool ReadPiece(ConfigText& text, char* line, size_t size) {
 int ParseInterfaceLine(const std::string& name, char* line, IP_CONFIG& config) {
     // Widths cut longer words instead of rejecting them; the rest of a cut word
     // becomes the next word. 15 characters is the longest dotted quad.
-    char mode[7];
-    char address[16];
-    char mask[16];
-    char gateway[16];
+    char mode[7] = {};
+    char address[16] = {};
+    char mask[16] = {};
+    char gateway[16] = {};
     int words = Util::ScanWords(line, true, {{mode, 6}, {address, 15}, {mask, 15}, {gateway, 15}});
     if (words < 1) {
         CONFIG_ERROR("Invalid syntax for " + name + " entry in config file");
@@ -249,7 +249,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             case LINE_BRIDGE: {
                 bridge.m_bAny = true;
                 // As long as the longest word ("eth0eth1"): a longer one is cut, and then no word.
-                char word[9];
+                char word[9] = {};
                 const bool bWord = Util::ScanWords(line, true, {{word, 8}}) == 1;
                 const BRIDGE_MODE_TEXT* mode = bWord ? FindBridgeModeByWord(word) : nullptr;
                 if (!bWord) {
@@ -264,7 +264,7 @@ int ParseConfigFile(const std::string& path, USER_SETTINGS& settings, bool& bSet
             }
             case LINE_PHY: {
                 // As long as "frame", the one word that is not copper.
-                char word[6];
+                char word[6] = {};
                 if (Util::ScanWords(line, true, {{word, 5}}) != 1) {
                     CONFIG_ERROR(kNoValueWord);
                 } else {

@@ -197,10 +197,10 @@ bool CheckForNewDhcpAddress(const std::string& interfaceName, unsigned int metri
     // A line longer than the buffer is read in pieces, the next piece as the next line.
     DHCP_STATE candidate{};
     char line[256];
-    char name[16 + 1];
-    char address[15 + 1];
-    char mask[15 + 1];
-    char gateway[15 + 1];
+    char name[16 + 1] = {};
+    char address[15 + 1] = {};
+    char mask[15 + 1] = {};
+    char gateway[15 + 1] = {};
     char server[15 + 1] = {};
     // Assigned in the first line's test below, and read only after it.
     // cppcheck-suppress unreadVariable
