@@ -33,7 +33,12 @@ __all__ = ["CTL", "DAEMON", "DEVICE_MAC", "DHCP_RANGE", "ISOLATION_RULES", "LAB_
            "seconds_until", "unavailable_reason"]
 
 # Tests use a lab of their own name, so a demo left running (tools/demo --keep) stays untouched.
+# A test that runs beside the others (OWN_LAB in tests/CMakeLists.txt) is told
+# its own part of the name (TESSEL_LAB_OWN), so its lab shares no namespace,
+# state directory or lock with theirs.
 LAB_NAME = os.environ.get("TESSEL_LAB", "tessel-labtest")
+if os.environ.get("TESSEL_LAB_OWN"):
+    LAB_NAME += "-" + os.environ["TESSEL_LAB_OWN"]
 DAEMON = os.environ.get("TESSEL_DAEMON")
 CTL = os.environ.get("TESSEL_CTL")  # the operator command, copied into the lab with the daemon
 
@@ -154,7 +159,8 @@ class LinkEvents:
 
 
 class Lab(lab.Lab):
-    """The tests' lab: TESSEL_LAB's (default tessel-labtest), running TESSEL_DAEMON."""
+    """The tests' lab: LAB_NAME's (TESSEL_LAB's, default tessel-labtest, and
+    TESSEL_LAB_OWN's part), running TESSEL_DAEMON."""
 
     def __init__(self, name=LAB_NAME, daemon=DAEMON, ctl=CTL):
         super().__init__(name, daemon, ctl)

@@ -20,7 +20,7 @@ import threading
 import time
 import unittest
 
-from labtest import ISOLATION_RULES, LAB_NAME, PEER1_ADDR, Lab, main
+from labtest import ISOLATION_RULES, PEER1_ADDR, Lab, main
 from tesselkit import isolation
 from tesselkit.device import DHCP_CLIENT_ARGS, TWO_PORT_CONFIG, VETH3_ADDR, config_text
 from tesselkit.lab import run
@@ -93,8 +93,8 @@ class PeakWatch:
 
 class SoakTest(unittest.TestCase):
     def setUp(self):
-        # A name of its own: the soak runs beside the other lab tests.
-        self.lab = Lab(name=LAB_NAME + "-soak")
+        # A lab of its own name (OWN_LAB): the soak runs beside the other lab tests.
+        self.lab = Lab()
         self.addCleanup(self.lab.down)
         self.lab.up()
         self.samples = []
