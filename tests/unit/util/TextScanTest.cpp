@@ -34,29 +34,32 @@ struct WORDS {
     std::string m_texts[4];
 };
 
-WORDS Scanned(const std::string& text, bool bSkipFirst) {
+// The four fields of an interface line ("%6s %15s %15s %15s"), each "?" until
+// `read` fills it; `read` returns what the reader does.
+template <typename Read>
+WORDS ReadFields(Read read) {
     char a[7] = "?";
     char b[16] = "?";
     char c[16] = "?";
     char d[16] = "?";
     WORDS words;
-    words.m_nResult = Util::ScanWords(text.c_str(), bSkipFirst, {{a, 6}, {b, 15}, {c, 15}, {d, 15}});
+    words.m_nResult = read(a, b, c, d);
     const char* fields[] = {a, b, c, d};
     for (int i = 0; i < 4; ++i) words.m_texts[i] = fields[i];
     return words;
 }
 
+WORDS Scanned(const std::string& text, bool bSkipFirst) {
+    return ReadFields([&](char* a, char* b, char* c, char* d) {
+        return Util::ScanWords(text.c_str(), bSkipFirst, {{a, 6}, {b, 15}, {c, 15}, {d, 15}});
+    });
+}
+
 WORDS ByLibrary(const std::string& text, bool bSkipFirst) {
-    char a[7] = "?";
-    char b[16] = "?";
-    char c[16] = "?";
-    char d[16] = "?";
-    WORDS words;
-    words.m_nResult = bSkipFirst ? sscanf(text.c_str(), "%*s %6s %15s %15s %15s", a, b, c, d)
-                                 : sscanf(text.c_str(), "%6s %15s %15s %15s", a, b, c, d);
-    const char* fields[] = {a, b, c, d};
-    for (int i = 0; i < 4; ++i) words.m_texts[i] = fields[i];
-    return words;
+    return ReadFields([&](char* a, char* b, char* c, char* d) {
+        return bSkipFirst ? sscanf(text.c_str(), "%*s %6s %15s %15s %15s", a, b, c, d)
+                          : sscanf(text.c_str(), "%6s %15s %15s %15s", a, b, c, d);
+    });
 }
 
 void ExpectSameWords(const std::string& text, bool bSkipFirst) {
