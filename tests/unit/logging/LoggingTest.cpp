@@ -629,6 +629,7 @@ TEST_F(LoggingTest, EntriesInterruptedAnywhereStayWholeLines) {
     g_handlerMessage = &handlerMessage;
     g_handled = 0;
     std::vector<std::string> messages;
+    messages.reserve(4000);
     for (int i = 0; i < 4000; i++) {
         messages.push_back("entry " + std::to_string(i) + " " + std::string(i % 50 == 0 ? 5000 : 200, 'z'));
     }

@@ -632,6 +632,8 @@ TEST(NetworkCycleFaultTest, FailedIsolationRuleStopsTheBuildAndLeavesEth1Blocked
                "> -A PREROUTING -i veth0 -j DROP", "> -A POSTROUTING -o veth0 -j DROP", "> EOF",
                "INFO SetupBridge: Setting up bridge for control network", "$ ip link set eth1 down",
                "$ ip link set eth1 master br0", "$ ip link set eth1 up", "$ ip link set eth1 arp off", "$ iptables -F",
+               // One entry, cut to fit the line.
+               // NOLINTNEXTLINE(bugprone-suspicious-missing-comma)
                "ERROR RunStep: Command failed (exit status 4): iptables -A INPUT --source 10.253.254.254 -m "
                "physdev --physdev-in eth1 -j DROP",
                "WARN NoteWorkFailed: Retrying bridge setup in 1 s (failed attempts: 1)",

@@ -469,6 +469,7 @@ std::string RouteReport(uint16_t type, unsigned char destinationLength, int inde
 // A link the daemon does not own going down and up, `flaps` times.
 std::vector<std::string> ForeignFlaps(int flaps) {
     std::vector<std::string> datagrams;
+    datagrams.reserve(static_cast<size_t>(flaps));
     for (int i = 0; i < flaps; ++i) datagrams.push_back(LinkReport(RTM_NEWLINK, 4242, "dummy7", i % 2 == 1));
     return datagrams;
 }

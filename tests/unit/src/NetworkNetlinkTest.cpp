@@ -93,6 +93,7 @@ struct Datagrams {
 // The indexes of the link messages a dump handed over, in order.
 std::vector<int> Indexes(const std::vector<const nlmsghdr*>& headers) {
     std::vector<int> indexes;
+    indexes.reserve(headers.size());
     for (const nlmsghdr* header : headers)
         indexes.push_back(static_cast<const ifinfomsg*>(NLMSG_DATA(header))->ifi_index);
     return indexes;

@@ -321,6 +321,8 @@ TEST(RunStepTest, AStepThatMustSucceedStopsTheWorkWithAnErrorNamingIt) {
                                   "$ build",
                                   "ERROR RunStep: Command failed (exit status 2): build",
                                   "$ unstartable",
+                                  // One entry, cut to fit the line.
+                                  // NOLINTNEXTLINE(bugprone-suspicious-missing-comma)
                                   "ERROR RunStep: Command failed (not started (Resource temporarily unavailable)): "
                                   "unstartable",
                               }));
